@@ -1,0 +1,34 @@
+// The file system the caller hands to the libraries. Every file of a disk is
+// opened, tested, locked and deleted through it; the libraries never touch
+// files any other way.
+#pragma once
+
+#include "base/CBase.h"
+#include "base/CProps.h"
+#include "base/CURI.h"
+#include "base/IIOStream.h"
+
+namespace zu {
+
+class IFileSystem : public virtual IBase {
+public:
+    // Opens a stream on the file. Access is an IIOStream::Access value.
+    // Options are implementation-specific; the libraries pass none.
+    // A missing file (without the create bit) throws CFileSystemError
+    // problemNotFound; an existing one with accessCreateNew throws
+    // problemAlreadyExists.
+    virtual P<IIOStream> openStream(const CURI& uri, int access, const CProps& options) = 0;
+    virtual bool exists(const CURI& uri) = 0;
+    // Size in bytes; CFileSystemError problemNotFound when missing.
+    virtual long long getFileSize(const CURI& uri) = 0;
+    // Deletes the file. With ignoreMissing a missing file is not an error.
+    virtual void deleteFile(const CURI& uri, bool ignoreMissing) = 0;
+    // Takes an advisory lock on the file (created when missing) and returns
+    // the handle that holds it: the lock lasts until the handle's last
+    // reference goes. Locks held by a process that died are gone with it.
+    // Without `wait`, a conflicting lock throws CLockFileError at once.
+    // With `removeOnRelease` the file is deleted when the last holder lets go.
+    virtual P<IBase> lockFile(const CURI& uri, IStreamBase::LockType type, bool wait, bool removeOnRelease) = 0;
+};
+
+} // namespace zu

@@ -1,0 +1,37 @@
+// Renews a disk's content ID before the first change of its data, so that
+// delta disks made from it can tell that it changed (their parentCID no
+// longer matches). Once per opened disk, lazily: a disk opened for writing
+// but never written keeps its content ID.
+//
+// Made by the disk, shared with its extent files (which report their first
+// change), and holding the disk's in-memory descriptor.
+#pragma once
+
+#include "base/IFileSystem.h"
+#include "descriptor/CVMDKDescriptor.h"
+
+namespace kord {
+
+class CVMDKContentIDUpdater : public zu::CBase {
+public:
+    CVMDKContentIDUpdater(zu::IFileSystem* fileSystem, const zu::CURI& descriptorFileURI, CVMDKDescriptor* descriptor);
+
+    void setContentIDUpdatesEnabled(bool enabled) { this->enabled = enabled; }
+    bool isDone() const { return done; }
+
+    // Called by an extent file before it changes its content. When the
+    // descriptor is embedded in that very file (same normalised URI), its
+    // open stream is used; otherwise the descriptor file is opened. Writes a
+    // new content ID in place and flushes it before returning; errors pass
+    // on and leave the renewal to be tried again at the next change.
+    void onDiskAboutToChange(const zu::CURI& extentURI, zu::IIOStream* extentStream);
+
+private:
+    zu::P<zu::IFileSystem> fileSystem;
+    zu::CURI descriptorFileURI;
+    zu::P<CVMDKDescriptor> descriptor;
+    bool done = false;
+    bool enabled = true;
+};
+
+} // namespace kord

@@ -1,0 +1,143 @@
+#include "descriptor/CVMDKDescriptorAccessor.h"
+
+#include "base/CDataInStream.h"
+#include "base/CIOError.h"
+#include "base/CMTRand.h"
+#include "base/Endian.h"
+#include "base/Log.h"
+#include "base/Threads.h"
+#include "format/CVMDKSparseExtentHeader.h"
+#include "format/VMDKMarker.h"
+
+#include <climits>
+
+namespace kord {
+
+namespace {
+
+// Restores a stream's position when it goes, also on errors.
+class CPositionKeeper {
+public:
+    explicit CPositionKeeper(zu::IIOStream* stream) : stream(stream), position(stream->getPosition()) {}
+    ~CPositionKeeper()
+    {
+        try {
+            if (stream->getPosition() != position) stream->seek(position);
+        } catch (const std::exception& e) {
+            zu::onExceptionInDestructorIgnored("kord::CVMDKDescriptorAccessor", e);
+        }
+    }
+
+private:
+    zu::IIOStream* stream;
+    long long position;
+};
+
+zu::String uriText(zu::IIOStream* stream) { return stream->getURI().toString(true); }
+
+zu::CIOError tooBig(zu::IIOStream* stream, const zu::String& bytes)
+{
+    return zu::CIOError(zu::CIOError::codeInvalidData, "VMDK descriptor is too big (" + bytes + " bytes).",
+                        zu::CProps().set("uri", uriText(stream)));
+}
+
+// Decimal text of sectors * 512 without overflow, for messages.
+zu::String sectorsAsBytes(long long sectors)
+{
+    unsigned __int128 bytes = static_cast<unsigned __int128>(sectors) * vmdkSectorSize;
+    std::string digits;
+    do {
+        digits.insert(digits.begin(), static_cast<char>('0' + static_cast<int>(bytes % 10)));
+        bytes /= 10;
+    } while (bytes != 0);
+    return zu::String(digits);
+}
+
+} // namespace
+
+CVMDKDescriptorAccessor::CVMDKDescriptorAccessor(zu::IIOStream* stream, int access) : stream(stream), access(access)
+{
+    CPositionKeeper keeper(stream);
+    locate();
+    zu::TBuffer<unsigned char> text(areaSize);
+    stream->seek(descriptorStart);
+    if (areaSize > 0) stream->read(text.getData(), static_cast<int>(areaSize));
+    descriptor = zu::newObj<CVMDKDescriptor>(text);
+}
+
+void CVMDKDescriptorAccessor::locate()
+{
+    unsigned char magicBytes[4] = {};
+    stream->seek(0);
+    int got = stream->readLax(magicBytes, 4);
+    std::uint32_t magic = got == 4 ? zu::loadLE32(magicBytes) : 0;
+    if (magic != CVMDKSparseExtentHeader::magicStandard && magic != CVMDKSparseExtentHeader::magicExtended) {
+        embedded = false;
+        descriptorStart = 0;
+        areaSize = stream->getLength();
+        if (areaSize > maxDescriptorBytes) throw tooBig(stream, zu::toString(areaSize));
+        return;
+    }
+
+    embedded = true;
+    stream->seek(0);
+    zu::CDataInStream in(stream);
+    CVMDKSparseExtentHeader header;
+    header.load(in);
+    if (header.version < 1 || header.version > 3)
+        throw zu::CIOError(zu::CIOError::codeUnsupportedVersion,
+                           "VMDK file has an unsupported version: " + zu::toString(header.version),
+                           zu::CProps().set("uri", uriText(stream)));
+    if (header.descriptorOffset <= 0 || header.descriptorSize <= 0)
+        throw zu::CIOError(zu::CIOError::codeInvalidData, "No VMDK descriptor found in VMDK file.",
+                           zu::CProps().set("uri", uriText(stream)));
+    // Sizes are checked before they are multiplied: a hostile header must
+    // not cause an overflow or a huge read.
+    if (header.descriptorSize > maxDescriptorBytes / vmdkSectorSize)
+        throw tooBig(stream, sectorsAsBytes(header.descriptorSize));
+    long long fileSize = stream->getLength();
+    if (header.descriptorOffset > (LLONG_MAX / vmdkSectorSize) - header.descriptorSize ||
+        (header.descriptorOffset + header.descriptorSize) * vmdkSectorSize > fileSize)
+        throw zu::CIOError(zu::CIOError::codeInvalidData,
+                           "VMDK descriptor area is invalid (offset: " + zu::toString(header.descriptorOffset) +
+                               " sectors, size: " + zu::toString(header.descriptorSize) + " sectors).",
+                           zu::CProps()
+                               .set("uri", uriText(stream))
+                               .set("descriptorOffset", header.descriptorOffset)
+                               .set("descriptorSize", header.descriptorSize)
+                               .set("fileSize", fileSize));
+    descriptorStart = header.descriptorOffset * vmdkSectorSize;
+    areaSize = header.descriptorSize * vmdkSectorSize;
+}
+
+void CVMDKDescriptorAccessor::storeDescriptor(bool flush)
+{
+    if (access != zu::IIOStream::accessReadWrite)
+        throw zu::CError("Internal error: CVMDKDescriptorAccessor::storeDescriptor was called, but the accessor was "
+                         "not opened for writing.");
+    CPositionKeeper keeper(stream);
+    stream->seek(descriptorStart);
+    zu::TBuffer<unsigned char> pad;
+    pad.setUsedFill(areaSize, 0);
+    descriptor->store(*stream, static_cast<int>(areaSize), pad);
+    if (flush) stream->flush();
+}
+
+unsigned CVMDKDescriptorAccessor::changeContentID()
+{
+    if (access != zu::IIOStream::accessReadWrite)
+        throw zu::CError("Internal error: CVMDKDescriptorAccessor::changeContentID was called, but the accessor was "
+                         "not opened for writing.");
+    unsigned old = descriptor->getContentID();
+    unsigned value;
+    {
+        zu::CMutexLock lock(zu::getGlobalMutex());
+        do {
+            value = zu::CMTRand::getGlobal().rand32();
+        } while (value == 0 || value == 0xFFFFFFFFu || value == old);
+    }
+    descriptor->setContentID(value);
+    return value;
+}
+
+} // namespace kord

@@ -1,0 +1,50 @@
+// Finds a disk's descriptor in an open stream, either embedded in the
+// descriptor area of a sparse extent file (monolithic and stream-optimized
+// disks) or as a whole text file, loads it, and writes it back in place.
+//
+// The descriptor's room never changes: the embedded area keeps its sectors
+// and a text file keeps its size, so a longer descriptor than fits is an
+// error and a shorter one is followed by zero bytes.
+#pragma once
+
+#include "base/IIOStream.h"
+#include "descriptor/CVMDKDescriptor.h"
+
+namespace kord {
+
+class CVMDKDescriptorAccessor : public zu::CBase {
+public:
+    // Descriptors larger than this are refused (5 MiB).
+    static constexpr long long maxDescriptorBytes = 0x500000;
+
+    // Locates and loads the descriptor; the stream position is unchanged.
+    // Throws zu::CIOError code 6 for an unsupported header version, code 5
+    // when a sparse file has no descriptor, its area is invalid or lies past
+    // the end of the file, or the descriptor is too big.
+    CVMDKDescriptorAccessor(zu::IIOStream* stream, int access);
+
+    // The loaded descriptor; change it there and call storeDescriptor.
+    zu::P<CVMDKDescriptor> getDescriptor() const { return descriptor; }
+    bool isEmbedded() const { return embedded; }
+    long long getDescriptorStart() const { return descriptorStart; }
+    long long getDescriptorAreaSize() const { return areaSize; }
+
+    // Writes the descriptor back into its area (zero-filled behind the
+    // text), then flushes the stream when `flush`. Needs read-write access.
+    void storeDescriptor(bool flush);
+    // Gives the descriptor a new random content ID (never 0, ffffffff or the
+    // old one) in memory and returns it; the caller stores it.
+    unsigned changeContentID();
+
+private:
+    void locate();
+
+    zu::P<zu::IIOStream> stream;
+    int access;
+    bool embedded = false;
+    long long descriptorStart = 0;
+    long long areaSize = 0;
+    zu::P<CVMDKDescriptor> descriptor;
+};
+
+} // namespace kord

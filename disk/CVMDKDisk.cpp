@@ -1,0 +1,552 @@
+#include "disk/CVMDKDisk.h"
+
+#include "base/CIOError.h"
+#include "base/CMTRand.h"
+#include "base/Log.h"
+#include "base/Parse.h"
+#include "crypto/CCipher_AES256CBC.h"
+#include "crypto/CDigestType_SHA256.h"
+#include "crypto/KeyDerivation.h"
+#include "disk/CVMDKParentDiskDataProvider.h"
+#include "extent/CVMDKOnDemandExtentFile.h"
+#include "extent/CVMDKSparseExtentFile.h"
+#include "format/CVMDKLowLevelFileStream.h"
+#include "format/VMDKFileReference.h"
+#include "format/VMDKMarker.h"
+
+#include <algorithm>
+#include <climits>
+#include <set>
+
+namespace kord {
+
+namespace {
+
+const char* const derivationPrefix = "pkcs5-pbkdf2-hmac-sha1:";
+constexpr long long newDiskIterations = 10000;
+constexpr long long minIterations = 1000;
+constexpr long long minSaltBytes = 8;
+
+bool isSupportedCreateType(const zu::String& type)
+{
+    return type == zu::String("twoGbMaxExtentSparse") || type == zu::String("streamOptimized") ||
+           type == zu::String("monolithicSparse");
+}
+
+} // namespace
+
+CVMDKDisk::CVMDKDisk(zu::IFileSystem* fileSystem, const zu::CURI& uri, int access, const zu::String& password,
+                     int compressionLevel, CVMDKGrainTableCache* grainTableCache, CVMDKDisk* parentDisk)
+    : CVMDKDisk(fileSystem, uri, access, password, compressionLevel, grainTableCache, parentDisk,
+                std::vector<zu::CURI>())
+{
+}
+
+CVMDKDisk::CVMDKDisk(zu::IFileSystem* fileSystem, const zu::CURI& uri, int access, const zu::String& password,
+                     int compressionLevel, CVMDKGrainTableCache* grainTableCache, CVMDKDisk* parentDisk,
+                     const std::vector<zu::CURI>& childChain)
+    : fileSystem(fileSystem), mainURI(uri.toNormalized()), access(access), compressionLevel(compressionLevel)
+{
+    if (access != zu::IIOStream::accessRead && access != zu::IIOStream::accessReadWrite)
+        throw zu::CInvalidArgError("CVMDKDisk constructor", "Invalid access mode: " + zu::toString(access),
+                                   mainProps());
+    construct(password, grainTableCache, parentDisk, childChain);
+}
+
+CVMDKDisk::~CVMDKDisk()
+{
+    try {
+        flushChanges();
+        closeCurrentExtent();
+    } catch (const std::exception& e) {
+        zu::onExceptionInDestructorIgnored("kord::CVMDKDisk", e);
+    }
+}
+
+zu::CProps CVMDKDisk::mainProps() const { return zu::CProps().set("uri", mainURI.toString(true)); }
+
+void CVMDKDisk::construct(const zu::String& password, CVMDKGrainTableCache* cache, CVMDKDisk* parentDisk,
+                          const std::vector<zu::CURI>& childChain)
+{
+    takeLock();
+    grainTableCache = cache ? cache : zu::newObj<CVMDKGrainTableCache>(CVMDKGrainTableCache::defaultLimit).get();
+    descriptor = openDescriptorAccessor()->getDescriptor();
+    if (descriptor->getEntryCount() == 0)
+        throw zu::CIOError(zu::CIOError::codeInvalidData, "No descriptor found in main VMDK file.", mainProps());
+    zu::String createType = descriptor->getCreateType();
+    if (!isSupportedCreateType(createType))
+        throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK disk has an unsupported create type: '" + createType + "'.",
+                           mainProps());
+    setUpEncryption(password);
+    createExtentFilesOnDemand = descriptor->getZuCreateExtentFilesOnDemand();
+    buildExtentMap();
+    learnGrainGeometry();
+
+    unsigned parentContentID = descriptor->getParentContentID();
+    if (parentContentID != 0xFFFFFFFFu) {
+        std::vector<zu::CURI> chain(childChain);
+        chain.push_back(mainURI);
+        parentDataProvider = zu::newObj<CVMDKParentDiskDataProvider>(
+            fileSystem, mainURI, parentContentID, descriptor->getParentFileNameHint(), grainSizeSectors, password,
+            compressionLevel, grainTableCache, parentDisk, chain);
+        parentURI = parentDataProvider->getParentURI();
+    }
+    contentIDUpdater = zu::newObj<CVMDKContentIDUpdater>(fileSystem, mainURI, descriptor);
+    diskSizeBytes = diskSizeSectors * vmdkSectorSize;
+    currentExtentStartBytes = -1;
+    currentExtentSizeBytes = 0;
+    position = 0;
+}
+
+void CVMDKDisk::takeLock()
+{
+    zu::CURI lockURI(mainURI.getParent(), mainURI.getName() + ".lock");
+    zu::CLockFile::LockType type =
+        access == zu::IIOStream::accessReadWrite ? zu::CLockFile::lockTypeWrite : zu::CLockFile::lockTypeRead;
+    try {
+        lockFile = zu::newObj<zu::CLockFile>(fileSystem, lockURI, type, false, true);
+    } catch (const std::exception&) {
+        // A reader may go on without a lock where none can be made (a
+        // read-only medium), but never past a lock that someone holds.
+        if (access != zu::IIOStream::accessRead || fileSystem->exists(lockURI)) throw;
+    }
+}
+
+zu::P<CVMDKDescriptorAccessor> CVMDKDisk::openDescriptorAccessor()
+{
+    if (currentExtent && currentExtentURI == mainURI) {
+        if (auto* sparse = zu::tryCast<CVMDKSparseExtentFile>(currentExtent.get()))
+            return zu::newObj<CVMDKDescriptorAccessor>(sparse->getStream(), access);
+    }
+    zu::P<zu::IIOStream> stream = openVMDKFileStream(fileSystem, mainURI, access);
+    return zu::newObj<CVMDKDescriptorAccessor>(stream, access);
+}
+
+void CVMDKDisk::deriveEncryptKey(zu::TCryptBuffer<unsigned char>& key, int keyLength, const zu::String& password,
+                                 const zu::String& derivationAlgorithm, const zu::TBuffer<unsigned char>& salt)
+{
+    const char* where = "CVMDKDisk::deriveEncryptKey";
+    std::string passwordBytes = password.toUTF8();
+    key.setUsed(keyLength);
+    if (!derivationAlgorithm.StartsWith(derivationPrefix))
+        throw zu::CInvalidArgError(where, "Unknown encryption key derivation algorithm: " + derivationAlgorithm);
+    long long iterations = zu::parseInt64(derivationAlgorithm.substr(std::char_traits<char>::length(derivationPrefix)), false);
+    if (salt.getUsed() < minSaltBytes)
+        throw zu::CInvalidArgError(where, "Key derivation salt is too small: " + zu::toString(salt.getUsed()) + " bytes");
+    if (iterations < minIterations)
+        throw zu::CInvalidArgError(where, "Key derivation iterations are too small: " + zu::toString(iterations));
+    // A hostile descriptor must not make the open run for hours.
+    if (iterations > maxKeyDerivationIterations)
+        throw zu::CInvalidArgError(where, "Key derivation iterations are too large: " + zu::toString(iterations));
+    pell::deriveKey_PKCS5_PBKDF2_HMAC_SHA1(reinterpret_cast<const unsigned char*>(passwordBytes.data()),
+                                          static_cast<int>(passwordBytes.size()), salt.getData(),
+                                          static_cast<int>(salt.getUsed()), iterations, keyLength, key.getData());
+    std::fill(passwordBytes.begin(), passwordBytes.end(), '\0');
+}
+
+void CVMDKDisk::setUpEncryption(const zu::String& password)
+{
+    zu::String algorithm = descriptor->getZuEncryptionAlgorithm();
+    if (algorithm.empty()) return;
+    if (algorithm != zu::String("aes256cbc"))
+        throw zu::CError("Unsupported encryption algorithm used in VMDK: " + algorithm, zu::String(), -1, mainProps());
+    cipher = zu::newObj<pell::CCipher_AES256CBC>();
+    if (password.empty()) throw zu::CError("VMDK is encrypted but no password provided", zu::String(), -1, mainProps());
+
+    zu::TCryptBuffer<unsigned char> passwordKey;
+    deriveEncryptKey(passwordKey, cipher->getKeySize(), password, descriptor->getZuEncryptionKeyDerivationAlgorithm(),
+                     descriptor->getZuEncryptionKeyDerivationSalt());
+    zu::TBuffer<unsigned char> wrapped = descriptor->getZuEncryptedEncryptionKey();
+    encryptionIV = descriptor->getZuEncryptionIV();
+    if (encryptionIV.getUsed() != cipher->getIVSize())
+        throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK encryption IV has an invalid size.",
+                           mainProps().set("ivSize", encryptionIV.getUsed()).set("expectedIVSize", cipher->getIVSize()));
+    // The data key is wrapped with padding: one block more than the key.
+    long long wrappedSize = (cipher->getKeySize() / cipher->getBlockSize() + 1) * cipher->getBlockSize();
+    if (wrapped.getUsed() != wrappedSize)
+        throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK encrypted encryption key has an invalid size.",
+                           mainProps().set("keySize", wrapped.getUsed()).set("expectedKeySize", wrappedSize));
+    zu::CError wrongPassword("Specified VMDK encryption password is not correct.", zu::String(), -1, mainProps());
+    try {
+        cipher->decrypt(passwordKey.getData(), wrapped.getData(), static_cast<int>(wrapped.getUsed()), encryptionKey, 0,
+                        encryptionIV.getData());
+    } catch (const zu::CError&) {
+        // Wrong padding after unwrapping: the password key was wrong.
+        throw wrongPassword;
+    }
+    zu::String hashAlgorithm = descriptor->getZuEncryptionKeyHashAlgorithm();
+    if (hashAlgorithm != zu::String("sha256"))
+        throw zu::CError("Unsupported key hash algorithm used in VMDK: " + hashAlgorithm, zu::String(), -1, mainProps());
+    zu::TBuffer<unsigned char> digest = pell::CDigestType_SHA256::hash(encryptionKey.getData(), encryptionKey.getUsed());
+    encryptionKeyHash = descriptor->getZuEncryptionKeyHash();
+    if (digest != encryptionKeyHash) throw wrongPassword;
+}
+
+void CVMDKDisk::storeEncryptionKeys(CVMDKDescriptor& target, const zu::TCryptBuffer<unsigned char>& dataKey,
+                                    const zu::TBuffer<unsigned char>& iv, const zu::String& password)
+{
+    pell::CCipher_AES256CBC cipher;
+    target.setZuEncryptionAlgorithm(cipher.getID());
+    target.setZuEncryptionIV(iv);
+    zu::String derivation = derivationPrefix + zu::toString(newDiskIterations);
+    target.setZuEncryptionKeyDerivationAlgorithm(derivation);
+    zu::TBuffer<unsigned char> salt(cipher.getKeySize());
+    zu::randData(salt.getData(), static_cast<int>(salt.getUsed()));
+    target.setZuEncryptionKeyDerivationSalt(salt);
+    zu::TCryptBuffer<unsigned char> passwordKey;
+    deriveEncryptKey(passwordKey, cipher.getKeySize(), password, derivation, salt);
+    zu::TBuffer<unsigned char> wrapped;
+    cipher.encrypt(passwordKey.getData(), dataKey.getData(), static_cast<int>(dataKey.getUsed()), wrapped, 0,
+                   iv.getData());
+    target.setZuEncryptedEncryptionKey(wrapped);
+    target.setZuEncryptionKeyHashAlgorithm("sha256");
+    target.setZuEncryptionKeyHash(pell::CDigestType_SHA256::hash(dataKey.getData(), dataKey.getUsed()));
+}
+
+void CVMDKDisk::changePassword(const zu::String& newPassword)
+{
+    verifyWritable("changePassword");
+    if (!cipher)
+        throw zu::CError("VMDK disk is not encrypted, so it has no password to change.", zu::String(), -1, mainProps());
+    if (newPassword.empty())
+        throw zu::CInvalidArgError("CVMDKDisk::changePassword", "the new password must not be empty", mainProps());
+    storeEncryptionKeys(*descriptor, encryptionKey, encryptionIV, newPassword);
+    storeDescriptor();
+}
+
+void CVMDKDisk::buildExtentMap()
+{
+    descriptor->getExtentEntries(extentInfos);
+    if (extentInfos.size() > static_cast<size_t>(maxExtentLines))
+        throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK disk has too many extents.",
+                           mainProps().set("extentCount", static_cast<long long>(extentInfos.size())).set("maxExtentCount", maxExtentLines));
+    zu::CURI baseDirectory = mainURI.getParent();
+    std::set<zu::CURI> seen;
+    long long start = 0;
+    for (const zu::P<CVMDKExtentInfo>& info : extentInfos) {
+        if (info->type != zu::String("SPARSE"))
+            throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK disk has an unsupported extent type: '" + info->type + "'.",
+                               mainProps());
+        if (info->sizeSectors < 0 || info->sizeSectors > LLONG_MAX / vmdkSectorSize - start)
+            throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK disk has an extent of invalid size.",
+                               mainProps().set("extentSize", info->sizeSectors).set("fileName", info->fileName));
+        zu::CURI uri = vmdkFileReferenceToURI(baseDirectory, info->fileName);
+        if (!seen.insert(uri).second)
+            throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK disk names the same extent file twice.",
+                               mainProps().set("fileName", info->fileName));
+        if (firstExtentURI.isEmpty()) firstExtentURI = uri;
+        // A line of size 0 maps no position; in the map it would compare
+        // equal to its neighbours' ranges.
+        if (info->sizeSectors > 0) extents[CExtentKey{start, info->sizeSectors}] = CExtentValue{uri, -1};
+        start += info->sizeSectors;
+    }
+    if (extentInfos.empty())
+        throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK disk has no extents.", mainProps());
+    diskSizeSectors = start;
+}
+
+void CVMDKDisk::learnGrainGeometry()
+{
+    {
+        zu::P<zu::IIOStream> stream = openVMDKFileStream(fileSystem, firstExtentURI, zu::IIOStream::accessRead);
+        CVMDKSparseExtentFile first(stream, zu::IIOStream::accessRead, 0, compressionLevel, grainTableCache, nullptr,
+                                    nullptr, cipher, encryptionKey, encryptionIV);
+        grainSizeSectors = first.getGrainSizeSectors();
+        compressed = first.getCompressed();
+    }
+    grainSizeBytes = grainSizeSectors * vmdkSectorSize;
+    for (auto& entry : extents)
+        entry.second.startGrainIndex = (entry.first.startSector + grainSizeSectors - 1) / grainSizeSectors;
+}
+
+zu::CURI CVMDKDisk::getExtentURI(int index) const
+{
+    return vmdkFileReferenceToURI(mainURI.getParent(), extentInfos.at(static_cast<size_t>(index))->fileName);
+}
+
+long long CVMDKDisk::getExtentStartGrainIndex(int index) const
+{
+    long long start = 0;
+    for (int i = 0; i < index; ++i) start += extentInfos.at(static_cast<size_t>(i))->sizeSectors;
+    return (start + grainSizeSectors - 1) / grainSizeSectors;
+}
+
+CVMDKDisk* CVMDKDisk::getParentDisk() { return parentDataProvider ? parentDataProvider->getParentDisk() : nullptr; }
+
+void CVMDKDisk::closeCurrentExtent()
+{
+    if (!currentExtent) return;
+    currentExtent->flushChanges();
+    currentExtent = nullptr;
+    currentExtentURI = zu::CURI();
+    currentExtentStartBytes = -1;
+    currentExtentSizeBytes = 0;
+}
+
+void CVMDKDisk::checkExtentGeometry(IVMDKExtentFile* extent, const CExtentKey& key) const
+{
+    if (auto* onDemand = zu::tryCast<CVMDKOnDemandExtentFile>(extent)) extent = onDemand->getInner();
+    auto* sparse = zu::tryCast<CVMDKSparseExtentFile>(extent);
+    if (!sparse) return;
+    zu::CProps props = zu::CProps().set("uri", sparse->getURI().toString(true)).set("mainURI", mainURI.toString(true));
+    if (sparse->getHeader().capacity < key.sizeSectors)
+        throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK extent file is smaller than its extent line.",
+                           props.set("capacity", sparse->getHeader().capacity).set("extentSize", key.sizeSectors));
+    if (sparse->getGrainSizeSectors() != grainSizeSectors)
+        throw zu::CIOError(zu::CIOError::codeInvalidData,
+                           "VMDK extent file has another grain size than the disk's first extent.",
+                           props.set("grainSize", sparse->getGrainSizeSectors()).set("expectedGrainSize", grainSizeSectors));
+    if (sparse->getCompressed() != compressed)
+        throw zu::CIOError(zu::CIOError::codeInvalidData,
+                           "VMDK extent file differs in compression from the disk's first extent.",
+                           props.set("compressed", sparse->getCompressed()).set("expectedCompressed", compressed));
+}
+
+zu::P<IVMDKExtentFile> CVMDKDisk::openExtent(const CExtentKey& key, const CExtentValue& value)
+{
+    zu::CURI uri = value.uri.toNormalized();
+    zu::P<IVMDKExtentFile> extent;
+    if (createExtentFilesOnDemand && !fileSystem->exists(uri)) {
+        try {
+            // Files are only ever created beside the disk's main file.
+            if (uri.getParent() != mainURI.getParent())
+                throw zu::CIOError(zu::CIOError::codeInvalidData,
+                                   "VMDK extent file to be created on demand lies outside the disk's folder.",
+                                   mainProps().set("extentURI", uri.toString(true)));
+            long long capacity = (key.sizeSectors + grainSizeSectors - 1) / grainSizeSectors * grainSizeSectors;
+            extent = zu::newObj<CVMDKOnDemandExtentFile>(
+                fileSystem, uri, access, value.startGrainIndex, grainSizeSectors, capacity, key.sizeSectors, compressed,
+                compressionLevel, parentDataProvider.get(), grainTableCache, contentIDUpdater, cipher, encryptionKey,
+                encryptionIV, encryptionKeyHash);
+        } catch (const std::exception& e) {
+            zu::logError(e, "Error opening VMDK extent file on demand (path: '" + uri.toString(true) +
+                                "'). Letting exception through.");
+            throw;
+        }
+    } else {
+        zu::P<zu::IIOStream> stream = openVMDKFileStream(fileSystem, uri, access);
+        extent = zu::newObj<CVMDKSparseExtentFile>(stream, access, value.startGrainIndex, compressionLevel,
+                                                   grainTableCache, parentDataProvider.get(), contentIDUpdater, cipher,
+                                                   encryptionKey, encryptionIV);
+    }
+    checkExtentGeometry(extent, key);
+    return extent;
+}
+
+void CVMDKDisk::beginIOOp(long long bytes, zu::P<IVMDKExtentFile>& extent, long long& bytesInExtent)
+{
+    bool holds = currentExtent && currentExtentStartBytes <= position &&
+                 position < currentExtentStartBytes + currentExtentSizeBytes;
+    if (!holds) {
+        closeCurrentExtent();
+        long long sector = position / vmdkSectorSize;
+        // The first extent that ends after the sector.
+        auto it = extents.lower_bound(CExtentKey{sector, 1});
+        if (it == extents.end() || it->first.startSector > sector)
+            throw zu::CError("Internal error: cannot find VMDK extent for position " + zu::toString(position),
+                             zu::String(), -1, zu::CProps().set("mainURI", mainURI.toString(true)));
+        zu::CURI uri = it->second.uri.toNormalized();
+        currentExtent = openExtent(it->first, it->second);
+        currentExtentURI = uri;
+        currentExtentStartBytes = it->first.startSector * vmdkSectorSize;
+        currentExtentSizeBytes = it->first.sizeSectors * vmdkSectorSize;
+    }
+    long long offset = position - currentExtentStartBytes;
+    if (currentExtent->getPosition() != offset) currentExtent->seek(offset);
+    extent = currentExtent;
+    bytesInExtent = std::min(currentExtentSizeBytes - offset, bytes);
+}
+
+void CVMDKDisk::seek(long long newPosition)
+{
+    if (newPosition < 0 || newPosition > diskSizeBytes)
+        throw zu::CIOError(zu::CIOError::codeSeek, "Bad seek position in VMDK disk: " + zu::toString(newPosition),
+                           zu::CProps().set("diskSize", diskSizeBytes).set("mainFileURI", mainURI.toString(true)));
+    position = newPosition;
+}
+
+void CVMDKDisk::read(void* buffer, int bytes)
+{
+    if (bytes < 0 || position + bytes > diskSizeBytes)
+        throw zu::CIOError(zu::CIOError::codeEndOfData, "Read exceeds VMDK disk size.",
+                           zu::CProps()
+                               .set("bytesToRead", bytes)
+                               .set("position", position)
+                               .set("mainFileURI", mainURI.toString(true)));
+    auto* out = static_cast<unsigned char*>(buffer);
+    long long left = bytes;
+    while (left > 0) {
+        zu::P<IVMDKExtentFile> extent;
+        long long n = 0;
+        beginIOOp(left, extent, n);
+        extent->read(out, static_cast<int>(n));
+        position += n;
+        out += n;
+        left -= n;
+    }
+}
+
+void CVMDKDisk::verifyWritable(const char* operation) const
+{
+    if (access != zu::IIOStream::accessReadWrite)
+        throw zu::CError("Internal error: CVMDKDisk::" + zu::String(operation) +
+                         " was called, but the disk was not opened for writing.");
+}
+
+void CVMDKDisk::write(const void* buffer, int bytes)
+{
+    if (bytes < 0 || position + bytes > diskSizeBytes)
+        throw zu::CIOError(zu::CIOError::codeWrite, "Write exceeds VMDK disk size.",
+                           zu::CProps()
+                               .set("bytesToWrite", bytes)
+                               .set("position", position)
+                               .set("mainFileURI", mainURI.toString(true)));
+    verifyWritable("write");
+    const auto* in = static_cast<const unsigned char*>(buffer);
+    long long left = bytes;
+    while (left > 0) {
+        zu::P<IVMDKExtentFile> extent;
+        long long n = 0;
+        beginIOOp(left, extent, n);
+        extent->write(in, static_cast<int>(n));
+        position += n;
+        in += n;
+        left -= n;
+    }
+}
+
+void CVMDKDisk::flushChanges()
+{
+    if (access == zu::IIOStream::accessRead) return;
+    if (currentExtent) currentExtent->flushChanges();
+}
+
+zu::P<CVMDKDataPreparer> CVMDKDisk::createDataPreparer()
+{
+    return zu::newObj<CVMDKDataPreparer>(grainSizeSectors, compressed, compressionLevel);
+}
+
+void CVMDKDisk::beginGrainOp(const char* internalMessage, zu::P<IVMDKExtentFile>& extent)
+{
+    long long offered = 0;
+    beginIOOp(grainSizeBytes, extent, offered);
+    if (offered < grainSizeBytes)
+        throw zu::CError(internalMessage, zu::String(), -1,
+                         zu::CProps()
+                             .set("diskSize", diskSizeBytes)
+                             .set("opBytes", offered)
+                             .set("grainSize", grainSizeBytes)
+                             .set("position", position)
+                             .set("mainFileURI", mainURI.toString(true)));
+}
+
+void CVMDKDisk::writePreparedGrainData(const zu::TBuffer<unsigned char>& preparedData)
+{
+    zu::CProps props = zu::CProps()
+                           .set("grainSize", grainSizeBytes)
+                           .set("position", position)
+                           .set("mainFileURI", mainURI.toString(true));
+    if (position + grainSizeBytes > diskSizeBytes)
+        throw zu::CIOError(zu::CIOError::codeWrite, "Prepared grain write exceeds VMDK disk size.",
+                           zu::CProps(props).set("diskSize", diskSizeBytes));
+    if (position % grainSizeBytes != 0)
+        throw zu::CIOError(zu::CIOError::codeMisalignedPosition,
+                           "Prepared grain write in VMDK disk can only be done on a grain boundary.", props);
+    verifyWritable("write");
+    zu::P<IVMDKExtentFile> extent;
+    beginGrainOp("Internal error: CVMDKDisk::beginIOOp in CVMDKDisk::writePreparedGrainData returned less than the "
+                 "grain size.",
+                 extent);
+    extent->writePreparedGrainData(preparedData);
+    position += grainSizeBytes;
+}
+
+void CVMDKDisk::readPreparedGrainData(zu::TBuffer<unsigned char>& preparedData)
+{
+    zu::CProps props = zu::CProps()
+                           .set("grainSize", grainSizeBytes)
+                           .set("position", position)
+                           .set("mainFileURI", mainURI.toString(true));
+    // The write-failure code here too, as for the prepared write.
+    if (position + grainSizeBytes > diskSizeBytes)
+        throw zu::CIOError(zu::CIOError::codeWrite, "Prepared grain read exceeds VMDK disk size.",
+                           zu::CProps(props).set("diskSize", diskSizeBytes));
+    if (position % grainSizeBytes != 0)
+        throw zu::CIOError(zu::CIOError::codeMisalignedPosition,
+                           "Prepared grain read in VMDK disk can only be done on a grain boundary.", props);
+    zu::P<IVMDKExtentFile> extent;
+    beginGrainOp("Internal error: CVMDKDisk::beginIOOp in CVMDKDisk::tryRreparedGrainData returned less than the grain "
+                 "size.",
+                 extent);
+    extent->readPreparedGrainData(preparedData);
+    position += grainSizeBytes;
+}
+
+bool CVMDKDisk::makeGrainIndependentOfParent(long long grainIndex)
+{
+    verifyWritable("makeGrainIndependentOfParent");
+    if (grainIndex < 0 || grainIndex > LLONG_MAX / grainSizeBytes)
+        throw zu::CInvalidArgError("CVMDKDisk::makeGrainIndependentOfParent", "Invalid grain index: " + zu::toString(grainIndex),
+                                   mainProps());
+    seek(grainIndex * grainSizeBytes);
+    zu::P<IVMDKExtentFile> extent;
+    beginGrainOp("Internal error: CVMDKDisk::beginIOOp in CVMDKDisk::writePreparedGrainData returned less than the "
+                 "grain size.",
+                 extent);
+    bool result = extent->makeGrainIndependentOfParent(grainIndex - extent->getStartGrainIndex());
+    position += grainSizeBytes;
+    return result;
+}
+
+bool CVMDKDisk::isGrainWritten()
+{
+    zu::P<IVMDKExtentFile> extent;
+    long long n = 0;
+    beginIOOp(1, extent, n);
+    return extent->isGrainWritten();
+}
+
+bool CVMDKDisk::isGrainWrittenAndIndependentOfParent()
+{
+    zu::P<IVMDKExtentFile> extent;
+    long long n = 0;
+    beginIOOp(1, extent, n);
+    return extent->isGrainWrittenAndIndependentOfParent();
+}
+
+zu::P<CVMDKSpaceInfo> CVMDKDisk::gatherSpaceInfo()
+{
+    zu::P<CVMDKSpaceInfo> total = zu::newObj<CVMDKSpaceInfo>();
+    long long remembered = position;
+    seek(0);
+    while (position < diskSizeBytes) {
+        zu::P<IVMDKExtentFile> extent;
+        long long n = 0;
+        beginIOOp(diskSizeBytes - position, extent, n);
+        total->addSpaceInfo(*extent->gatherSpaceInfo());
+        position += n;
+    }
+    seek(remembered);
+    return total;
+}
+
+void CVMDKDisk::storeDescriptor()
+{
+    verifyWritable("storeDescriptor");
+    zu::P<CVMDKDescriptorAccessor> accessor = openDescriptorAccessor();
+    *accessor->getDescriptor() = *descriptor;
+    accessor->storeDescriptor(true);
+}
+
+void CVMDKDisk::changeParentRelPath(const zu::String& parentRelPath)
+{
+    verifyWritable("changeParentRelPath");
+    descriptor->setParentFileNameHint(parentRelPath);
+    storeDescriptor();
+}
+
+void CVMDKDisk::setAutomaticGrainTableFlushingEnabled(bool enabled) { grainTableCache->setAutoEnforceLimit(enabled); }
+
+void CVMDKDisk::setContentIDUpdatesEnabled(bool enabled) { contentIDUpdater->setContentIDUpdatesEnabled(enabled); }
+
+} // namespace kord

@@ -1,0 +1,210 @@
+// A virtual disk in the VMDK format, as one seekable byte stream of its
+// virtual contents: the library's public object.
+//
+// Opening takes the lock file beside the main file, reads the descriptor
+// (embedded in a sparse extent or as a text file), checks the create type,
+// unwraps the data key of an encrypted disk, and maps the extent lines to
+// disk positions. Exactly one extent file is open at a time; an access
+// elsewhere flushes and closes it and opens the extent that holds the
+// position. A delta disk reads grains it does not hold from its parent,
+// which is opened on first need.
+//
+// The disk owns its extents, its parent provider, its content-ID updater and
+// (unless shared) its grain table cache. It is used by one thread at a time;
+// other processes are kept away by the lock file.
+#pragma once
+
+#include "base/CLockFile.h"
+#include "base/IFileSystem.h"
+#include "base/TContainers.h"
+#include "crypto/ICipher.h"
+#include "descriptor/CVMDKContentIDUpdater.h"
+#include "descriptor/CVMDKDescriptor.h"
+#include "descriptor/CVMDKDescriptorAccessor.h"
+#include "extent/IVMDKExtentFile.h"
+#include "grain/CVMDKGrainTableCache.h"
+
+#include <vector>
+
+namespace kord {
+
+class CVMDKParentDiskDataProvider;
+
+class CVMDKDisk : public zu::CBase {
+public:
+    // The extent map's key. Ranges that overlap compare equal, so looking up
+    // a one-sector range finds the extent that holds that sector: an ordered
+    // map serves as an interval map.
+    struct CExtentKey {
+        long long startSector;
+        long long sizeSectors;
+        bool operator<(const CExtentKey& other) const { return startSector + sizeSectors <= other.startSector; }
+    };
+    struct CExtentValue {
+        zu::CURI uri;
+        // Disk-wide index of the extent's first grain (rounded up).
+        long long startGrainIndex;
+    };
+
+    // What a new disk looks like (see create).
+    struct CCreateParams {
+        // "monolithicSparse", "twoGbMaxExtentSparse" or "streamOptimized".
+        zu::String createType = "monolithicSparse";
+        // Virtual size in sectors; with a parent, 0 takes the parent's.
+        long long capacitySectors = 0;
+        long long grainSizeSectors = 128;
+        // "lsilogic", "ide", "buslogic" or "legacyESX".
+        zu::String adapterType = "lsilogic";
+        // Not empty: the disk is encrypted (and the parent, if encrypted,
+        // opens with the same password).
+        zu::String password;
+        // Not empty: the new disk is a delta disk of this parent.
+        zu::CURI parentURI;
+        // twoGbMaxExtentSparse only: extent files other than the first are
+        // made when first written.
+        bool createExtentFilesOnDemand = false;
+        // Deflate level for compressed grains (-1: the default).
+        int compressionLevel = -1;
+    };
+
+    // The largest extent a split disk gets, in sectors (just under 2 GiB).
+    static constexpr long long maxSplitExtentSectors = 4192256;
+    // Sectors of the descriptor area embedded in a new single-file disk.
+    static constexpr long long embeddedDescriptorSectors = 20;
+    // Limits on what a descriptor may ask for.
+    static constexpr int maxExtentLines = 65536;
+    static constexpr long long maxKeyDerivationIterations = 10000000;
+
+    // Opens an existing disk. access is zu::IIOStream::accessRead or
+    // accessReadWrite. password may be empty for a disk without encryption.
+    // grainTableCache may be null (the disk makes its own of 1024 tables).
+    // parentDisk, when given, is used as the parent of a delta disk instead
+    // of opening one.
+    CVMDKDisk(zu::IFileSystem* fileSystem, const zu::CURI& uri, int access, const zu::String& password,
+              int compressionLevel, CVMDKGrainTableCache* grainTableCache, CVMDKDisk* parentDisk);
+    // Flushes; never throws (failures are reported through zu's destructor hook).
+    ~CVMDKDisk() override;
+
+    // Makes a new disk and returns it open read-write. Refuses to create
+    // over an existing file; a creation that fails part-way leaves no file.
+    static zu::P<CVMDKDisk> create(zu::IFileSystem* fileSystem, const zu::CURI& uri, const CCreateParams& params);
+
+    // Fills key with keyLength bytes derived from the password (its UTF-8
+    // bytes) by the named derivation ("pkcs5-pbkdf2-hmac-sha1:<iterations>").
+    static void deriveEncryptKey(zu::TCryptBuffer<unsigned char>& key, int keyLength, const zu::String& password,
+                                 const zu::String& derivationAlgorithm, const zu::TBuffer<unsigned char>& salt);
+
+    // Writes the encryption keys of a disk into its descriptor: the data key
+    // wrapped under a key derived from the password with a fresh random
+    // salt, the IV, the parameters and the data key's SHA-256 hash.
+    static void storeEncryptionKeys(CVMDKDescriptor& descriptor, const zu::TCryptBuffer<unsigned char>& dataKey,
+                                    const zu::TBuffer<unsigned char>& iv, const zu::String& password);
+
+    // Byte-stream access to the virtual contents.
+    void seek(long long position);
+    long long getPosition() const { return position; }
+    void read(void* buffer, int bytes);
+    void write(const void* buffer, int bytes);
+    void flushChanges();
+
+    // Whole grains in prepared form (compressed and/or as stored, not
+    // encrypted), at grain boundaries; each advances by one grain.
+    zu::P<CVMDKDataPreparer> createDataPreparer();
+    void writePreparedGrainData(const zu::TBuffer<unsigned char>& preparedData);
+    void readPreparedGrainData(zu::TBuffer<unsigned char>& preparedData);
+    // Copies the parent's grain (disk-wide index) into this disk.
+    bool makeGrainIndependentOfParent(long long grainIndex);
+    // The grain at the position is stored in this disk or its parent chain
+    // / in this disk itself. The position does not change.
+    bool isGrainWritten();
+    bool isGrainWrittenAndIndependentOfParent();
+    zu::P<CVMDKSpaceInfo> gatherSpaceInfo();
+
+    // Writes the in-memory descriptor back in place.
+    void storeDescriptor();
+    // Re-wraps the data key of an encrypted disk under a new password (new
+    // salt, same key and IV, so no grain is rewritten) and stores the
+    // descriptor. Needs read-write access.
+    void changePassword(const zu::String& newPassword);
+    void changeParentRelPath(const zu::String& parentRelPath);
+    void setAutomaticGrainTableFlushingEnabled(bool enabled);
+    void setContentIDUpdatesEnabled(bool enabled);
+
+    long long getDiskSizeBytes() const { return diskSizeBytes; }
+    long long getDiskSizeSectors() const { return diskSizeSectors; }
+    long long getGrainSizeSectors() const { return grainSizeSectors; }
+    long long getGrainSizeBytes() const { return grainSizeBytes; }
+    bool getCompressed() const { return compressed; }
+    bool isEncrypted() const { return cipher != nullptr; }
+    int getAccess() const { return access; }
+    int getCompressionLevel() const { return compressionLevel; }
+    const zu::CURI& getMainURI() const { return mainURI; }
+    const zu::CURI& getParentURI() const { return parentURI; }
+    zu::IFileSystem* getFileSystem() const { return fileSystem; }
+    CVMDKDescriptor* getDescriptor() const { return descriptor; }
+    CVMDKGrainTableCache* getGrainTableCache() const { return grainTableCache; }
+    // The open parent of a delta disk (opened now if needed), else null.
+    CVMDKDisk* getParentDisk();
+    // The extent lines in file order, and the URI each resolves to.
+    const zu::TArray<zu::P<CVMDKExtentInfo>>& getExtentInfos() const { return extentInfos; }
+    zu::CURI getExtentURI(int index) const;
+    // Disk-wide index of the first grain of the extent line.
+    long long getExtentStartGrainIndex(int index) const;
+    // The disk's own data key (empty when not encrypted). For tools that
+    // re-wrap the key under a new password.
+    const zu::TCryptBuffer<unsigned char>& getEncryptionKey() const { return encryptionKey; }
+
+protected:
+    friend class CVMDKParentDiskDataProvider;
+    // childChain: the URIs of the disks below this one in a chain being opened.
+    CVMDKDisk(zu::IFileSystem* fileSystem, const zu::CURI& uri, int access, const zu::String& password,
+              int compressionLevel, CVMDKGrainTableCache* grainTableCache, CVMDKDisk* parentDisk,
+              const std::vector<zu::CURI>& childChain);
+
+private:
+    void construct(const zu::String& password, CVMDKGrainTableCache* cache, CVMDKDisk* parentDisk,
+                   const std::vector<zu::CURI>& childChain);
+    void takeLock();
+    void setUpEncryption(const zu::String& password);
+    void buildExtentMap();
+    void learnGrainGeometry();
+    void beginIOOp(long long bytes, zu::P<IVMDKExtentFile>& extent, long long& bytesInExtent);
+    zu::P<IVMDKExtentFile> openExtent(const CExtentKey& key, const CExtentValue& value);
+    void checkExtentGeometry(IVMDKExtentFile* extent, const CExtentKey& key) const;
+    void closeCurrentExtent();
+    zu::P<CVMDKDescriptorAccessor> openDescriptorAccessor();
+    zu::CProps mainProps() const;
+    void verifyWritable(const char* operation) const;
+    void beginGrainOp(const char* internalMessage, zu::P<IVMDKExtentFile>& extent);
+
+    zu::P<zu::IFileSystem> fileSystem;
+    zu::CURI mainURI;
+    int access;
+    zu::CURI firstExtentURI;
+    int compressionLevel;
+    zu::P<CVMDKGrainTableCache> grainTableCache;
+    zu::CURI parentURI;
+    zu::P<CVMDKParentDiskDataProvider> parentDataProvider;
+    zu::P<CVMDKDescriptor> descriptor;
+    zu::TArray<zu::P<CVMDKExtentInfo>> extentInfos;
+    zu::TMap<CExtentKey, CExtentValue> extents;
+    long long diskSizeSectors = 0;
+    long long diskSizeBytes = 0;
+    long long grainSizeSectors = 0;
+    long long grainSizeBytes = 0;
+    bool compressed = false;
+    long long position = 0;
+    zu::P<IVMDKExtentFile> currentExtent;
+    zu::CURI currentExtentURI;
+    long long currentExtentStartBytes = -1;
+    long long currentExtentSizeBytes = 0;
+    zu::P<CVMDKContentIDUpdater> contentIDUpdater;
+    bool createExtentFilesOnDemand = false;
+    zu::P<zu::CLockFile> lockFile;
+    zu::P<pell::ICipher> cipher;
+    zu::TCryptBuffer<unsigned char> encryptionKey;
+    zu::TBuffer<unsigned char> encryptionIV;
+    zu::TBuffer<unsigned char> encryptionKeyHash;
+};
+
+} // namespace kord

@@ -1,0 +1,413 @@
+#include "extent/CVMDKSparseExtentFile.h"
+
+#include "base/CBufferStream.h"
+#include "base/CDataInStream.h"
+#include "base/CDataOutStream.h"
+#include "base/CIOError.h"
+#include "base/Log.h"
+#include "crypto/CDigestType_SHA256.h"
+#include "format/VMDKEmptyLayout.h"
+#include "format/VMDKMarker.h"
+
+#include <algorithm>
+#include <climits>
+
+namespace kord {
+
+namespace {
+
+const char* const constructorName = "CVMDKSparseExtentFile constructor";
+constexpr long long maxGrainTableEntries = 512;
+constexpr int trailSectors = 3;
+
+} // namespace
+
+CVMDKSparseExtentFile::CVMDKSparseExtentFile(zu::IIOStream* stream, int access, long long startGrainIndex,
+                                             int compressionLevel, CVMDKGrainTableCache* grainTableCache,
+                                             IVMDKDataProvider* fallback, CVMDKContentIDUpdater* contentIDUpdater,
+                                             pell::ICipher* cipher, const zu::TCryptBuffer<unsigned char>& key,
+                                             const zu::TBuffer<unsigned char>& iv)
+    : stream(stream), access(access), startGrainIndex(startGrainIndex), compressionLevel(compressionLevel),
+      grainTableCache(grainTableCache), fallback(fallback), contentIDUpdater(contentIDUpdater),
+      header(zu::newObj<CVMDKSparseExtentHeader>())
+{
+    stream->seek(0);
+    zu::CDataInStream in(stream);
+    header->load(in);
+    checkEncryption(cipher, key, iv);
+    if (header->version < 1 || header->version > 3)
+        throw zu::CIOError(zu::CIOError::codeUnsupportedVersion,
+                           "VMDK file has an unsupported version: " + zu::toString(header->version), uriProps());
+    compressed = (header->flags & CVMDKSparseExtentHeader::flagCompressedGrains) != 0;
+    bool markers = (header->flags & CVMDKSparseExtentHeader::flagMetadataMarkers) != 0;
+    if (compressed != markers)
+        throw zu::CIOError(zu::CIOError::codeInvalidData,
+                           "VMDK flags 'compressed' and 'metaMarkers' are different (compressed: " +
+                               zu::toString(compressed) + ", metaMarkers: " + zu::toString(markers) + ").",
+                           uriProps());
+    if (header->gdOffset == -1)
+        throw zu::CIOError(zu::CIOError::codeInvalidData,
+                           "VMDK file uses an unsupported variant of the 'stream optimized' format.", uriProps());
+    checkGeometry();
+    grainSizeBytes = header->grainSize * vmdkSectorSize;
+    sizeBytes = header->capacity * vmdkSectorSize;
+
+    CVMDKGrainDirectory::CBounds bounds;
+    bounds.descriptorOffsetSectors = header->descriptorOffset;
+    bounds.descriptorSizeSectors = header->descriptorSize;
+    bounds.overHeadSectors = header->overHead;
+    bounds.fileSizeBytes = stream->getLength();
+    directory = zu::newObj<CVMDKGrainDirectory>(stream, access, header->gdOffset, header->rgdOffset, header->capacity,
+                                                header->grainSize, static_cast<int>(header->numGTEsPerGT), compressed,
+                                                grainTableCache, bounds);
+    grainAreaStartSectors = std::max(header->overHead, directory->getMetadataEndSectors());
+    if (header->descriptorOffset > 0)
+        grainAreaStartSectors = std::max(grainAreaStartSectors, header->descriptorOffset + header->descriptorSize);
+
+    long long fileSize = bounds.fileSizeBytes;
+    long long dataEnd = std::max(header->overHead * vmdkSectorSize,
+                                 (fileSize + vmdkSectorSize - 1) / vmdkSectorSize * vmdkSectorSize);
+    zu::TBuffer<unsigned char> trail = compressed ? makeTrail() : zu::TBuffer<unsigned char>();
+    allocator = zu::newObj<CVMDKGrainAllocator>(stream, access, dataEnd, fileSize - trail.getUsed(), directory, trail);
+    grain = zu::newObj<CVMDKGrain>(stream, access, header->grainSize, allocator, compressed, compressionLevel, fallback,
+                                   cipher, key, iv);
+}
+
+CVMDKSparseExtentFile::~CVMDKSparseExtentFile()
+{
+    try {
+        if (access == zu::IIOStream::accessReadWrite) flushChanges();
+    } catch (const std::exception& e) {
+        zu::onExceptionInDestructorIgnored("kord::CVMDKSparseExtentFile", e);
+    }
+}
+
+zu::CProps CVMDKSparseExtentFile::uriProps() const { return zu::CProps().set("uri", stream->getURI().toString(true)); }
+
+void CVMDKSparseExtentFile::checkEncryption(pell::ICipher* cipher, const zu::TCryptBuffer<unsigned char>& key,
+                                            const zu::TBuffer<unsigned char>& iv) const
+{
+    bool encrypted = header->extended && header->encAlg != CVMDKSparseExtentHeader::encryptionNone;
+    if (!encrypted) {
+        if (cipher)
+            throw zu::CInvalidArgError(constructorName,
+                                       "VMDK extent file is NOT encrypted but a cipher object was specified.", uriProps());
+        return;
+    }
+    if (!cipher)
+        throw zu::CInvalidArgError(constructorName, "VMDK extent file is encrypted but no cipher object was specified.",
+                                   uriProps());
+    if (cipher->getID() != zu::String("aes256cbc"))
+        throw zu::CInvalidArgError(constructorName, "Cipher object has an unsupported ID: " + cipher->getID(), uriProps());
+    if (key.getUsed() != cipher->getKeySize())
+        throw zu::CInvalidArgError(constructorName, "Specified encryption key has an incorrect size for the cipher",
+                                   uriProps()
+                                       .set("cipherID", cipher->getID())
+                                       .set("keySize", key.getUsed())
+                                       .set("expectedKeySize", cipher->getKeySize()));
+    // The grains read the IV's bytes through the cipher: its length must be exact.
+    if (iv.getUsed() != cipher->getIVSize())
+        throw zu::CInvalidArgError(constructorName, "Specified encryption IV has an incorrect size for the cipher",
+                                   uriProps().set("ivSize", iv.getUsed()).set("expectedIVSize", cipher->getIVSize()));
+    if (header->encAlg != CVMDKSparseExtentHeader::encryptionAES256CBC)
+        throw zu::CError("Unsupported encryption algorithm used by VMDK extent file: " + zu::toString(header->encAlg),
+                         zu::String(), -1, uriProps());
+    if (header->encKeyHashAlg != CVMDKSparseExtentHeader::keyHashSHA256)
+        throw zu::CError("Unsupported key hash algorithm used in VMDK: " + zu::toString(header->encKeyHashAlg),
+                         zu::String(), -1, uriProps());
+    zu::TBuffer<unsigned char> digest = pell::CDigestType_SHA256::hash(key.getData(), key.getUsed());
+    if (digest != header->encKeyHash)
+        throw zu::CError("Specified VMDK extent file encryption key is not correct.", zu::String(), -1, uriProps());
+}
+
+// Values that the rest of the code divides by, multiplies or allocates with
+// are checked here, before anything else uses them.
+void CVMDKSparseExtentFile::checkGeometry() const
+{
+    const CVMDKSparseExtentHeader& h = *header;
+    auto fail = [this](long long code, const char* message, const char* name, long long value) {
+        throw zu::CIOError(code, message, uriProps().set(name, value));
+    };
+    if (h.grainSize < 1) fail(zu::CIOError::codeInvalidData, "VMDK extent file has an invalid grain size.", "grainSize", h.grainSize);
+    if (h.grainSize > vmdkMaxGrainSizeSectors)
+        fail(zu::CIOError::codeUnsupportedVersion, "VMDK extent file has an unsupported grain size.", "grainSize", h.grainSize);
+    if (h.numGTEsPerGT < 1)
+        fail(zu::CIOError::codeInvalidData, "VMDK extent file has an invalid number of grain table entries.",
+             "numGTEsPerGT", h.numGTEsPerGT);
+    if (h.numGTEsPerGT > maxGrainTableEntries)
+        fail(zu::CIOError::codeUnsupportedVersion, "VMDK extent file has an unsupported number of grain table entries.",
+             "numGTEsPerGT", h.numGTEsPerGT);
+    if (h.capacity < 0 || h.capacity > LLONG_MAX / vmdkSectorSize - vmdkMaxGrainSizeSectors)
+        fail(zu::CIOError::codeInvalidData, "VMDK extent file has an invalid capacity.", "capacity", h.capacity);
+    if (h.compressAlgorithm > CVMDKSparseExtentHeader::compressionDeflate)
+        fail(zu::CIOError::codeUnsupportedVersion, "VMDK extent file uses an unsupported compression algorithm.",
+             "compressAlgorithm", h.compressAlgorithm);
+    if ((h.compressAlgorithm == CVMDKSparseExtentHeader::compressionDeflate) != compressed)
+        throw zu::CIOError(zu::CIOError::codeInvalidData,
+                           "VMDK compression algorithm and the 'compressed' flag disagree.",
+                           uriProps().set("compressAlgorithm", h.compressAlgorithm).set("compressed", compressed));
+    long long fileSize = stream->getLength();
+    if (h.overHead < 1 || h.overHead > fileSize / vmdkSectorSize)
+        throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK extent file is shorter than its metadata.",
+                           uriProps().set("overHead", h.overHead).set("fileSize", fileSize));
+    if (h.descriptorOffset < 0 || h.descriptorSize < 0 || h.descriptorOffset > fileSize / vmdkSectorSize ||
+        h.descriptorSize > fileSize / vmdkSectorSize)
+        throw zu::CIOError(zu::CIOError::codeInvalidData,
+                           "VMDK descriptor area is invalid (offset: " + zu::toString(h.descriptorOffset) +
+                               " sectors, size: " + zu::toString(h.descriptorSize) + " sectors).",
+                           uriProps().set("fileSize", fileSize));
+}
+
+// The bytes that must follow the last grain of a stream-optimized file:
+// footer marker, the footer (the header, marked clean) and end-of-stream marker.
+zu::TBuffer<unsigned char> CVMDKSparseExtentFile::makeTrail() const
+{
+    zu::P<zu::TBuffer<unsigned char>> bytes = zu::newObj<zu::TBuffer<unsigned char>>();
+    bytes->ensureAllocated(trailSectors * vmdkSectorSize);
+    zu::P<zu::CBufferStream> buffer = zu::newObj<zu::CBufferStream>(bytes);
+    zu::CDataOutStream out(buffer);
+    zu::TBuffer<unsigned char> zeros;
+    zeros.setUsedFill(vmdkSectorSize, 0);
+    CVMDKSparseExtentHeader footer(*header);
+    footer.uncleanShutdown = 0;
+    writeVMDKMarker(out, vmdkMarkerFooter, 1, zeros);
+    footer.store(out);
+    writeVMDKMarker(out, vmdkMarkerEndOfStream, 0, zeros);
+    return *bytes;
+}
+
+void CVMDKSparseExtentFile::setFallbackDataProvider(IVMDKDataProvider* provider)
+{
+    fallback = provider;
+    grain->setFallbackDataProvider(provider);
+}
+
+void CVMDKSparseExtentFile::getGrainInfo(long long extentGrainIndex, long long& posSectors, long long& slotSizeSectors)
+{
+    directory->getGrainInfo(extentGrainIndex, posSectors, slotSizeSectors);
+}
+
+// A table entry is a position the library reads grain data from and writes
+// grain data to: it must lie in the grain area and inside the file.
+void CVMDKSparseExtentFile::checkGrainPlacement(long long extentGrainIndex, long long posSectors,
+                                                long long slotSizeSectors) const
+{
+    if (posSectors == 0) return;
+    long long fileSize = stream->getLength();
+    zu::CProps props = uriProps()
+                           .set("grainIndex", extentGrainIndex)
+                           .set("posSectors", posSectors)
+                           .set("slotSizeSectors", slotSizeSectors)
+                           .set("fileSize", fileSize);
+    if (posSectors < grainAreaStartSectors)
+        throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK grain table entry points into the metadata.",
+                           props.set("grainAreaStart", grainAreaStartSectors));
+    // A compressed grain's own size is checked when it is read; the rest
+    // must lie in the file whole.
+    long long neededSectors = compressed ? 1 : header->grainSize;
+    if (posSectors > fileSize / vmdkSectorSize - neededSectors)
+        throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK grain table entry points past the end of the extent file.",
+                           props);
+}
+
+void CVMDKSparseExtentFile::seek(long long newPosition)
+{
+    if (newPosition < 0 || newPosition > sizeBytes)
+        throw zu::CInvalidArgError("CVMDKSparseExtentFile::seek", "Invalid position: " + zu::toString(newPosition),
+                                   uriProps().set("extentSize", sizeBytes));
+    position = newPosition;
+    if (grain->isOpen() && position / grainSizeBytes == grain->getExtentGrainIndex())
+        grain->seek(position % grainSizeBytes);
+}
+
+long long CVMDKSparseExtentFile::beginIOOp(long long bytes)
+{
+    long long index = position / grainSizeBytes;
+    if (!grain->isOpen() || grain->getExtentGrainIndex() != index) {
+        long long posSectors = 0;
+        long long slotSizeSectors = 0;
+        directory->getGrainInfo(index, posSectors, slotSizeSectors);
+        checkGrainPlacement(index, posSectors, slotSizeSectors);
+        grain->open(index, startGrainIndex + index, posSectors, slotSizeSectors);
+    }
+    grain->seek(position % grainSizeBytes);
+    long long left = grainSizeBytes - grain->getPosInGrain();
+    if (left <= 0)
+        throw zu::CError("Internal error. After seeking to grain at position " + zu::toString(position) +
+                         " there are still no bytes left in the grain.");
+    return std::min(bytes, left);
+}
+
+int CVMDKSparseExtentFile::read(void* data, int bytes)
+{
+    if (bytes < 0 || position + bytes > sizeBytes)
+        throw zu::CIOError(zu::CIOError::codeEndOfData, "Unexpected end of data reading from VMDK sparse extent file.",
+                           uriProps().set("bytesToRead", bytes).set("position", position));
+    auto* out = static_cast<unsigned char*>(data);
+    long long done = 0;
+    while (done < bytes) {
+        long long n = beginIOOp(bytes - done);
+        grain->read(out + done, static_cast<int>(n));
+        position += n;
+        done += n;
+    }
+    return bytes;
+}
+
+void CVMDKSparseExtentFile::write(const void* data, int bytes)
+{
+    if (bytes < 0 || position + bytes > sizeBytes)
+        throw zu::CIOError(zu::CIOError::codeWrite, "Write exceeded VMDK extent size.",
+                           uriProps().set("bytesToWrite", bytes).set("position", position));
+    onAboutToChange();
+    const auto* in = static_cast<const unsigned char*>(data);
+    long long done = 0;
+    while (done < bytes) {
+        long long n = beginIOOp(bytes - done);
+        grain->write(in + done, static_cast<int>(n));
+        position += n;
+        done += n;
+    }
+}
+
+void CVMDKSparseExtentFile::checkPreparedGrainOp(bool write)
+{
+    const char* kind = write ? "write" : "read";
+    zu::CProps props = uriProps().set("extentSize", sizeBytes).set("grainSize", grainSizeBytes).set("position", position);
+    if (position % grainSizeBytes != 0)
+        throw zu::CIOError(zu::CIOError::codeMisalignedPosition,
+                           "Prepared grain " + zu::String(kind) + " in VMDK extent file can only be done on a grain boundary.",
+                           props);
+    if (position + grainSizeBytes > sizeBytes)
+        throw zu::CIOError(write ? zu::CIOError::codeWrite : zu::CIOError::codeEndOfData,
+                           "Prepared grain " + zu::String(kind) + " exceeds VMDK extent size.", props);
+    if (beginIOOp(grainSizeBytes) < grainSizeBytes)
+        throw zu::CError(write ? "Internal error: CVMDKSparseExtentFile::beginIOOp in "
+                                 "CVMDKSparseExtentFile::writePreparedGrainData returned less than the grain size."
+                               : "Internal error: CVMDKSparseExtentFile::beginIOOp in "
+                                 "CVMDKSparseExtentFile::tryReadPreparedGrainData returned less than the grain size.",
+                         zu::String(), -1, props);
+}
+
+void CVMDKSparseExtentFile::writePreparedGrainData(const zu::TBuffer<unsigned char>& preparedData)
+{
+    checkPreparedGrainOp(true);
+    onAboutToChange();
+    grain->writePreparedGrainData(preparedData);
+    position += grainSizeBytes;
+}
+
+void CVMDKSparseExtentFile::readPreparedGrainData(zu::TBuffer<unsigned char>& preparedData)
+{
+    checkPreparedGrainOp(false);
+    grain->readPreparedGrainData(preparedData);
+    position += grainSizeBytes;
+}
+
+bool CVMDKSparseExtentFile::makeGrainIndependentOfParent(long long grainIndex)
+{
+    verifyHaveWriteAccess();
+    seek(grainIndex * grainSizeBytes);
+    beginIOOp(grainSizeBytes);
+    // The disk's contents do not change, so its content ID stays; but the
+    // file does, so it is marked as being changed.
+    markUnclean();
+    long long covered = grain->makeIndependentOfParent();
+    position += grainSizeBytes;
+    return covered > 0;
+}
+
+bool CVMDKSparseExtentFile::isGrainWritten()
+{
+    beginIOOp(1);
+    return grain->isGrainWritten();
+}
+
+bool CVMDKSparseExtentFile::isGrainWrittenAndIndependentOfParent()
+{
+    beginIOOp(1);
+    return grain->isGrainWrittenAndIndependentOfParent();
+}
+
+void CVMDKSparseExtentFile::verifyHaveWriteAccess() const
+{
+    if (access != zu::IIOStream::accessReadWrite)
+        throw zu::CError("Internal error: VMDK sparse extent file is about to be changed, but it was not opened for "
+                         "writing.");
+}
+
+void CVMDKSparseExtentFile::onAboutToChange()
+{
+    if (!contentIDUpdater)
+        throw zu::CError("Internal error: VMDK sparse extent file is about to be changed, but it does not have a content "
+                         "ID updater.",
+                         zu::String(), -1, uriProps());
+    verifyHaveWriteAccess();
+    contentIDUpdater->onDiskAboutToChange(stream->getURI(), stream);
+    markUnclean();
+}
+
+// The header says "unclean" on disk before the first change after a flush.
+void CVMDKSparseExtentFile::markUnclean()
+{
+    if (changedSinceFlush) return;
+    if (header->uncleanShutdown == 0) {
+        header->uncleanShutdown = 1;
+        storeHeader();
+        stream->flush();
+    }
+    changedSinceFlush = true;
+}
+
+void CVMDKSparseExtentFile::storeHeader()
+{
+    stream->seek(0);
+    zu::CDataOutStream out(stream);
+    header->store(out);
+}
+
+void CVMDKSparseExtentFile::flushChanges()
+{
+    if (access != zu::IIOStream::accessReadWrite) return;
+    // Data before the metadata that points to it, and the clean mark last.
+    grain->flushChangesToStream();
+    allocator->flushChangesToStream();
+    directory->flushChangesToStream();
+    if (changedSinceFlush) {
+        header->uncleanShutdown = 0;
+        storeHeader();
+        changedSinceFlush = false;
+    }
+    stream->flush();
+}
+
+zu::P<CVMDKSpaceInfo> CVMDKSparseExtentFile::gatherSpaceInfo()
+{
+    if (access == zu::IIOStream::accessReadWrite) grain->flushChangesToStream();
+    zu::P<CVMDKSpaceInfo> info = zu::newObj<CVMDKSpaceInfo>();
+    int entriesPerTable = directory->getGrainTableEntryCount();
+    long long grains = directory->getGrainCount();
+    for (long long t = 0; t < directory->getGrainTableCount(); ++t) {
+        zu::P<CVMDKGrainTable> table = directory->getGrainTable(t);
+        long long inTable = std::min<long long>(entriesPerTable, grains - t * entriesPerTable);
+        for (long long i = 0; i < inTable; ++i) {
+            long long pos = 0;
+            long long slot = 0;
+            table->getGrainInfo(i, pos, slot);
+            if (pos == 0) continue;
+            info->payloadSize += grainSizeBytes;
+            info->payloadSizeInFile += slot * vmdkSectorSize;
+        }
+    }
+    info->headerSize = header->overHead * vmdkSectorSize;
+    long long fileSize = stream->getLength();
+    info->deadSpace = fileSize - info->headerSize - info->payloadSizeInFile;
+    if (info->deadSpace < 0)
+        throw zu::CError("Calculated negative dead space value for VMDK extent file '" + stream->getURI().toString(true) +
+                         "' (deadSpace: " + zu::toString(info->deadSpace) + ", headerSize: " +
+                         zu::toString(info->headerSize) + ", payloadSize: " + zu::toString(info->payloadSize) +
+                         ", payloadSizeInFile: " + zu::toString(info->payloadSizeInFile) + ")");
+    return info;
+}
+
+} // namespace kord

@@ -1,0 +1,104 @@
+// One sparse extent file (monolithicSparse, twoGbMaxExtentSparse and
+// streamOptimized extents, and the extents of delta disks) as a byte stream
+// of the extent's capacity.
+//
+// Opening reads and checks the header and the metadata it points to; reads
+// and writes are split at grain boundaries and go through the one grain
+// object. Before the first change the content-ID updater is told and the
+// header's uncleanShutdown flag is set on disk; flushChanges writes grain
+// data, the trail, the grain tables and then the header with the flag
+// cleared, so that a flushed extent is consistent and marked clean.
+//
+// Made by the disk (and the on-demand extent); it holds its stream, header,
+// grain directory, allocator and grain, and shares the grain table cache,
+// the fallback provider, the content-ID updater and the cipher.
+#pragma once
+
+#include "base/IIOStream.h"
+#include "crypto/ICipher.h"
+#include "descriptor/CVMDKContentIDUpdater.h"
+#include "extent/IVMDKExtentFile.h"
+#include "format/CVMDKSparseExtentHeader.h"
+#include "grain/CVMDKGrain.h"
+#include "grain/CVMDKGrainAllocator.h"
+#include "grain/CVMDKGrainDirectory.h"
+#include "grain/CVMDKGrainTableCache.h"
+
+namespace kord {
+
+class CVMDKSparseExtentFile : public zu::CBase, public IVMDKExtentFile {
+public:
+    // Opens the extent on its stream. compressionLevel is handed to the
+    // grains' compressor; cipher, key and iv are those of an encrypted disk
+    // (null, empty, empty otherwise). Throws zu::CIOError (code 5 corrupt,
+    // code 6 unsupported) or the encryption errors when the extent cannot be
+    // used; nothing is written while opening.
+    CVMDKSparseExtentFile(zu::IIOStream* stream, int access, long long startGrainIndex, int compressionLevel,
+                          CVMDKGrainTableCache* grainTableCache, IVMDKDataProvider* fallback,
+                          CVMDKContentIDUpdater* contentIDUpdater, pell::ICipher* cipher,
+                          const zu::TCryptBuffer<unsigned char>& key, const zu::TBuffer<unsigned char>& iv);
+    ~CVMDKSparseExtentFile() override;
+
+    void setFallbackDataProvider(IVMDKDataProvider* provider) override;
+    long long getStartGrainIndex() const override { return startGrainIndex; }
+    long long getGrainSizeSectors() const override { return header->grainSize; }
+    bool getCompressed() const override { return compressed; }
+    zu::CURI getURI() const override { return stream->getURI(); }
+    void seek(long long position) override;
+    long long getPosition() const override { return position; }
+    int read(void* data, int bytes) override;
+    void write(const void* data, int bytes) override;
+    void flushChanges() override;
+    zu::P<CVMDKDataPreparer> createDataPreparer() override { return grain->createDataPreparer(); }
+    void writePreparedGrainData(const zu::TBuffer<unsigned char>& preparedData) override;
+    void readPreparedGrainData(zu::TBuffer<unsigned char>& preparedData) override;
+    bool makeGrainIndependentOfParent(long long grainIndex) override;
+    bool isGrainWritten() override;
+    bool isGrainWrittenAndIndependentOfParent() override;
+    zu::P<CVMDKSpaceInfo> gatherSpaceInfo() override;
+
+    zu::IIOStream* getStream() const { return stream; }
+    const CVMDKSparseExtentHeader& getHeader() const { return *header; }
+    CVMDKGrainDirectory* getGrainDirectory() const { return directory; }
+    CVMDKGrainAllocator* getGrainAllocator() const { return allocator; }
+    long long getSizeBytes() const { return sizeBytes; }
+    // The first sector where grain data may lie.
+    long long getGrainAreaStartSectors() const { return grainAreaStartSectors; }
+    // Position and slot of a grain (index within the extent), as recorded.
+    void getGrainInfo(long long extentGrainIndex, long long& posSectors, long long& slotSizeSectors);
+
+private:
+    void checkEncryption(pell::ICipher* cipher, const zu::TCryptBuffer<unsigned char>& key,
+                         const zu::TBuffer<unsigned char>& iv) const;
+    void checkGeometry() const;
+    void checkGrainPlacement(long long extentGrainIndex, long long posSectors, long long slotSizeSectors) const;
+    zu::TBuffer<unsigned char> makeTrail() const;
+    long long beginIOOp(long long bytes);
+    void verifyHaveWriteAccess() const;
+    void onAboutToChange();
+    void markUnclean();
+    void storeHeader();
+    zu::CProps uriProps() const;
+    void checkPreparedGrainOp(bool write);
+
+    zu::P<zu::IIOStream> stream;
+    int access;
+    long long startGrainIndex;
+    int compressionLevel;
+    zu::P<CVMDKGrainTableCache> grainTableCache;
+    zu::P<IVMDKDataProvider> fallback;
+    zu::P<CVMDKContentIDUpdater> contentIDUpdater;
+    zu::P<CVMDKSparseExtentHeader> header;
+    long long grainSizeBytes = 0;
+    long long sizeBytes = 0;
+    bool compressed = false;
+    long long grainAreaStartSectors = 0;
+    zu::P<CVMDKGrainDirectory> directory;
+    zu::P<CVMDKGrainAllocator> allocator;
+    zu::P<CVMDKGrain> grain;
+    long long position = 0;
+    // Changes were made since the header last said the extent is clean.
+    bool changedSinceFlush = false;
+};
+
+} // namespace kord

@@ -1,0 +1,210 @@
+#include "grain/CVMDKGrainDirectory.h"
+
+#include "base/CIOError.h"
+#include "base/Log.h"
+#include "format/VMDKEmptyLayout.h"
+#include "format/VMDKMarker.h"
+
+#include <algorithm>
+
+namespace kord {
+
+namespace {
+
+long long sectorsFor(long long bytes) { return (bytes + vmdkSectorSize - 1) / vmdkSectorSize; }
+
+// 16M grain tables: far beyond any extent that 32-bit sector numbers can
+// address with usual geometries, and a bound on what a hostile header can
+// make us allocate.
+constexpr long long maxDirectoryBytes = 64LL * 1024 * 1024;
+
+bool rangesOverlap(long long aStart, long long aLength, long long bStart, long long bLength)
+{
+    return aStart < bStart + bLength && bStart < aStart + aLength;
+}
+
+} // namespace
+
+CVMDKGrainDirectory::CVMDKGrainDirectory(zu::IIOStream* stream, int access, long long posSectors,
+                                         long long redundantPosSectors, long long capacitySectors,
+                                         long long grainSizeSectors, int grainTableEntryCount, bool compressed,
+                                         CVMDKGrainTableCache* cache, const CBounds& bounds)
+    : stream(stream), access(access), cache(cache), posSectors(posSectors), redundantPosSectors(redundantPosSectors),
+      grainSizeSectors(grainSizeSectors), grainTableEntryCount(grainTableEntryCount), compressed(compressed),
+      grainCount(calcExtentGrainCount(capacitySectors, grainSizeSectors)),
+      grainTableCount(calcExtentGrainTableCount(capacitySectors, grainSizeSectors, grainTableEntryCount)),
+      capacitySectors(capacitySectors), bounds(bounds)
+{
+    long long tableSectors = sectorsFor(static_cast<long long>(grainTableEntryCount) * 4);
+    readDirectory(posSectors, entries, "grain directory");
+    checkEntries(entries, tableSectors, "grain directory");
+    if (redundantPosSectors > 0) {
+        readDirectory(redundantPosSectors, redundantEntries, "redundant grain directory");
+        checkEntries(redundantEntries, tableSectors, "redundant grain directory");
+    }
+    slotSizeDirectoryPosSectors = findSlotSizeDirectory();
+    if (slotSizeDirectoryPosSectors > 0) {
+        stream->seek(slotSizeDirectoryPosSectors * vmdkSectorSize);
+        slotSizeDirectory.setUsed(grainTableCount);
+        if (grainTableCount > 0) stream->read(slotSizeDirectory.getData(), static_cast<int>(grainTableCount * 4));
+    } else if (compressed) {
+        throw zu::CError("Slot size directory not found in compressed VMDK.", zu::String(), -1, uriProps());
+    }
+}
+
+CVMDKGrainDirectory::~CVMDKGrainDirectory()
+{
+    try {
+        flushChangesToStream();
+        cache->removeCachedTablesFromDirectory(this);
+    } catch (const std::exception& e) {
+        zu::onExceptionInDestructorIgnored("kord::CVMDKGrainDirectory", e);
+    }
+}
+
+long long CVMDKGrainDirectory::calcExtentGrainCount(long long capacitySectors, long long grainSizeSectors)
+{
+    return (capacitySectors + grainSizeSectors - 1) / grainSizeSectors;
+}
+
+long long CVMDKGrainDirectory::calcExtentGrainTableCount(long long capacitySectors, long long grainSizeSectors,
+                                                        int grainTableEntryCount)
+{
+    return (calcExtentGrainCount(capacitySectors, grainSizeSectors) + grainTableEntryCount - 1) / grainTableEntryCount;
+}
+
+zu::CProps CVMDKGrainDirectory::uriProps() const { return zu::CProps().set("uri", stream->getURI().toString(true)); }
+
+bool CVMDKGrainDirectory::overlapsHeaderOrDescriptor(long long startSectors, long long sectors) const
+{
+    if (startSectors < 1) return true;
+    return bounds.descriptorOffsetSectors > 0 &&
+           rangesOverlap(startSectors, sectors, bounds.descriptorOffsetSectors, bounds.descriptorSizeSectors);
+}
+
+void CVMDKGrainDirectory::readDirectory(long long at, zu::TBuffer<unsigned int>& out, const char* what)
+{
+    // Checked before anything is allocated: the table count comes from the
+    // header's capacity and the position from the header.
+    long long bytes = grainTableCount * 4;
+    if (bytes > maxDirectoryBytes)
+        throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK " + zu::String(what) + " is too large.",
+                           uriProps().set("tableCount", grainTableCount).set("maxTableCount", maxDirectoryBytes / 4));
+    long long fileSectors = bounds.fileSizeBytes / vmdkSectorSize;
+    if (overlapsHeaderOrDescriptor(at, std::max(1LL, sectorsFor(bytes))) || at > fileSectors ||
+        bytes > bounds.fileSizeBytes - at * vmdkSectorSize)
+        throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK " + zu::String(what) + " position is invalid.",
+                           uriProps()
+                               .set("posSectors", at)
+                               .set("tableCount", grainTableCount)
+                               .set("fileSize", bounds.fileSizeBytes));
+    metadataEndSectors = std::max(metadataEndSectors, at + sectorsFor(bytes));
+    out.setUsed(grainTableCount);
+    stream->seek(at * vmdkSectorSize);
+    if (bytes > 0) stream->read(out.getData(), static_cast<int>(bytes));
+}
+
+void CVMDKGrainDirectory::checkEntries(const zu::TBuffer<unsigned int>& table, long long tableSectors,
+                                       const char* what)
+{
+    long long fileSectors = bounds.fileSizeBytes / vmdkSectorSize;
+    for (long long i = 0; i < table.getUsed(); ++i) {
+        long long at = table[i];
+        if (overlapsHeaderOrDescriptor(at, tableSectors) || at + tableSectors > fileSectors)
+            throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK " + zu::String(what) + " entry is invalid.",
+                               uriProps()
+                                   .set("tableIndex", i)
+                                   .set("posSectors", at)
+                                   .set("fileSize", bounds.fileSizeBytes));
+        metadataEndSectors = std::max(metadataEndSectors, at + tableSectors);
+    }
+}
+
+long long CVMDKGrainDirectory::findSlotSizeDirectory()
+{
+    // The probe is the sector just behind the later copy of the last grain
+    // table, computed in 32 bits as the format's sector numbers are.
+    std::uint32_t probe;
+    std::uint32_t tableSectors = static_cast<std::uint32_t>(sectorsFor(static_cast<long long>(grainTableEntryCount) * 4));
+    if (grainTableCount < 1) {
+        probe = std::max(static_cast<std::uint32_t>(posSectors), static_cast<std::uint32_t>(redundantPosSectors)) + 1;
+    } else {
+        std::uint32_t last = entries[grainTableCount - 1];
+        if (redundantEntries.getUsed() > 0) last = std::max(last, redundantEntries[grainTableCount - 1]);
+        probe = last + tableSectors;
+    }
+    unsigned char sector[vmdkSectorSize];
+    stream->seek(static_cast<std::uint32_t>(probe * static_cast<std::uint32_t>(vmdkSectorSize)));
+    if (stream->readLax(sector, vmdkSectorSize) < vmdkSectorSize) return 0;
+    long long markerSectors = 0;
+    if (!isVMDKMarker(sector, vmdkMarkerSlotSizeDirectory, &markerSectors)) return 0;
+
+    long long expected = vmdkDirectorySectors(grainTableCount);
+    zu::String uriText = stream->getURI().toString(true);
+    if (markerSectors != expected) {
+        zu::logWarning("Found VMDK marker for zuSlotDirectory, but the slot directory size does not match the expected "
+                       "value (actual: " + zu::toString(markerSectors) + ", expected: " + zu::toString(expected) +
+                       ", uri: '" + uriText + "'). Ignoring the slot directory.");
+        return 0;
+    }
+    long long at = static_cast<long long>(probe) + 1;
+    // Our layout puts the slot-size metadata before the grain data; one found
+    // among grain data was not written by us and must not be trusted.
+    bool placed = at + expected <= bounds.overHeadSectors;
+    if (placed) {
+        zu::TBuffer<unsigned int> slotTables(grainTableCount);
+        stream->seek(at * vmdkSectorSize);
+        if (grainTableCount > 0) stream->read(slotTables.getData(), static_cast<int>(grainTableCount * 4));
+        for (long long i = 0; placed && i < grainTableCount; ++i) {
+            long long table = slotTables[i];
+            placed = !overlapsHeaderOrDescriptor(table, vmdkSlotSizeTableSectors) &&
+                     table + vmdkSlotSizeTableSectors <= bounds.overHeadSectors;
+            if (placed) metadataEndSectors = std::max(metadataEndSectors, table + vmdkSlotSizeTableSectors);
+        }
+    }
+    if (placed) metadataEndSectors = std::max(metadataEndSectors, at + expected);
+    if (!placed) {
+        zu::logWarning("Found VMDK marker for zuSlotDirectory outside the metadata area (uri: '" + uriText +
+                       "'). Ignoring the slot directory.");
+        return 0;
+    }
+    return at;
+}
+
+zu::P<CVMDKGrainTable> CVMDKGrainDirectory::getGrainTable(long long tableIndex)
+{
+    if (tableIndex < 0 || tableIndex >= grainTableCount)
+        throw zu::CInvalidArgError("CVMDKGrainDirectory::getGrainTable", "invalid table index: " + zu::toString(tableIndex),
+                                   uriProps());
+    if (zu::P<CVMDKGrainTable> hit = cache->getCachedTable(this, tableIndex)) return hit;
+
+    long long first = tableIndex - tableIndex % tablesPerBatch;
+    long long end = std::min(first + tablesPerBatch, grainTableCount);
+    zu::P<CVMDKGrainTable> requested;
+    for (long long i = first; i < end; ++i) {
+        long long redundant = redundantEntries.getUsed() > 0 ? redundantEntries[i] : 0;
+        long long slotTable = slotSizeDirectory.getUsed() > 0 ? slotSizeDirectory[i] : 0;
+        zu::P<CVMDKGrainTable> table = zu::newObj<CVMDKGrainTable>(stream, access, grainSizeSectors, entries[i],
+                                                                   redundant, slotTable, grainTableEntryCount);
+        cache->setCachedTable(this, i, table);
+        if (i == tableIndex) requested = table;
+    }
+    if (!requested)
+        throw zu::CError("Internal error: CVMDKGrainDirectory::getGrainTable updated the cache, but did not encounter "
+                         "the requested table (requested index: " + zu::toString(tableIndex) + ")");
+    return requested;
+}
+
+void CVMDKGrainDirectory::getGrainInfo(long long grainIndex, long long& pos, long long& slot)
+{
+    getGrainTable(grainIndex / grainTableEntryCount)->getGrainInfo(grainIndex % grainTableEntryCount, pos, slot);
+}
+
+void CVMDKGrainDirectory::setGrainInfo(long long grainIndex, long long pos, long long slot)
+{
+    getGrainTable(grainIndex / grainTableEntryCount)->setGrainInfo(grainIndex % grainTableEntryCount, pos, slot);
+}
+
+void CVMDKGrainDirectory::flushChangesToStream() { cache->flushCachedTablesFromDirectoryToStream(this); }
+
+} // namespace kord

@@ -1,0 +1,100 @@
+// The grain directory of one sparse extent file: where each grain table (and
+// its redundant copy) lies, and, in our compressed extents, the slot-size
+// directory that follows the last grain table and gives each table's
+// slot-size table.
+//
+// Directory entries (little-endian, 32 bits each, one per grain table):
+//   grain directory            sector of the grain table
+//   redundant grain directory  sector of the table's second copy
+//   slot-size directory        sector of the table's slot-size table; it
+//                              follows a marker sector of type
+//                              vmdkMarkerSlotSizeDirectory just behind the
+//                              later copy of the last grain table
+//
+// The directories are read once, whole, and checked: the library writes
+// tables back to the positions they hold, so a position inside the header
+// or the descriptor area, or past the end of the file, is refused before
+// anything is written. Grain tables are loaded on demand, 32 at a time, into
+// the shared grain table cache. Directory entries never change after the
+// file is laid out.
+#pragma once
+
+#include "base/IIOStream.h"
+#include "base/TBuffer.h"
+#include "grain/CVMDKGrainTable.h"
+#include "grain/CVMDKGrainTableCache.h"
+
+namespace kord {
+
+class CVMDKGrainDirectory : public zu::CBase {
+public:
+    // Where metadata may lie in the file, from its header and size.
+    struct CBounds {
+        long long descriptorOffsetSectors = 0; // 0: no descriptor area
+        long long descriptorSizeSectors = 0;
+        long long overHeadSectors = 0;         // grain data starts here
+        long long fileSizeBytes = 0;
+    };
+
+    static constexpr int tablesPerBatch = 32;
+
+    // Reads and checks the directories and finds the slot-size directory.
+    // Throws zu::CIOError code 5 for a misplaced directory or entry, and
+    // zu::CError "Slot size directory not found in compressed VMDK." when a
+    // compressed extent has none.
+    CVMDKGrainDirectory(zu::IIOStream* stream, int access, long long posSectors, long long redundantPosSectors,
+                        long long capacitySectors, long long grainSizeSectors, int grainTableEntryCount,
+                        bool compressed, CVMDKGrainTableCache* cache, const CBounds& bounds);
+    ~CVMDKGrainDirectory() override;
+
+    // Grains and tables of an extent (rounded up).
+    static long long calcExtentGrainCount(long long capacitySectors, long long grainSizeSectors);
+    static long long calcExtentGrainTableCount(long long capacitySectors, long long grainSizeSectors,
+                                              int grainTableEntryCount);
+
+    bool getHaveSlotSizeInfo() const { return slotSizeDirectory.getUsed() > 0; }
+    long long getGrainCount() const { return grainCount; }
+    long long getGrainTableCount() const { return grainTableCount; }
+    int getGrainTableEntryCount() const { return grainTableEntryCount; }
+    // Sector of the slot-size directory (one past its marker); 0 when none.
+    long long getSlotSizeDirectoryPosSectors() const { return slotSizeDirectoryPosSectors; }
+    // The sector after the last metadata structure that the directories
+    // name (directories, grain tables, slot-size directory and tables).
+    long long getMetadataEndSectors() const { return metadataEndSectors; }
+    const zu::TBuffer<unsigned int>& getEntries() const { return entries; }
+    const zu::TBuffer<unsigned int>& getRedundantEntries() const { return redundantEntries; }
+    const zu::TBuffer<unsigned int>& getSlotSizeDirectory() const { return slotSizeDirectory; }
+
+    // From the cache, or loaded with its batch of 32.
+    zu::P<CVMDKGrainTable> getGrainTable(long long tableIndex);
+    void getGrainInfo(long long grainIndex, long long& posSectors, long long& slotSizeSectors);
+    void setGrainInfo(long long grainIndex, long long posSectors, long long slotSizeSectors);
+    void flushChangesToStream();
+
+private:
+    void readDirectory(long long posSectors, zu::TBuffer<unsigned int>& out, const char* what);
+    void checkEntries(const zu::TBuffer<unsigned int>& table, long long tableSectors, const char* what);
+    bool overlapsHeaderOrDescriptor(long long startSectors, long long sectors) const;
+    long long findSlotSizeDirectory();
+    zu::CProps uriProps() const;
+
+    zu::P<zu::IIOStream> stream;
+    int access;
+    zu::P<CVMDKGrainTableCache> cache;
+    long long posSectors;
+    long long redundantPosSectors;
+    long long slotSizeDirectoryPosSectors = 0;
+    long long grainSizeSectors;
+    int grainTableEntryCount;
+    bool compressed;
+    long long grainCount;
+    long long grainTableCount;
+    zu::TBuffer<unsigned int> entries;
+    zu::TBuffer<unsigned int> redundantEntries;
+    zu::TBuffer<unsigned int> slotSizeDirectory;
+    long long capacitySectors;
+    CBounds bounds;
+    long long metadataEndSectors = 1;
+};
+
+} // namespace kord

@@ -1,0 +1,101 @@
+// Lock files between real processes on the local file system: the kernel's
+// locks exclude another process while the holder lives and vanish when it
+// dies, even though the lock file itself stays behind.
+#include "common/TestUtil.h"
+
+#include "base/CLockFile.h"
+
+#include <csignal>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace zu;
+using kordtest::expectThrows;
+
+namespace {
+
+// A child process that takes the lock and holds it until it is killed or,
+// with holdMs >= 0, releases it (removing the file) after that time.
+class LockHolder {
+public:
+    LockHolder(const CURI& uri, CLockFile::LockType type, int holdMs = -1)
+    {
+        int fds[2];
+        if (pipe(fds) != 0) throw std::runtime_error("pipe failed");
+        pid = fork();
+        if (pid == 0) {
+            char ok = '0';
+            try {
+                CLockFile lock(newObj<CLocalFileSystem>(), uri, type, false, true);
+                ok = '1';
+                if (write(fds[1], &ok, 1) != 1) _exit(2);
+                if (holdMs < 0)
+                    for (;;) pause();
+                usleep(static_cast<useconds_t>(holdMs) * 1000);
+            } catch (...) {
+                if (ok == '0' && write(fds[1], &ok, 1) != 1) _exit(2);
+                _exit(1);
+            }
+            _exit(0);
+        }
+        close(fds[1]);
+        char state = 0;
+        bool ready = read(fds[0], &state, 1) == 1 && state == '1';
+        close(fds[0]);
+        if (!ready) {
+            waitpid(pid, nullptr, 0);
+            throw std::runtime_error("the child could not take the lock");
+        }
+    }
+    ~LockHolder() { kill(SIGKILL); }
+
+    void kill(int signal)
+    {
+        if (pid <= 0) return;
+        ::kill(pid, signal);
+        waitpid(pid, nullptr, 0);
+        pid = -1;
+    }
+
+private:
+    pid_t pid = -1;
+};
+
+} // namespace
+
+TEST(LockFileTest, otherProcessIsExcludedUntilItDies)
+{
+    kordtest::TempDir dir;
+    P<IFileSystem> fs = newObj<CLocalFileSystem>();
+    CURI uri = CLocalFileSystem::pathToURI(dir.file("disk.vmdk.lock"));
+
+    LockHolder writer(uri, CLockFile::lockTypeWrite);
+    auto e = expectThrows<CLockFileError>([&] { CLockFile(fs, uri, CLockFile::lockTypeWrite, false, true); });
+    EXPECT_EQ(kordtest::msg(e), "The lock file is held by another process.");
+    EXPECT_EQ(e.getProp("uri"), uri.toString(true));
+    EXPECT_THROW(CLockFile(fs, uri, CLockFile::lockTypeRead, false, true), CLockFileError);
+
+    // Killed, it cannot remove its lock file; the stale file must not block.
+    writer.kill(SIGKILL);
+    EXPECT_TRUE(fs->exists(uri));
+    { CLockFile again(fs, uri, CLockFile::lockTypeWrite, false, true); }
+    EXPECT_FALSE(fs->exists(uri));
+}
+
+TEST(LockFileTest, readersShareAcrossProcessesAndWaitersGetTheLock)
+{
+    kordtest::TempDir dir;
+    P<IFileSystem> fs = newObj<CLocalFileSystem>();
+    CURI uri = CLocalFileSystem::pathToURI(dir.file("disk.vmdk.lock"));
+    {
+        LockHolder reader(uri, CLockFile::lockTypeRead);
+        CLockFile shared(fs, uri, CLockFile::lockTypeRead, false, true);
+        EXPECT_THROW(CLockFile(fs, uri, CLockFile::lockTypeWrite, false, true), CLockFileError);
+    }
+    // The holder removes the file when it exits; the waiter must then lock
+    // the file that is at the path, not the deleted one it opened.
+    LockHolder briefWriter(uri, CLockFile::lockTypeWrite, 200);
+    CLockFile waited(fs, uri, CLockFile::lockTypeWrite, true, true);
+    EXPECT_TRUE(fs->exists(uri));
+    EXPECT_THROW(LockHolder(uri, CLockFile::lockTypeRead), std::runtime_error);
+}

@@ -1,0 +1,72 @@
+#include "TestUtil.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <random>
+
+namespace kordtest {
+
+TempDir::TempDir()
+{
+    std::string templ = (std::filesystem::temp_directory_path() / "kord-test-XXXXXX").string();
+    std::vector<char> buf(templ.begin(), templ.end());
+    buf.push_back('\0');
+    if (!mkdtemp(buf.data())) throw std::runtime_error("mkdtemp failed");
+    dirPath = buf.data();
+}
+
+TempDir::~TempDir()
+{
+    std::error_code ec;
+    std::filesystem::remove_all(dirPath, ec);
+}
+
+std::string fsKindName(const testing::TestParamInfo<FsKind>& info)
+{
+    return info.param == FsKind::memory ? "Memory" : "Local";
+}
+
+std::string msg(const zu::CError& e) { return e.getMessage().toUTF8(); }
+
+std::vector<unsigned char> le32(unsigned v)
+{
+    return {static_cast<unsigned char>(v), static_cast<unsigned char>(v >> 8), static_cast<unsigned char>(v >> 16),
+            static_cast<unsigned char>(v >> 24)};
+}
+
+std::vector<unsigned char> le64(unsigned long long v)
+{
+    std::vector<unsigned char> out;
+    for (int i = 0; i < 8; ++i) out.push_back(static_cast<unsigned char>(v >> (8 * i)));
+    return out;
+}
+
+std::vector<unsigned char> pattern(std::size_t bytes, unsigned seed)
+{
+    std::mt19937 gen(seed);
+    std::vector<unsigned char> out(bytes);
+    for (auto& b : out) b = static_cast<unsigned char>(gen());
+    return out;
+}
+
+int runCommand(const std::string& command, std::string* output)
+{
+    std::string full = command + " 2>&1";
+    FILE* pipe = popen(full.c_str(), "r");
+    if (!pipe) return -1;
+    char buf[4096];
+    std::string out;
+    std::size_t n;
+    while ((n = fread(buf, 1, sizeof buf, pipe)) > 0) out.append(buf, n);
+    int status = pclose(pipe);
+    if (output) *output = out;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+bool haveTool(const std::string& name)
+{
+    return runCommand("command -v " + name + " >/dev/null") == 0;
+}
+
+} // namespace kordtest

@@ -1,0 +1,218 @@
+// The crypto library against published vectors, and the cipher's padding,
+// buffer and failure rules that key wrapping and grain encryption rely on.
+#include "crypto/CCipher_AES256CBC.h"
+#include "crypto/CDigestType_SHA256.h"
+#include "crypto/KeyDerivation.h"
+
+#include "common/TestUtil.h"
+
+#include <string>
+#include <vector>
+
+using kordtest::expectThrows;
+using kordtest::msg;
+using Bytes = std::vector<unsigned char>;
+using Buffer = zu::TBuffer<unsigned char>;
+
+namespace {
+
+Bytes hex(const std::string& text)
+{
+    Bytes out;
+    for (std::size_t i = 0; i + 1 < text.size(); i += 2) out.push_back(static_cast<unsigned char>(std::stoi(text.substr(i, 2), nullptr, 16)));
+    return out;
+}
+
+Bytes bytesOf(const Buffer& b) { return Bytes(b.getData(), b.getData() + b.getUsed()); }
+Bytes bytesOf(const std::string& s) { return Bytes(s.begin(), s.end()); }
+
+// NIST SP 800-38A, F.2.5 and F.2.6 (CBC-AES256).
+const Bytes nistKey = hex("603deb1015ca71be2b73aef0857d77811f352c073b6108d72d9810a30914dff4");
+const Bytes nistIV = hex("000102030405060708090a0b0c0d0e0f");
+const Bytes nistPlain = hex("6bc1bee22e409f96e93d7e117393172aae2d8a571e03ac9c9eb76fac45af8e51"
+                            "30c81c46a35ce411e5fbc1191a0a52eff69f2445df4f9b17ad2b417be66c3710");
+const Bytes nistCipher = hex("f58c4c04d6e5f1ba779eabfb5f7bfbd69cfc4e967edb808d679f777bc6702c7d"
+                             "39f23369a9d9bacfa530e26304231461b2eb05e2c39be9fcda6c19078c6a9d1b");
+const int noPad = pell::ICipher::flagNoPadding;
+
+} // namespace
+
+TEST(CipherAES256CBC, nistVectorsBufferAndInPlace)
+{
+    pell::CCipher_AES256CBC cipher;
+    EXPECT_EQ(std::string("aes256cbc"), cipher.getID().toUTF8());
+    EXPECT_EQ(32, cipher.getKeySize());
+    EXPECT_EQ(16, cipher.getIVSize());
+    EXPECT_EQ(16, cipher.getBlockSize());
+    Buffer out;
+    EXPECT_EQ(64, cipher.encrypt(nistKey.data(), nistPlain.data(), 64, out, noPad, nistIV.data()));
+    EXPECT_EQ(nistCipher, bytesOf(out));
+    EXPECT_EQ(64, cipher.decrypt(nistKey.data(), nistCipher.data(), 64, out, noPad, nistIV.data()));
+    EXPECT_EQ(nistPlain, bytesOf(out));
+    Bytes data = nistPlain;
+    cipher.encryptBlocksInPlace(nistKey.data(), data.data(), 64, nistIV.data());
+    EXPECT_EQ(nistCipher, data);
+    cipher.decryptBlocksInPlace(nistKey.data(), data.data(), 64, nistIV.data());
+    EXPECT_EQ(nistPlain, data);
+}
+
+// A wrapped 32-byte key is 48 bytes long: a whole block of padding is added to
+// an aligned input, and its bytes are PKCS#7 (each holds the padding length).
+TEST(CipherAES256CBC, paddingLengthsAndRoundTrip)
+{
+    pell::CCipher_AES256CBC cipher;
+    for (int length : {0, 15, 16, 17, 32}) {
+        SCOPED_TRACE(length);
+        Bytes plain = kordtest::pattern(static_cast<std::size_t>(length), 7);
+        int expected = (length / 16 + 1) * 16;
+        Buffer wrapped, raw, back;
+        EXPECT_EQ(expected, cipher.encrypt(nistKey.data(), plain.data(), length, wrapped, 0, nistIV.data()));
+        ASSERT_EQ(expected, wrapped.getUsed());
+        cipher.decrypt(nistKey.data(), wrapped.getData(), expected, raw, noPad, nistIV.data());
+        for (int i = length; i < expected; ++i) EXPECT_EQ(expected - length, raw[i]);
+        EXPECT_EQ(length, cipher.decrypt(nistKey.data(), wrapped.getData(), expected, back, 0, nistIV.data()));
+        EXPECT_EQ(plain, bytesOf(back));
+    }
+}
+
+TEST(CipherAES256CBC, appendKeepsContentsReplaceDiscardsThem)
+{
+    pell::CCipher_AES256CBC cipher;
+    Buffer out(hex("aabbcc").data(), 3);
+    EXPECT_EQ(32, cipher.encrypt(nistKey.data(), nistPlain.data(), 32, out, noPad | pell::ICipher::flagAppend, nistIV.data()));
+    Bytes expected = hex("aabbcc");
+    expected.insert(expected.end(), nistCipher.begin(), nistCipher.begin() + 32);
+    EXPECT_EQ(expected, bytesOf(out));
+    cipher.encrypt(nistKey.data(), nistPlain.data(), 16, out, noPad, nistIV.data());
+    EXPECT_EQ(Bytes(nistCipher.begin(), nistCipher.begin() + 16), bytesOf(out));
+}
+
+// Each of these keys was checked to give a wrong padding for this wrapped key
+// (a wrong key passes the padding check by chance about once in 256 tries).
+TEST(CipherAES256CBC, wrongKeyReportsPaddingNotGarbage)
+{
+    pell::CCipher_AES256CBC cipher;
+    Bytes dataKey = kordtest::pattern(32, 3);
+    Buffer wrapped;
+    cipher.encrypt(nistKey.data(), dataKey.data(), 32, wrapped, 0, nistIV.data());
+    for (unsigned char flip : {1, 2, 3, 4, 5}) {
+        SCOPED_TRACE(flip);
+        Bytes wrongKey = nistKey;
+        wrongKey[0] ^= flip;
+        Buffer out(hex("aa").data(), 1);
+        auto e = expectThrows<zu::CError>([&] {
+            cipher.decrypt(wrongKey.data(), wrapped.getData(), 48, out, pell::ICipher::flagAppend, nistIV.data());
+        });
+        EXPECT_EQ("Decryption failed: the padding is not valid (wrong key or corrupt data).", msg(e));
+        EXPECT_FALSE(e.getProp("openssl").empty());
+        EXPECT_EQ(hex("aa"), bytesOf(out));
+    }
+    // The context is usable again after the failure.
+    Buffer back;
+    cipher.decrypt(nistKey.data(), wrapped.getData(), 48, back, 0, nistIV.data());
+    EXPECT_EQ(dataKey, bytesOf(back));
+}
+
+TEST(CipherAES256CBC, badArgumentsRefused)
+{
+    pell::CCipher_AES256CBC cipher;
+    const unsigned char* k = nistKey.data();
+    const unsigned char* iv = nistIV.data();
+    const unsigned char* in = nistPlain.data();
+    Bytes data = nistPlain;
+    Buffer out;
+    expectThrows<zu::CInvalidArgError>([&] { cipher.encrypt(k, in, 17, out, noPad, iv); });
+    expectThrows<zu::CInvalidArgError>([&] { cipher.decrypt(k, in, 31, out, noPad, iv); });
+    expectThrows<zu::CInvalidArgError>([&] { cipher.encryptBlocksInPlace(k, data.data(), 20, iv); });
+    expectThrows<zu::CInvalidArgError>([&] { cipher.decryptBlocksInPlace(k, data.data(), 8, iv); });
+    expectThrows<zu::CInvalidArgError>([&] { cipher.encrypt(nullptr, in, 16, out, 0, iv); });
+    expectThrows<zu::CInvalidArgError>([&] { cipher.decrypt(k, in, 16, out, 0, nullptr); });
+    expectThrows<zu::CInvalidArgError>([&] { cipher.encrypt(k, in, -16, out, 0, iv); });
+    expectThrows<zu::CInvalidArgError>([&] { cipher.encrypt(k, in, 16, out, 4, iv); });
+    Buffer self(in, 32);
+    expectThrows<zu::CInvalidArgError>([&] { cipher.encrypt(k, self.getData(), 32, self, 0, iv); });
+    for (int length : {0, 20}) {
+        auto e = expectThrows<zu::CError>([&] { cipher.decrypt(k, in, length, out, 0, iv); });
+        EXPECT_EQ("Decryption failed: the encrypted data is not a whole, non-zero number of cipher blocks.", msg(e));
+    }
+    EXPECT_EQ(nistPlain, data);
+}
+
+// Grain-sized calls with alternating keys, directions and padding modes: no
+// setting of one call may leak into the next through the reused context.
+TEST(CipherAES256CBC, reusedContextMatchesFreshCipher)
+{
+    pell::CCipher_AES256CBC reused;
+    Bytes grain = kordtest::pattern(4096, 11);
+    Bytes otherKey = kordtest::pattern(32, 12);
+    for (int round = 0; round < 3; ++round) {
+        const Bytes& key = round % 2 ? otherKey : nistKey;
+        Buffer viaBuffer, wrapped, fresh;
+        reused.encrypt(key.data(), grain.data(), 4096, viaBuffer, noPad, nistIV.data());
+        reused.encrypt(key.data(), grain.data(), 16, wrapped, 0, nistIV.data());
+        Bytes inPlace = grain;
+        reused.encryptBlocksInPlace(key.data(), inPlace.data(), 4096, nistIV.data());
+        pell::CCipher_AES256CBC().encrypt(key.data(), grain.data(), 4096, fresh, noPad, nistIV.data());
+        EXPECT_EQ(bytesOf(fresh), bytesOf(viaBuffer));
+        EXPECT_EQ(bytesOf(fresh), inPlace);
+        reused.decryptBlocksInPlace(key.data(), inPlace.data(), 4096, nistIV.data());
+        EXPECT_EQ(grain, inPlace);
+    }
+}
+
+TEST(DigestSHA256, fipsVectorsWholeAndInPieces)
+{
+    const std::string longMessage = "abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq";
+    EXPECT_EQ(hex("e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"), bytesOf(pell::CDigestType_SHA256::hash(nullptr, 0)));
+    EXPECT_EQ(hex("ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad"), bytesOf(pell::CDigestType_SHA256::hash("abc", 3)));
+    Bytes expected = hex("248d6a61d20638b8e5c026930c3e6039a33ce45964ff2167f6ecedd419db06c1");
+    EXPECT_EQ(expected, bytesOf(pell::CDigestType_SHA256::hash(longMessage.data(), 56)));
+    pell::CDigestType_SHA256 type;
+    EXPECT_EQ(32, type.getResultLength());
+    zu::P<pell::IDigest> digest = type.createDigest();
+    for (char c : longMessage) digest->update(&c, 1);
+    digest->finish();
+    ASSERT_EQ(32, digest->getResultLength());
+    EXPECT_EQ(expected, Bytes(digest->getResult(), digest->getResult() + 32));
+}
+
+TEST(DigestSHA256, misuseAfterFinishOrBeforeItThrows)
+{
+    zu::P<pell::IDigest> digest = pell::CDigestType_SHA256().createDigest();
+    expectThrows<zu::CError>([&] { digest->getResult(); });
+    digest->finish();
+    auto e = expectThrows<zu::CError>([&] { digest->update("x", 1); });
+    EXPECT_EQ("Internal error: SHA-256 digest update called after finish.", msg(e));
+    expectThrows<zu::CError>([&] { digest->finish(); });
+}
+
+// RFC 6070.
+TEST(KeyDerivation, pbkdf2HmacSha1Vectors)
+{
+    struct Case {
+        std::string password, salt;
+        int iterations;
+        const char* expected;
+    };
+    const Case cases[] = {
+        {"password", "salt", 1, "0c60c80f961f0e71f3a9b524af6012062fe037a6"},
+        {"password", "salt", 2, "ea6c014dc72d6f8ccd1ed92ace1d41f0d8de8957"},
+        {"password", "salt", 4096, "4b007901b765489abead49d926f721d065a429c1"},
+        {"passwordPASSWORDpassword", "saltSALTsaltSALTsaltSALTsaltSALTsalt", 4096,
+         "3d2eec4fe41c849b80c8d83662c0e44a8b291a964cf2f07038"},
+        {std::string("pass\0word", 9), std::string("sa\0lt", 5), 4096, "56fa6aa75548099dcc37d7f03425e0c3"},
+    };
+    for (const Case& c : cases) {
+        Bytes expected = hex(c.expected);
+        zu::TCryptBuffer<unsigned char> key(static_cast<long long>(expected.size()));
+        Bytes password = bytesOf(c.password), salt = bytesOf(c.salt);
+        pell::deriveKey_PKCS5_PBKDF2_HMAC_SHA1(password.data(), static_cast<int>(password.size()), salt.data(),
+                                               static_cast<int>(salt.size()), c.iterations,
+                                               static_cast<int>(expected.size()), key.getData());
+        EXPECT_EQ(expected, bytesOf(key)) << c.password << " " << c.iterations;
+    }
+    unsigned char out[20];
+    expectThrows<zu::CInvalidArgError>([&] { pell::deriveKey_PKCS5_PBKDF2_HMAC_SHA1(out, 1, out, 1, 0, 20, out); });
+    expectThrows<zu::CInvalidArgError>([&] { pell::deriveKey_PKCS5_PBKDF2_HMAC_SHA1(out, 1, out, 1, 1LL << 31, 20, out); });
+    expectThrows<zu::CInvalidArgError>([&] { pell::deriveKey_PKCS5_PBKDF2_HMAC_SHA1(nullptr, 4, out, 1, 1, 20, out); });
+}

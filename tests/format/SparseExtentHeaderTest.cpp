@@ -1,0 +1,221 @@
+// The 512-byte sparse extent header: hand-built images load into the right
+// fields and store back byte for byte; damaged headers fail with the right
+// code and message.
+#include "common/TestUtil.h"
+
+#include "base/CBufferStream.h"
+#include "base/CDataInStream.h"
+#include "base/CDataOutStream.h"
+#include "base/Endian.h"
+#include "format/CVMDKSparseExtentHeader.h"
+
+using kord::CVMDKSparseExtentHeader;
+using kordtest::expectThrows;
+using kordtest::msg;
+
+namespace {
+
+using Bytes = std::vector<unsigned char>;
+
+// A standard header with a distinct value in every field, so that a field
+// read from or written to the wrong offset shows.
+Bytes standardImage(std::uint32_t flags)
+{
+    Bytes b(512, 0);
+    zu::storeLE32(&b[0], 0x564D444B);        // magic "KDMV"
+    zu::storeLE32(&b[4], 3);                 // version
+    zu::storeLE32(&b[8], flags);             // flags
+    zu::storeLE64(&b[12], 0x0102030405060708); // capacity
+    zu::storeLE64(&b[20], 128);              // grainSize
+    zu::storeLE64(&b[28], 1);                // descriptorOffset
+    zu::storeLE64(&b[36], 20);               // descriptorSize
+    zu::storeLE32(&b[44], 512);              // numGTEsPerGT
+    zu::storeLE64(&b[48], 21);               // rgdOffset
+    zu::storeLE64(&b[56], 0x1122334455);     // gdOffset
+    zu::storeLE64(&b[64], 0x8000000000000001ull); // overHead (sign bit set)
+    b[72] = 1;                               // uncleanShutdown
+    b[73] = '\n';                            // line-end check "\n \r\n"
+    b[74] = ' ';
+    b[75] = '\r';
+    b[76] = '\n';
+    zu::storeLE16(&b[77], 0xBEEF);           // compressAlgorithm
+    for (int i = 79; i < 512; ++i) b[i] = static_cast<unsigned char>(i * 7); // pad kept as read
+    return b;
+}
+
+// An extended header carrying a key hash of `hashBytes` bytes.
+Bytes extendedImage(int hashBytes)
+{
+    Bytes b = standardImage(0x3);
+    zu::storeLE32(&b[0], 0x05644B45);        // extended magic, bytes 45 4B 64 05
+    zu::storeLE16(&b[79], 1);                // encAlg AES-256-CBC
+    zu::storeLE16(&b[81], 1);                // encKeyHashAlg SHA-256
+    zu::storeLE16(&b[83], static_cast<std::uint16_t>(hashBytes)); // encKeyHashSize
+    for (int i = 0; i < hashBytes && 85 + i < 512; ++i) b[85 + i] = static_cast<unsigned char>(0xA0 + i);
+    return b;
+}
+
+void load(CVMDKSparseExtentHeader& header, const Bytes& image, long long at = 0)
+{
+    zu::P<zu::TBuffer<unsigned char>> data = zu::newObj<zu::TBuffer<unsigned char>>(image.data(), image.size());
+    zu::P<zu::CBufferStream> stream = zu::newObj<zu::CBufferStream>(data);
+    stream->seek(at);
+    zu::CDataInStream in(stream);
+    header.load(in);
+}
+
+Bytes store(const CVMDKSparseExtentHeader& header)
+{
+    zu::P<zu::TBuffer<unsigned char>> data = zu::newObj<zu::TBuffer<unsigned char>>();
+    zu::P<zu::CBufferStream> stream = zu::newObj<zu::CBufferStream>(data);
+    zu::CDataOutStream out(stream);
+    header.store(out);
+    return Bytes(data->getData(), data->getData() + data->getUsed());
+}
+
+zu::CIOError loadFails(const Bytes& image)
+{
+    CVMDKSparseExtentHeader header;
+    return expectThrows<zu::CIOError>([&] { load(header, image); });
+}
+
+} // namespace
+
+TEST(SparseExtentHeaderTest, fieldsAtWrongOffsetsOrLostPadBreakRoundTrip)
+{
+    const Bytes image = standardImage(0x3);
+    CVMDKSparseExtentHeader header;
+    load(header, image);
+    EXPECT_FALSE(header.extended);
+    EXPECT_EQ(3u, header.version);
+    EXPECT_EQ(0x3u, header.flags);
+    EXPECT_EQ(0x0102030405060708, header.capacity);
+    EXPECT_EQ(128, header.grainSize);
+    EXPECT_EQ(1, header.descriptorOffset);
+    EXPECT_EQ(20, header.descriptorSize);
+    EXPECT_EQ(512u, header.numGTEsPerGT);
+    EXPECT_EQ(21, header.rgdOffset);
+    EXPECT_EQ(0x1122334455, header.gdOffset);
+    EXPECT_EQ(static_cast<long long>(0x8000000000000001ull), header.overHead);
+    EXPECT_EQ(1, header.uncleanShutdown);
+    EXPECT_EQ(0xBEEF, header.compressAlgorithm);
+    EXPECT_EQ(433, header.padding.getUsed());
+    EXPECT_EQ(image, store(header));
+
+    // The footer of a stream-optimized file is loaded where the stream stands.
+    Bytes withFooter(1024 + 512, 0xEE);
+    std::copy(image.begin(), image.end(), withFooter.begin() + 1024);
+    CVMDKSparseExtentHeader footer;
+    load(footer, withFooter, 1024);
+    EXPECT_EQ(image, store(footer));
+}
+
+TEST(SparseExtentHeaderTest, lineEndBytesCheckedOnlyWithFlagBitZero)
+{
+    // Without bit 0 any four bytes pass, and the store writes the real ones.
+    Bytes mangled = standardImage(0x2);
+    mangled[73] = 0x0D, mangled[74] = 0x0A, mangled[75] = 0x0D, mangled[76] = 0x0A;
+    CVMDKSparseExtentHeader header;
+    load(header, mangled);
+    EXPECT_EQ(standardImage(0x2), store(header));
+
+    // With bit 0 the same bytes are a transfer in text mode.
+    Bytes checked = mangled;
+    zu::storeLE32(&checked[8], 0x3);
+    zu::CIOError e = loadFails(checked);
+    EXPECT_EQ(zu::CIOError::codeInvalidData, e.getCode());
+    EXPECT_EQ("VMDK image is corrupted (probably by having been transferred in FTP ASCII mode).", msg(e));
+    EXPECT_TRUE(e.getProps().empty());
+}
+
+TEST(SparseExtentHeaderTest, redundantDirectoryIgnoredWithoutFlagBitOne)
+{
+    CVMDKSparseExtentHeader header;
+    load(header, standardImage(0x1));
+    EXPECT_EQ(0, header.rgdOffset);
+    EXPECT_EQ(0x1122334455, header.gdOffset);
+}
+
+TEST(SparseExtentHeaderTest, extendedHeaderKeyHashAndPadPlacement)
+{
+    const Bytes image = extendedImage(32);
+    CVMDKSparseExtentHeader header;
+    load(header, image);
+    EXPECT_TRUE(header.extended);
+    EXPECT_EQ(1, header.encAlg);
+    EXPECT_EQ(1, header.encKeyHashAlg);
+    ASSERT_EQ(32, header.encKeyHash.getUsed());
+    EXPECT_EQ(0xA0, header.encKeyHash[0]);
+    EXPECT_EQ(0xA0 + 31, header.encKeyHash[31]);
+    EXPECT_EQ(395, header.padding.getUsed());
+    EXPECT_EQ(image, store(header));
+
+    // A new header made extended puts the hash at 85..116 and zeros after it.
+    CVMDKSparseExtentHeader fresh;
+    fresh.extended = true;
+    fresh.encAlg = 1;
+    fresh.encKeyHashAlg = 1;
+    fresh.encKeyHash.assign(header.encKeyHash.getData(), 32);
+    const Bytes out = store(fresh);
+    ASSERT_EQ(512u, out.size());
+    EXPECT_EQ(0x05644B45u, zu::loadLE32(&out[0]));
+    EXPECT_EQ(32, zu::loadLE16(&out[83]));
+    EXPECT_EQ(Bytes(image.begin() + 85, image.begin() + 117), Bytes(out.begin() + 85, out.begin() + 117));
+    EXPECT_EQ(Bytes(395, 0), Bytes(out.begin() + 117, out.end()));
+
+    // A hash too long for the header is refused before anything is written.
+    fresh.encKeyHash.setUsedFill(428, 1);
+    zu::P<zu::TBuffer<unsigned char>> written = zu::newObj<zu::TBuffer<unsigned char>>();
+    zu::CDataOutStream out428(zu::newObj<zu::CBufferStream>(written));
+    expectThrows<zu::CInvalidArgError>([&] { fresh.store(out428); });
+    EXPECT_EQ(0, written->getUsed());
+
+    // The longest hash that fits leaves no pad; one byte more is refused.
+    CVMDKSparseExtentHeader full;
+    load(full, extendedImage(427));
+    EXPECT_EQ(427, full.encKeyHash.getUsed());
+    EXPECT_EQ(0, full.padding.getUsed());
+    EXPECT_EQ(extendedImage(427), store(full));
+    EXPECT_EQ(zu::CIOError::codeInvalidData, loadFails(extendedImage(428)).getCode());
+    EXPECT_EQ(zu::CIOError::codeInvalidData, loadFails(extendedImage(0xFFFF)).getCode());
+
+    // A standard header loaded after an extended one gets its full pad back.
+    load(full, standardImage(0x3));
+    EXPECT_EQ(standardImage(0x3), store(full));
+}
+
+TEST(SparseExtentHeaderTest, badMagicReportsNumber)
+{
+    Bytes image = standardImage(0x3);
+    zu::storeLE32(&image[0], 0x564D4443);
+    zu::CIOError e = loadFails(image);
+    EXPECT_EQ(zu::CIOError::codeInvalidData, e.getCode());
+    EXPECT_EQ("Invalid magic number in VMDK sparse header", msg(e));
+    EXPECT_EQ("1447904323", e.getProp("num").toUTF8());
+    EXPECT_EQ(1u, e.getProps().size());
+    // Unsigned: a magic with the top bit set is not a negative number.
+    zu::storeLE32(&image[0], 0xFFFFFFFE);
+    EXPECT_EQ("4294967294", loadFails(image).getProp("num").toUTF8());
+}
+
+TEST(SparseExtentHeaderTest, truncatedHeaderIsEndOfData)
+{
+    Bytes image = standardImage(0x3);
+    image.resize(511);
+    EXPECT_EQ(zu::CIOError::codeEndOfData, loadFails(image).getCode());
+    // An extended header whose key hash runs past the sector's end.
+    Bytes extended = extendedImage(32);
+    extended.resize(100);
+    EXPECT_EQ(zu::CIOError::codeEndOfData, loadFails(extended).getCode());
+}
+
+TEST(SparseExtentHeaderTest, newHeaderStoresZeroPad)
+{
+    CVMDKSparseExtentHeader header;
+    EXPECT_EQ(433, header.padding.getUsed());
+    const Bytes out = store(header);
+    ASSERT_EQ(512u, out.size());
+    EXPECT_EQ(0x564D444Bu, zu::loadLE32(&out[0]));
+    EXPECT_EQ(Bytes({'\n', ' ', '\r', '\n'}), Bytes(out.begin() + 73, out.begin() + 77));
+    EXPECT_EQ(Bytes(433, 0), Bytes(out.begin() + 79, out.end()));
+}
