@@ -62,7 +62,21 @@ CVMDKDescriptorAccessor::CVMDKDescriptorAccessor(zu::IIOStream* stream, int acce
     zu::TBuffer<unsigned char> text(areaSize);
     stream->seek(descriptorStart);
     if (areaSize > 0) stream->read(text.getData(), static_cast<int>(areaSize));
+    checkLineCount(text);
     descriptor = zu::newObj<CVMDKDescriptor>(text);
+}
+
+// Every line becomes an object in memory: a descriptor of millions of empty
+// lines would take a hundred times its size.
+void CVMDKDescriptorAccessor::checkLineCount(const zu::TBuffer<unsigned char>& text) const
+{
+    const unsigned char* bytes = text.getData();
+    long long lines = 0;
+    for (long long i = 0; i < text.getUsed() && bytes[i] != 0; ++i)
+        if (bytes[i] == '\n') ++lines;
+    if (lines > maxDescriptorLines)
+        throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK descriptor has too many lines.",
+                           zu::CProps().set("uri", uriText(stream)).set("lines", lines).set("maxLines", maxDescriptorLines));
 }
 
 void CVMDKDescriptorAccessor::locate()

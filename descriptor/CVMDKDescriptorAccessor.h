@@ -16,6 +16,9 @@ class CVMDKDescriptorAccessor : public zu::CBase {
 public:
     // Descriptors larger than this are refused (5 MiB).
     static constexpr long long maxDescriptorBytes = 0x500000;
+    // And those of more lines than this (far more than 65,536 extent lines
+    // and the usual keys need).
+    static constexpr long long maxDescriptorLines = 1 << 20;
 
     // Locates and loads the descriptor; the stream position is unchanged.
     // Throws zu::CIOError code 6 for an unsupported header version, code 5
@@ -38,6 +41,7 @@ public:
 
 private:
     void locate();
+    void checkLineCount(const zu::TBuffer<unsigned char>& text) const;
 
     zu::P<zu::IIOStream> stream;
     int access;

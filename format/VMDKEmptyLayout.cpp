@@ -44,19 +44,23 @@ void checkDirectoryEnd(zu::CDataOutStream& out, long long expectedSector)
                          " sectors)");
 }
 
-void checkLayoutArguments(long long grainCount, long long grainSizeSectors, long long descriptorSizeSectors,
-                          const zu::TBuffer<unsigned char>& zeros, const zu::TBuffer<unsigned char>& keyHash)
+void checkLayoutArguments(long long grainCount, long long grainSizeSectors, bool hasDescriptor,
+                          long long descriptorSizeSectors, const zu::TBuffer<unsigned char>& zeros,
+                          const zu::TBuffer<unsigned char>& keyHash)
 {
     const char* where = "kord::createEmptyVMDKSparseExtentFile";
     if (grainSizeSectors < 1 || grainSizeSectors > vmdkMaxGrainSizeSectors)
         throw zu::CInvalidArgError(where, "invalid grain size", zu::CProps().set("grainSizeSectors", grainSizeSectors));
-    if (grainCount < 0 || grainCount > vmdkMaxAddressableSectors / grainSizeSectors)
+    if (grainCount < 1 || grainCount > vmdkMaxAddressableSectors / grainSizeSectors)
         throw zu::CInvalidArgError(where, "invalid grain count", zu::CProps().set("grainCount", grainCount));
     if (descriptorSizeSectors < 0 || descriptorSizeSectors > INT_MAX / vmdkSectorSize)
         throw zu::CInvalidArgError(where, "invalid descriptor size",
                                    zu::CProps().set("descriptorSizeSectors", descriptorSizeSectors));
     if (zeros.getUsed() < vmdkSectorSize)
         throw zu::CInvalidArgError(where, "zero buffer must hold at least 512 bytes");
+    if (hasDescriptor && zeros.getUsed() < descriptorSizeSectors * vmdkSectorSize)
+        throw zu::CInvalidArgError(where, "zero buffer must be at least as large as the descriptor area",
+                                   zu::CProps().set("size", zeros.getUsed()).set("descriptorSizeSectors", descriptorSizeSectors));
     if (keyHash.getUsed() > CVMDKSparseExtentHeader::extendedRoomBytes)
         throw zu::CInvalidArgError(where, "key hash is too long", zu::CProps().set("keyHashSize", keyHash.getUsed()));
 }
@@ -161,7 +165,7 @@ void createEmptyVMDKSparseExtentFile(zu::IFileSystem* fileSystem, const zu::CURI
                                      const zu::TBuffer<unsigned char>& zeros, IVMDKDescriptorText* descriptor,
                                      long long descriptorSizeSectors, const zu::TBuffer<unsigned char>& keyHash)
 {
-    checkLayoutArguments(grainCount, grainSizeSectors, descriptorSizeSectors, zeros, keyHash);
+    checkLayoutArguments(grainCount, grainSizeSectors, descriptor != nullptr, descriptorSizeSectors, zeros, keyHash);
     // A file that exists already is not ours to delete: the open fails first.
     zu::P<zu::IIOStream> stream = openVMDKFileStream(fileSystem, uri, zu::IIOStream::accessCreateNew);
     try {

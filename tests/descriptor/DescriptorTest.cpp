@@ -296,17 +296,16 @@ TEST(DescriptorTest, typedAccessorsReadAndWriteTheirFormat)
     EXPECT_EQ(0xabu, back->getContentID());
     EXPECT_EQ(0xffffffffu, back->getParentContentID());
     EXPECT_EQ("monolithicSparse", str(back->getCreateType()));
-    zu::String hint;
-    EXPECT_TRUE(back->tryGetParentFileNameHint(hint));
     EXPECT_EQ("../parent.vmdk", str(back->getParentFileNameHint()));
     EXPECT_TRUE(back->getZuCreateExtentFilesOnDemand());
     EXPECT_EQ("AES-256-CBC", str(back->getZuEncryptionAlgorithm()));
     EXPECT_EQ("SHA-256", str(back->getZuEncryptionKeyHashAlgorithm()));
     EXPECT_EQ("PBKDF2-HMAC-SHA1", str(back->getZuEncryptionKeyDerivationAlgorithm()));
-    EXPECT_EQ(bytes, back->getZuEncryptionIV());
-    EXPECT_EQ(bytes, back->getZuEncryptedEncryptionKey());
-    EXPECT_EQ(bytes, back->getZuEncryptionKeyHash());
-    EXPECT_EQ(bytes, back->getZuEncryptionKeyDerivationSalt());
+    for (const zu::TBuffer<unsigned char>& decoded :
+         {back->getZuEncryptionIV(), back->getZuEncryptedEncryptionKey(), back->getZuEncryptionKeyHash(),
+          back->getZuEncryptionKeyDerivationSalt()}) {
+        EXPECT_EQ(bytes, decoded);
+    }
     EXPECT_EQ("lsilogic", str(back->getAdapterType()));
     EXPECT_EQ(1024, back->getGeometryCylinders());
     EXPECT_EQ(255, back->getGeometryHeads());

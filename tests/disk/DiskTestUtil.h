@@ -1,0 +1,205 @@
+// Helpers shared by the disk tests: making and opening disks, a sparse model
+// of what a disk should hold, snapshots of a folder's files, and editing a
+// disk's descriptor behind the library's back.
+#pragma once
+
+#include "common/TestUtil.h"
+
+#include "base/Endian.h"
+#include "descriptor/CVMDKDescriptor.h"
+#include "disk/CVMDKDisk.h"
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <map>
+
+namespace disktest {
+
+using kord::CVMDKDisk;
+using Bytes = std::vector<unsigned char>;
+
+constexpr long long sector = 512;
+constexpr long long grainSectors = 128;
+constexpr long long grainBytes = grainSectors * sector;
+constexpr long long splitSectors = CVMDKDisk::maxSplitExtentSectors;
+constexpr const char* password = "pässwörd";
+
+inline zu::CURI fileURI(const std::string& path) { return zu::CLocalFileSystem::pathToURI(zu::String(path)); }
+
+inline CVMDKDisk::CCreateParams params(const std::string& type, long long capacitySectors,
+                                       const std::string& pass = std::string(), const zu::CURI& parent = zu::CURI())
+{
+    CVMDKDisk::CCreateParams p;
+    p.createType = zu::String(type);
+    p.capacitySectors = capacitySectors;
+    p.password = zu::String::fromUTF8(pass.data(), pass.size());
+    p.parentURI = parent;
+    return p;
+}
+
+inline zu::P<CVMDKDisk> openDisk(zu::IFileSystem* fs, const zu::CURI& uri, int access,
+                                 const std::string& pass = std::string())
+{
+    return zu::newObj<CVMDKDisk>(fs, uri, access, zu::String::fromUTF8(pass.data(), pass.size()), -1, nullptr,
+                                 nullptr);
+}
+
+inline void writeAt(CVMDKDisk& disk, long long position, const Bytes& data)
+{
+    disk.seek(position);
+    disk.write(data.data(), static_cast<int>(data.size()));
+}
+
+inline Bytes readAt(CVMDKDisk& disk, long long position, long long bytes)
+{
+    Bytes out(static_cast<size_t>(bytes));
+    disk.seek(position);
+    disk.read(out.data(), static_cast<int>(bytes));
+    return out;
+}
+
+// What a disk should hold, grain by grain; grains never written are zeros.
+class Mirror {
+public:
+    explicit Mirror(long long sizeBytes) : sizeBytes(sizeBytes) {}
+    void write(long long position, const Bytes& data)
+    {
+        for (size_t done = 0; done < data.size();) {
+            long long pos = position + static_cast<long long>(done);
+            Bytes& grain = grains[pos / grainBytes];
+            grain.resize(grainBytes);
+            size_t n = std::min(data.size() - done, static_cast<size_t>(grainBytes - pos % grainBytes));
+            std::memcpy(grain.data() + pos % grainBytes, data.data() + done, n);
+            done += n;
+        }
+    }
+    Bytes read(long long position, long long bytes) const
+    {
+        Bytes out(static_cast<size_t>(bytes), 0);
+        for (long long done = 0; done < bytes;) {
+            long long pos = position + done;
+            long long n = std::min(bytes - done, grainBytes - pos % grainBytes);
+            auto it = grains.find(pos / grainBytes);
+            if (it != grains.end()) std::memcpy(out.data() + done, it->second.data() + pos % grainBytes, n);
+            done += n;
+        }
+        return out;
+    }
+    // The grains written so far, and the first grain after each.
+    std::vector<long long> touchedGrains() const
+    {
+        std::vector<long long> out;
+        long long last = (sizeBytes - 1) / grainBytes;
+        for (const auto& g : grains)
+            for (long long i = g.first; i <= std::min(g.first + 1, last); ++i)
+                if (out.empty() || out.back() < i) out.push_back(i);
+        return out;
+    }
+    long long size() const { return sizeBytes; }
+
+private:
+    long long sizeBytes;
+    std::map<long long, Bytes> grains;
+};
+
+// Compares the disk with the mirror over every written grain and its
+// successor (a whole disk would be too much to read for the big ones).
+inline void expectMatches(CVMDKDisk& disk, const Mirror& mirror, const std::string& when)
+{
+    ASSERT_EQ(mirror.size(), disk.getDiskSizeBytes());
+    for (long long grain : mirror.touchedGrains()) {
+        long long pos = grain * grainBytes;
+        long long n = std::min(grainBytes, mirror.size() - pos);
+        ASSERT_TRUE(readAt(disk, pos, n) == mirror.read(pos, n)) << when << ": grain " << grain;
+    }
+}
+
+inline std::string fileText(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+}
+
+inline void putFile(const std::string& path, const std::string& bytes)
+{
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+}
+
+// Every file of a folder with its bytes: equal snapshots prove that nothing
+// was created, deleted or changed.
+inline std::map<std::string, std::string> snapshot(const std::string& dir)
+{
+    std::map<std::string, std::string> out;
+    for (const auto& entry : std::filesystem::directory_iterator(dir))
+        if (entry.is_regular_file()) out[entry.path().filename().string()] = fileText(entry.path().string());
+    return out;
+}
+
+// Where a main file keeps its descriptor text: the embedded area of a
+// sparse file (header offsets 28 and 36, in sectors) or the whole file.
+inline void descriptorArea(const std::string& file, long long& start, long long& size)
+{
+    std::string bytes = fileText(file);
+    unsigned magic = bytes.size() >= 4 ? zu::loadLE32(reinterpret_cast<const unsigned char*>(bytes.data())) : 0;
+    if (magic != 0x564D444Bu && magic != 0x05644B45u) {
+        start = 0;
+        size = -1;
+        return;
+    }
+    start = static_cast<long long>(zu::loadLE64(reinterpret_cast<const unsigned char*>(bytes.data()) + 28)) * sector;
+    size = static_cast<long long>(zu::loadLE64(reinterpret_cast<const unsigned char*>(bytes.data()) + 36)) * sector;
+}
+
+inline std::string descriptorText(const std::string& file)
+{
+    long long start = 0;
+    long long size = 0;
+    descriptorArea(file, start, size);
+    std::string bytes = fileText(file);
+    if (size < 0) return bytes;
+    std::string area = bytes.substr(static_cast<size_t>(start), static_cast<size_t>(size));
+    return area.substr(0, area.find('\0'));
+}
+
+// Replaces the descriptor text: a text file is rewritten whole, an embedded
+// area is overwritten and zero-filled (the text must fit).
+inline void setDescriptorText(const std::string& file, const std::string& text)
+{
+    long long start = 0;
+    long long size = 0;
+    descriptorArea(file, start, size);
+    if (size < 0) {
+        putFile(file, text);
+        return;
+    }
+    ASSERT_LE(static_cast<long long>(text.size()), size);
+    std::string bytes = fileText(file);
+    std::string area = text + std::string(static_cast<size_t>(size) - text.size(), '\0');
+    bytes.replace(static_cast<size_t>(start), static_cast<size_t>(size), area);
+    putFile(file, bytes);
+}
+
+inline void editDescriptor(const std::string& file, const std::function<void(kord::CVMDKDescriptor&)>& edit)
+{
+    std::string text = descriptorText(file);
+    zu::TBuffer<unsigned char> bytes(reinterpret_cast<const unsigned char*>(text.data()),
+                                     static_cast<long long>(text.size()));
+    zu::P<kord::CVMDKDescriptor> descriptor = zu::newObj<kord::CVMDKDescriptor>(bytes);
+    edit(*descriptor);
+    setDescriptorText(file, descriptor->toString().toUTF8());
+}
+
+inline std::string replaced(std::string text, const std::string& from, const std::string& to)
+{
+    size_t at = text.find(from);
+    EXPECT_NE(std::string::npos, at) << from;
+    if (at != std::string::npos) text.replace(at, from.size(), to);
+    return text;
+}
+
+} // namespace disktest
