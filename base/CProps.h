@@ -23,6 +23,7 @@ public:
     CProps& set(const String& name, bool value) { return set(name, toString(value)); }
 
     bool has(const String& name) const { return values.count(name) != 0; }
+    void erase(const String& name) { values.erase(name); }
     // The value, or the empty string when the property is absent.
     String get(const String& name) const;
     bool empty() const { return values.empty(); }

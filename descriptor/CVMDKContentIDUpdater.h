@@ -18,6 +18,8 @@ public:
 
     void setContentIDUpdatesEnabled(bool enabled) { this->enabled = enabled; }
     bool isDone() const { return done; }
+    // Whether the next change would renew the content ID.
+    bool isRenewalPending() const { return !done && enabled; }
 
     // Called by an extent file before it changes its content. When the
     // descriptor is embedded in that very file (same normalised URI), its

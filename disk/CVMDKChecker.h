@@ -16,6 +16,7 @@
 // read error) is thrown instead.
 #pragma once
 
+#include "base/CIOError.h"
 #include "base/IFileSystem.h"
 #include "disk/CVMDKDisk.h"
 #include "extent/CVMDKSparseExtentFile.h"
@@ -51,7 +52,7 @@ public:
     };
 
     // Called after each grain table: grains of the current disk checked so
-    // far, and its grain count.
+    // far, and its grain count (each disk of a chain starts again at 0).
     using ProgressFunction = std::function<void(long long doneGrains, long long totalGrains)>;
 
     // Listing stops after this many findings (a file of garbage would
@@ -96,7 +97,7 @@ private:
     void checkGrain(CExtentContext& context, long long grainIndex, long long posSectors, long long slotSectors);
     long long checkCompressedGrain(CExtentContext& context, long long grainIndex, long long posSectors);
     void checkGrainOverlaps(CExtentContext& context);
-    bool checkParent(CVMDKDisk* child, zu::P<CVMDKDisk>& parent);
+    void checkParent(CVMDKDisk* child, zu::P<CVMDKDisk>& parent);
     void addFinding(Kind kind, const zu::CURI& uri, const zu::String& message, const zu::CProps& props);
     void addRefusal(const zu::CIOError& error, const zu::CURI& fallbackURI);
     bool full() const { return findings.size() >= maxFindings; }

@@ -430,28 +430,36 @@ void CVMDKDisk::beginGrainOp(const char* internalMessage, zu::P<IVMDKExtentFile>
 {
     long long offered = 0;
     beginIOOp(grainSizeBytes, extent, offered);
-    if (offered < grainSizeBytes)
-        throw zu::CError(internalMessage, zu::String(), -1,
-                         zu::CProps()
-                             .set("diskSize", diskSizeBytes)
-                             .set("opBytes", offered)
-                             .set("grainSize", grainSizeBytes)
-                             .set("position", position)
-                             .set("mainFileURI", mainURI.toString(true)));
+    if (offered < grainSizeBytes) throw zu::CError(internalMessage, zu::String(), -1, preparedGrainProps().set("opBytes", offered));
+}
+
+zu::CProps CVMDKDisk::preparedGrainProps() const
+{
+    return zu::CProps()
+        .set("diskSize", diskSizeBytes)
+        .set("grainSize", grainSizeBytes)
+        .set("position", position)
+        .set("mainFileURI", mainURI.toString(true));
+}
+
+void CVMDKDisk::checkPreparedGrainPosition(const char* kind) const
+{
+    // Past the end is the write-failure code for reads too, as for the
+    // prepared write.
+    if (position + grainSizeBytes > diskSizeBytes)
+        throw zu::CIOError(zu::CIOError::codeWrite, "Prepared grain " + zu::String(kind) + " exceeds VMDK disk size.",
+                           preparedGrainProps());
+    if (position % grainSizeBytes != 0) {
+        zu::CProps props = preparedGrainProps();
+        props.erase("diskSize");
+        throw zu::CIOError(zu::CIOError::codeMisalignedPosition,
+                           "Prepared grain " + zu::String(kind) + " in VMDK disk can only be done on a grain boundary.", props);
+    }
 }
 
 void CVMDKDisk::writePreparedGrainData(const zu::TBuffer<unsigned char>& preparedData)
 {
-    zu::CProps props = zu::CProps()
-                           .set("grainSize", grainSizeBytes)
-                           .set("position", position)
-                           .set("mainFileURI", mainURI.toString(true));
-    if (position + grainSizeBytes > diskSizeBytes)
-        throw zu::CIOError(zu::CIOError::codeWrite, "Prepared grain write exceeds VMDK disk size.",
-                           zu::CProps(props).set("diskSize", diskSizeBytes));
-    if (position % grainSizeBytes != 0)
-        throw zu::CIOError(zu::CIOError::codeMisalignedPosition,
-                           "Prepared grain write in VMDK disk can only be done on a grain boundary.", props);
+    checkPreparedGrainPosition("write");
     verifyWritable("write");
     zu::P<IVMDKExtentFile> extent;
     beginGrainOp("Internal error: CVMDKDisk::beginIOOp in CVMDKDisk::writePreparedGrainData returned less than the "
@@ -463,17 +471,7 @@ void CVMDKDisk::writePreparedGrainData(const zu::TBuffer<unsigned char>& prepare
 
 void CVMDKDisk::readPreparedGrainData(zu::TBuffer<unsigned char>& preparedData)
 {
-    zu::CProps props = zu::CProps()
-                           .set("grainSize", grainSizeBytes)
-                           .set("position", position)
-                           .set("mainFileURI", mainURI.toString(true));
-    // The write-failure code here too, as for the prepared write.
-    if (position + grainSizeBytes > diskSizeBytes)
-        throw zu::CIOError(zu::CIOError::codeWrite, "Prepared grain read exceeds VMDK disk size.",
-                           zu::CProps(props).set("diskSize", diskSizeBytes));
-    if (position % grainSizeBytes != 0)
-        throw zu::CIOError(zu::CIOError::codeMisalignedPosition,
-                           "Prepared grain read in VMDK disk can only be done on a grain boundary.", props);
+    checkPreparedGrainPosition("read");
     zu::P<IVMDKExtentFile> extent;
     beginGrainOp("Internal error: CVMDKDisk::beginIOOp in CVMDKDisk::tryRreparedGrainData returned less than the grain "
                  "size.",

@@ -176,6 +176,8 @@ private:
     zu::CProps mainProps() const;
     void verifyWritable(const char* operation) const;
     void beginGrainOp(const char* internalMessage, zu::P<IVMDKExtentFile>& extent);
+    zu::CProps preparedGrainProps() const;
+    void checkPreparedGrainPosition(const char* kind) const;
 
     zu::P<zu::IFileSystem> fileSystem;
     zu::CURI mainURI;

@@ -194,20 +194,21 @@ void CVMDKSparseExtentFile::checkGrainPlacement(long long extentGrainIndex, long
 {
     if (posSectors == 0) return;
     long long fileSize = stream->getLength();
-    zu::CProps props = uriProps()
-                           .set("grainIndex", extentGrainIndex)
-                           .set("posSectors", posSectors)
-                           .set("slotSizeSectors", slotSizeSectors)
-                           .set("fileSize", fileSize);
-    if (posSectors < grainAreaStartSectors)
-        throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK grain table entry points into the metadata.",
-                           props.set("grainAreaStart", grainAreaStartSectors));
+    auto misplaced = [&](const char* message) {
+        return zu::CIOError(zu::CIOError::codeInvalidData, message,
+                            uriProps()
+                                .set("grainIndex", extentGrainIndex)
+                                .set("posSectors", posSectors)
+                                .set("slotSizeSectors", slotSizeSectors)
+                                .set("fileSize", fileSize)
+                                .set("grainAreaStart", grainAreaStartSectors));
+    };
+    if (posSectors < grainAreaStartSectors) throw misplaced("VMDK grain table entry points into the metadata.");
     // A compressed grain's own size is checked when it is read; the rest
     // must lie in the file whole.
     long long neededSectors = compressed ? 1 : header->grainSize;
     if (posSectors > fileSize / vmdkSectorSize - neededSectors)
-        throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK grain table entry points past the end of the extent file.",
-                           props);
+        throw misplaced("VMDK grain table entry points past the end of the extent file.");
 }
 
 void CVMDKSparseExtentFile::seek(long long newPosition)
@@ -273,20 +274,22 @@ void CVMDKSparseExtentFile::write(const void* data, int bytes)
 void CVMDKSparseExtentFile::checkPreparedGrainOp(bool write)
 {
     const char* kind = write ? "write" : "read";
-    zu::CProps props = uriProps().set("extentSize", sizeBytes).set("grainSize", grainSizeBytes).set("position", position);
+    auto props = [this] {
+        return uriProps().set("extentSize", sizeBytes).set("grainSize", grainSizeBytes).set("position", position);
+    };
     if (position % grainSizeBytes != 0)
         throw zu::CIOError(zu::CIOError::codeMisalignedPosition,
                            "Prepared grain " + zu::String(kind) + " in VMDK extent file can only be done on a grain boundary.",
-                           props);
+                           props());
     if (position + grainSizeBytes > sizeBytes)
         throw zu::CIOError(write ? zu::CIOError::codeWrite : zu::CIOError::codeEndOfData,
-                           "Prepared grain " + zu::String(kind) + " exceeds VMDK extent size.", props);
+                           "Prepared grain " + zu::String(kind) + " exceeds VMDK extent size.", props());
     if (beginIOOp(grainSizeBytes) < grainSizeBytes)
         throw zu::CError(write ? "Internal error: CVMDKSparseExtentFile::beginIOOp in "
                                  "CVMDKSparseExtentFile::writePreparedGrainData returned less than the grain size."
                                : "Internal error: CVMDKSparseExtentFile::beginIOOp in "
                                  "CVMDKSparseExtentFile::tryReadPreparedGrainData returned less than the grain size.",
-                         zu::String(), -1, props);
+                         zu::String(), -1, props());
 }
 
 void CVMDKSparseExtentFile::writePreparedGrainData(const zu::TBuffer<unsigned char>& preparedData)
@@ -343,7 +346,7 @@ void CVMDKSparseExtentFile::onAboutToChange()
                          "ID updater.",
                          zu::String(), -1, uriProps());
     verifyHaveWriteAccess();
-    contentIDUpdater->onDiskAboutToChange(stream->getURI(), stream);
+    if (contentIDUpdater->isRenewalPending()) contentIDUpdater->onDiskAboutToChange(stream->getURI(), stream);
     markUnclean();
 }
 

@@ -131,24 +131,27 @@ void CVMDKGrain::readUncompressedGrain(unsigned char* target)
 void CVMDKGrain::readCompressedGrain(zu::TBuffer<unsigned char>& out)
 {
     long long position = posSectors * vmdkSectorSize;
-    zu::CProps props = zu::CProps().set("position", position).set("uri", stream->getURI().toString(true));
     out.setUsed(vmdkSectorSize);
     stream->seek(position);
     stream->read(out.getData(), vmdkSectorSize);
     long long size = static_cast<std::int32_t>(zu::loadLE32(out.getData() + 8));
-    props.set("compressedGrainSize", size);
+    auto corrupt = [&](const char* message) {
+        return zu::CIOError(zu::CIOError::codeInvalidData, message,
+                            zu::CProps()
+                                .set("compressedGrainSize", size)
+                                .set("position", position)
+                                .set("slotSizeSectors", slotSizeSectors)
+                                .set("fileSize", stream->getLength())
+                                .set("uri", stream->getURI().toString(true)));
+    };
     if (size <= 0 || grainHeaderBytes + size > 2 * grainSize)
-        throw zu::CIOError(zu::CIOError::codeInvalidData,
-                           "Error reading compressed data from VMDK. Invalid compressed grain size.", props);
+        throw corrupt("Error reading compressed data from VMDK. Invalid compressed grain size.");
     long long preparedBytes = roundUp(grainHeaderBytes + size, vmdkSectorSize);
     long long storedBytes = cipher ? grainHeaderBytes + roundUp(preparedBytes - grainHeaderBytes, cipher->getBlockSize())
                                    : grainHeaderBytes + size;
-    props.set("slotSizeSectors", slotSizeSectors).set("fileSize", stream->getLength());
-    if (storedBytes > slotSizeSectors * vmdkSectorSize)
-        throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK compressed grain runs past its slot.", props);
+    if (storedBytes > slotSizeSectors * vmdkSectorSize) throw corrupt("VMDK compressed grain runs past its slot.");
     if (position + storedBytes > stream->getLength())
-        throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK compressed grain runs past the end of the extent file.",
-                           props);
+        throw corrupt("VMDK compressed grain runs past the end of the extent file.");
     // Growing keeps the used bytes: the sector already read.
     out.setUsed(std::max(storedBytes, preparedBytes));
     if (storedBytes > vmdkSectorSize)
