@@ -35,9 +35,8 @@ struct CVMDKChecker::CExtentContext {
     long long startGrainIndex;
     bool compressed;
     bool encrypted;
-    // Grains of the disk checked before this extent, for progress reports.
-    long long grainsBefore;
-    long long diskGrains;
+    // The disk's size, for progress reports.
+    long long diskBytes;
 };
 
 CVMDKChecker::CVMDKChecker(zu::IFileSystem* fileSystem, const zu::CURI& uri, const zu::String& password)
@@ -150,37 +149,34 @@ void CVMDKChecker::addRefusal(const zu::CIOError& error, const zu::CURI& fallbac
 
 void CVMDKChecker::checkDisk(CVMDKDisk* disk)
 {
-    long long grainsBefore = 0;
-    long long diskGrains = (disk->getDiskSizeSectors() + disk->getGrainSizeSectors() - 1) / disk->getGrainSizeSectors();
     int count = static_cast<int>(disk->getExtentInfos().size());
-    for (int i = 0; i < count && !full(); ++i) {
-        zu::P<CVMDKSparseExtentFile> extent;
-        try {
-            extent = openExtentForInspection(disk, i);
-        } catch (const zu::CIOError& e) {
-            if (!isRefusal(e)) throw;
-            addRefusal(e, disk->getExtentURI(i));
-        }
-        long long lineSectors = disk->getExtentInfos()[static_cast<size_t>(i)]->sizeSectors;
-        if (extent) {
-            CExtentContext context{extent,
-                                   extent->getStream(),
-                                   extent->getURI(),
-                                   extent->getStream()->getLength(),
-                                   extent->getGrainSizeSectors(),
-                                   extent->getGrainSizeSectors() * vmdkSectorSize,
-                                   extent->getStartGrainIndex(),
-                                   extent->getCompressed(),
-                                   disk->isEncrypted(),
-                                   grainsBefore,
-                                   diskGrains};
-            checkHeader(context, lineSectors);
-            checkDirectories(context);
-            checkGrains(context);
-            checkGrainOverlaps(context);
-        }
-        grainsBefore += lineSectors / disk->getGrainSizeSectors();
+    for (int i = 0; i < count && !full(); ++i) checkExtent(disk, i);
+}
+
+void CVMDKChecker::checkExtent(CVMDKDisk* disk, int index)
+{
+    zu::P<CVMDKSparseExtentFile> extent;
+    try {
+        extent = openExtentForInspection(disk, index);
+    } catch (const zu::CIOError& e) {
+        if (!isRefusal(e)) throw;
+        addRefusal(e, disk->getExtentURI(index));
     }
+    if (!extent) return;
+    CExtentContext context{extent,
+                           extent->getStream(),
+                           extent->getURI(),
+                           extent->getStream()->getLength(),
+                           extent->getGrainSizeSectors(),
+                           extent->getGrainSizeSectors() * vmdkSectorSize,
+                           extent->getStartGrainIndex(),
+                           extent->getCompressed(),
+                           disk->isEncrypted(),
+                           disk->getDiskSizeBytes()};
+    checkHeader(context, disk->getExtentInfos()[static_cast<size_t>(index)]->sizeSectors);
+    checkDirectories(context);
+    checkGrains(context);
+    checkGrainOverlaps(context);
 }
 
 void CVMDKChecker::checkHeader(CExtentContext& context, long long lineSectors)
@@ -280,7 +276,9 @@ void CVMDKChecker::checkGrains(CExtentContext& context)
             table->getGrainInfo(i, pos, slot);
             if (pos != 0) checkGrain(context, t * perTable + i, pos, slot);
         }
-        if (progress) progress(context.grainsBefore + t * perTable + inTable, context.diskGrains);
+        if (progress)
+            progress(std::min(context.diskBytes, (context.startGrainIndex + t * perTable + inTable) * context.grainBytes),
+                     context.diskBytes);
     }
 }
 

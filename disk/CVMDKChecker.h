@@ -51,9 +51,10 @@ public:
         zu::CProps props;
     };
 
-    // Called after each grain table: grains of the current disk checked so
-    // far, and its grain count (each disk of a chain starts again at 0).
-    using ProgressFunction = std::function<void(long long doneGrains, long long totalGrains)>;
+    // Called after each grain table: the bytes of the current disk's
+    // virtual contents whose grains have been checked, and the disk's size
+    // (each disk of a chain starts again at 0).
+    using ProgressFunction = std::function<void(long long doneBytes, long long totalBytes)>;
 
     // Listing stops after this many findings (a file of garbage would
     // otherwise give one per grain).

@@ -283,25 +283,6 @@ void CVMDKDisk::closeCurrentExtent()
     currentExtentSizeBytes = 0;
 }
 
-void CVMDKDisk::checkExtentGeometry(IVMDKExtentFile* extent, const CExtentKey& key) const
-{
-    if (auto* onDemand = zu::tryCast<CVMDKOnDemandExtentFile>(extent)) extent = onDemand->getInner();
-    auto* sparse = zu::tryCast<CVMDKSparseExtentFile>(extent);
-    if (!sparse) return;
-    zu::CProps props = zu::CProps().set("uri", sparse->getURI().toString(true)).set("mainURI", mainURI.toString(true));
-    if (sparse->getHeader().capacity < key.sizeSectors)
-        throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK extent file is smaller than its extent line.",
-                           props.set("capacity", sparse->getHeader().capacity).set("extentSize", key.sizeSectors));
-    if (sparse->getGrainSizeSectors() != grainSizeSectors)
-        throw zu::CIOError(zu::CIOError::codeInvalidData,
-                           "VMDK extent file has another grain size than the disk's first extent.",
-                           props.set("grainSize", sparse->getGrainSizeSectors()).set("expectedGrainSize", grainSizeSectors));
-    if (sparse->getCompressed() != compressed)
-        throw zu::CIOError(zu::CIOError::codeInvalidData,
-                           "VMDK extent file differs in compression from the disk's first extent.",
-                           props.set("compressed", sparse->getCompressed()).set("expectedCompressed", compressed));
-}
-
 zu::P<IVMDKExtentFile> CVMDKDisk::openExtent(const CExtentKey& key, const CExtentValue& value)
 {
     zu::CURI uri = value.uri.toNormalized();
@@ -325,11 +306,12 @@ zu::P<IVMDKExtentFile> CVMDKDisk::openExtent(const CExtentKey& key, const CExten
         }
     } else {
         zu::P<zu::IIOStream> stream = openVMDKFileStream(fileSystem, uri, access);
-        extent = zu::newObj<CVMDKSparseExtentFile>(stream, access, value.startGrainIndex, compressionLevel,
-                                                   grainTableCache, parentDataProvider.get(), contentIDUpdater, cipher,
-                                                   encryptionKey, encryptionIV);
+        zu::P<CVMDKSparseExtentFile> sparse = zu::newObj<CVMDKSparseExtentFile>(
+            stream, access, value.startGrainIndex, compressionLevel, grainTableCache, parentDataProvider.get(),
+            contentIDUpdater, cipher, encryptionKey, encryptionIV);
+        sparse->checkMatchesDisk(key.sizeSectors, grainSizeSectors, compressed);
+        extent = sparse;
     }
-    checkExtentGeometry(extent, key);
     return extent;
 }
 

@@ -170,7 +170,6 @@ private:
     void learnGrainGeometry();
     void beginIOOp(long long bytes, zu::P<IVMDKExtentFile>& extent, long long& bytesInExtent);
     zu::P<IVMDKExtentFile> openExtent(const CExtentKey& key, const CExtentValue& value);
-    void checkExtentGeometry(IVMDKExtentFile* extent, const CExtentKey& key) const;
     void closeCurrentExtent();
     zu::P<CVMDKDescriptorAccessor> openDescriptorAccessor();
     zu::CProps mainProps() const;

@@ -101,6 +101,19 @@ void CVMDKDiskCreator::checkParams()
     capacitySectors = params.capacitySectors;
 }
 
+void CVMDKDiskCreator::checkGeometry() const
+{
+    if (grainSizeSectors < 1 || grainSizeSectors > vmdkMaxGrainSizeSectors)
+        throw zu::CInvalidArgError(where, "Invalid grain size: " + zu::toString(grainSizeSectors) + " sectors");
+    if (capacitySectors <= 0 || capacitySectors > LLONG_MAX / vmdkSectorSize - vmdkMaxGrainSizeSectors)
+        throw zu::CInvalidArgError(where, "Invalid capacity: " + zu::toString(capacitySectors) + " sectors");
+    // A disk that could not be opened again is refused before any file is made.
+    long long perExtent = split ? CVMDKDisk::maxSplitExtentSectors / grainSizeSectors * grainSizeSectors : capacitySectors;
+    if ((capacitySectors + perExtent - 1) / perExtent > CVMDKDisk::maxExtentLines)
+        throw zu::CInvalidArgError(where, "Capacity needs more extent files than a disk may have: " +
+                                              zu::toString(capacitySectors) + " sectors");
+}
+
 void CVMDKDiskCreator::takeParentGeometry()
 {
     CVMDKDisk parent(fileSystem, params.parentURI, zu::IIOStream::accessRead, params.password, params.compressionLevel,
@@ -113,8 +126,6 @@ void CVMDKDiskCreator::takeParentGeometry()
                                                          ? "a delta disk of a compressed parent must be streamOptimized"
                                                          : "a delta disk of an uncompressed parent cannot be streamOptimized"),
                                    zu::CProps().set("parentURI", parent.getMainURI().toString(true)));
-    if (parent.isEncrypted() && params.password.empty())
-        throw zu::CInvalidArgError(where, "a delta disk of an encrypted parent needs the parent's password");
     parentFileNameHint = relativeReference(uri.getParent(), parent.getMainURI());
 }
 
@@ -215,10 +226,7 @@ zu::P<CVMDKDisk> CVMDKDiskCreator::create()
 {
     checkParams();
     if (!params.parentURI.isEmpty()) takeParentGeometry();
-    if (grainSizeSectors < 1 || grainSizeSectors > vmdkMaxGrainSizeSectors)
-        throw zu::CInvalidArgError(where, "Invalid grain size: " + zu::toString(grainSizeSectors) + " sectors");
-    if (capacitySectors <= 0 || capacitySectors > LLONG_MAX / vmdkSectorSize - vmdkMaxGrainSizeSectors)
-        throw zu::CInvalidArgError(where, "Invalid capacity: " + zu::toString(capacitySectors) + " sectors");
+    checkGeometry();
     buildDescriptor();
     // Also the extent files to be made later: a stale file of another disk
     // must never be taken for one of ours.

@@ -24,6 +24,7 @@ public:
 
 private:
     void checkParams();
+    void checkGeometry() const;
     void takeParentGeometry();
     void buildDescriptor();
     void createFiles();

@@ -35,8 +35,11 @@ void CVMDKOnDemandExtentFile::updateInnerFileObject(bool missing)
                                                compressed, compressionLevel, fallback);
     } else {
         zu::P<zu::IIOStream> stream = openVMDKFileStream(fileSystem, uri, access);
-        next = zu::newObj<CVMDKSparseExtentFile>(stream, access, startGrainIndex, compressionLevel, grainTableCache,
-                                                 fallback, contentIDUpdater, cipher, key, iv);
+        zu::P<CVMDKSparseExtentFile> sparse = zu::newObj<CVMDKSparseExtentFile>(
+            stream, access, startGrainIndex, compressionLevel, grainTableCache, fallback, contentIDUpdater, cipher, key, iv);
+        // Also a file that someone else made since the disk was opened.
+        sparse->checkMatchesDisk(sizeSectors, grainSizeSectors, compressed);
+        next = sparse;
     }
     fileMissing = missing;
     inner = next;

@@ -176,6 +176,22 @@ zu::TBuffer<unsigned char> CVMDKSparseExtentFile::makeTrail() const
     return *bytes;
 }
 
+void CVMDKSparseExtentFile::checkMatchesDisk(long long lineSizeSectors, long long diskGrainSizeSectors,
+                                             bool diskCompressed) const
+{
+    if (header->capacity < lineSizeSectors)
+        throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK extent file is smaller than its extent line.",
+                           uriProps().set("capacity", header->capacity).set("extentSize", lineSizeSectors));
+    if (header->grainSize != diskGrainSizeSectors)
+        throw zu::CIOError(zu::CIOError::codeInvalidData,
+                           "VMDK extent file has another grain size than the disk's first extent.",
+                           uriProps().set("grainSize", header->grainSize).set("expectedGrainSize", diskGrainSizeSectors));
+    if (compressed != diskCompressed)
+        throw zu::CIOError(zu::CIOError::codeInvalidData,
+                           "VMDK extent file differs in compression from the disk's first extent.",
+                           uriProps().set("compressed", compressed).set("expectedCompressed", diskCompressed));
+}
+
 void CVMDKSparseExtentFile::setFallbackDataProvider(IVMDKDataProvider* provider)
 {
     fallback = provider;
@@ -386,7 +402,12 @@ void CVMDKSparseExtentFile::flushChanges()
 
 zu::P<CVMDKSpaceInfo> CVMDKSparseExtentFile::gatherSpaceInfo()
 {
-    if (access == zu::IIOStream::accessReadWrite) grain->flushChangesToStream();
+    if (access == zu::IIOStream::accessReadWrite) {
+        // Pending grains and the trail behind them: the slots counted below
+        // must lie in the file.
+        grain->flushChangesToStream();
+        allocator->flushChangesToStream();
+    }
     zu::P<CVMDKSpaceInfo> info = zu::newObj<CVMDKSpaceInfo>();
     int entriesPerTable = directory->getGrainTableEntryCount();
     long long grains = directory->getGrainCount();

@@ -64,6 +64,10 @@ public:
     long long getSizeBytes() const { return sizeBytes; }
     // The first sector where grain data may lie.
     long long getGrainAreaStartSectors() const { return grainAreaStartSectors; }
+    // Checks that the extent can serve an extent line of lineSizeSectors in
+    // a disk of that grain size and compression; zu::CIOError code 5 naming
+    // the file otherwise.
+    void checkMatchesDisk(long long lineSizeSectors, long long diskGrainSizeSectors, bool diskCompressed) const;
     // Position and slot of a grain (index within the extent), as recorded.
     void getGrainInfo(long long extentGrainIndex, long long& posSectors, long long& slotSizeSectors);
 

@@ -333,22 +333,33 @@ void CVMDKGrain::writePreparedGrainDataKeepBuffer(const zu::TConstBufferSlice<un
     posInGrain = grainSize;
 }
 
+void CVMDKGrain::copyPaddedIntoWork(const unsigned char* source, long long size, long long padded)
+{
+    work.setUsed(padded);
+    std::memcpy(work.getData(), source, static_cast<size_t>(std::min(size, padded)));
+    if (size < padded) std::memset(work.getData() + size, 0, static_cast<size_t>(padded - size));
+}
+
 void CVMDKGrain::encryptInto(const unsigned char* source, long long size)
 {
     makeGrainEncryptIV(grainIV, diskIV, diskGrainIndex);
     long long header = compressed ? grainHeaderBytes : 0;
     long long payload = compressed ? roundUp(size - header, cipher->getBlockSize()) : grainSize;
-    work.setUsed(header + payload);
-    std::memcpy(work.getData(), source, static_cast<size_t>(std::min(size, header + payload)));
-    if (size < header + payload) std::memset(work.getData() + size, 0, static_cast<size_t>(header + payload - size));
+    copyPaddedIntoWork(source, size, header + payload);
     cipher->encryptBlocksInPlace(key.getData(), work.getData() + header, static_cast<int>(payload), grainIV.getData());
 }
 
 void CVMDKGrain::writePreparedGrainDataInternal(const unsigned char* source, long long size,
                                                 const zu::TConstBufferSlice<unsigned char>* keep)
 {
-    if (cipher) {
+    // An uncompressed grain fills its slot: shorter data would leave old
+    // bytes behind it in place, or end the file inside the slot.
+    bool padded = !compressed && size < grainSize;
+    if (cipher)
         encryptInto(source, size);
+    else if (padded)
+        copyPaddedIntoWork(source, size, grainSize);
+    if (cipher || padded) {
         source = work.getData();
         size = work.getUsed();
         keep = nullptr;

@@ -81,6 +81,7 @@ private:
     void checkPreparedWrite(long long size) const;
     void writePreparedGrainDataInternal(const unsigned char* data, long long size,
                                         const zu::TConstBufferSlice<unsigned char>* keep);
+    void copyPaddedIntoWork(const unsigned char* data, long long size, long long padded);
     void encryptInto(const unsigned char* data, long long size);
     void initZeroGrainData();
     void verifyWriteAccess(const char* operation) const;

@@ -56,6 +56,12 @@ CVMDKGrainDirectory::~CVMDKGrainDirectory()
 {
     try {
         flushChangesToStream();
+    } catch (const std::exception& e) {
+        zu::onExceptionInDestructorIgnored("kord::CVMDKGrainDirectory", e);
+    }
+    // Also when writing failed: a table left under this address would be
+    // taken for a table of the next directory made at the same address.
+    try {
         cache->removeCachedTablesFromDirectory(this);
     } catch (const std::exception& e) {
         zu::onExceptionInDestructorIgnored("kord::CVMDKGrainDirectory", e);
@@ -182,11 +188,16 @@ zu::P<CVMDKGrainTable> CVMDKGrainDirectory::getGrainTable(long long tableIndex)
     long long end = std::min(first + tablesPerBatch, grainTableCount);
     zu::P<CVMDKGrainTable> requested;
     for (long long i = first; i < end; ++i) {
-        long long redundant = redundantEntries.getUsed() > 0 ? redundantEntries[i] : 0;
-        long long slotTable = slotSizeDirectory.getUsed() > 0 ? slotSizeDirectory[i] : 0;
-        zu::P<CVMDKGrainTable> table = zu::newObj<CVMDKGrainTable>(stream, access, grainSizeSectors, entries[i],
-                                                                   redundant, slotTable, grainTableEntryCount);
-        cache->setCachedTable(this, i, table);
+        // A table of the batch that is still cached may hold changes not yet
+        // written: loaded again from the file it would bring back stale entries.
+        zu::P<CVMDKGrainTable> table = cache->getCachedTable(this, i);
+        if (!table) {
+            long long redundant = redundantEntries.getUsed() > 0 ? redundantEntries[i] : 0;
+            long long slotTable = slotSizeDirectory.getUsed() > 0 ? slotSizeDirectory[i] : 0;
+            table = zu::newObj<CVMDKGrainTable>(stream, access, grainSizeSectors, entries[i], redundant, slotTable,
+                                                grainTableEntryCount);
+            cache->setCachedTable(this, i, table);
+        }
         if (i == tableIndex) requested = table;
     }
     if (!requested)

@@ -65,7 +65,8 @@ public:
     const zu::TBuffer<unsigned int>& getRedundantEntries() const { return redundantEntries; }
     const zu::TBuffer<unsigned int>& getSlotSizeDirectory() const { return slotSizeDirectory; }
 
-    // From the cache, or loaded with its batch of 32.
+    // From the cache, or loaded with its batch of 32 (tables of the batch
+    // that are still cached are kept as they are).
     zu::P<CVMDKGrainTable> getGrainTable(long long tableIndex);
     void getGrainInfo(long long grainIndex, long long& posSectors, long long& slotSizeSectors);
     void setGrainInfo(long long grainIndex, long long posSectors, long long slotSizeSectors);

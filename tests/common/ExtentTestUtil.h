@@ -134,6 +134,22 @@ struct ExtentSetup {
     }
 };
 
+// Data that deflate shrinks to roughly a third: words from a small
+// vocabulary in an order that depends on the seed.
+inline Bytes compressible(long long bytes, unsigned seed)
+{
+    static const char* const words[] = {"grain ", "table ", "sector ", "extent ", "marker ", "disk ", "0x1F ", "\n"};
+    Bytes out;
+    out.reserve(static_cast<size_t>(bytes));
+    unsigned state = seed * 2654435761u + 1;
+    while (static_cast<long long>(out.size()) < bytes) {
+        state = state * 1103515245u + 12345u;
+        for (const char* w = words[(state >> 16) % 8]; *w && static_cast<long long>(out.size()) < bytes; ++w)
+            out.push_back(static_cast<unsigned char>(*w));
+    }
+    return out;
+}
+
 inline std::uint32_t fileLE32(const Bytes& file, long long offset) { return zu::loadLE32(&file.at(offset)); }
 inline std::uint64_t fileLE64(const Bytes& file, long long offset) { return zu::loadLE64(&file.at(offset)); }
 inline Bytes slice(const Bytes& file, long long offset, long long bytes)

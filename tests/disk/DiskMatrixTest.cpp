@@ -1,7 +1,8 @@
 // Random writes of random lengths at random places, over every kind of disk
 // the library makes: each create type, plain and encrypted, on its own and
 // as a delta disk over a parent that was written first. The disk must agree
-// with a plain model after every flush and after reopening.
+// with a plain model after every flush, and after reopening it for more
+// writes and then for reading.
 #include "DiskTestUtil.h"
 
 #include <random>
@@ -32,12 +33,13 @@ protected:
     {
         const long long size = disk.getDiskSizeBytes();
         const long long hotSpots[] = {splitSectors * sector, size, 5 * grainBytes, 0};
+        const auto sectors = static_cast<unsigned>(size / sector);
         for (int i = 1; i <= count; ++i) {
             long long length = 1 + static_cast<long long>(random() % (3 * grainBytes));
             long long pos;
             switch (random() % 4) {
-            case 0: pos = static_cast<long long>(random() % static_cast<unsigned>(size / sector)) * sector; break;
-            case 1: pos = (static_cast<long long>(random() % 400)) * grainBytes; break;
+            case 0: pos = static_cast<long long>(random() % sectors) * sector; break;
+            case 1: pos = static_cast<long long>(random() % sectors) / grainSectors * grainBytes; break;
             default: {
                 long long spot = hotSpots[random() % 4];
                 pos = spot - static_cast<long long>(random() % (2 * grainBytes));
@@ -88,8 +90,9 @@ TEST_P(DiskMatrixTest, randomWritesMatchModelAfterFlushAndReopen)
         ASSERT_EQ(!pass().empty(), disk->isEncrypted());
         ASSERT_EQ(delta(), !disk->getParentURI().isEmpty());
         if (delta()) expectMatches(*disk, mirror, "through the new child");
-        randomWrites(*disk, mirror, 64, true);
+        randomWrites(*disk, mirror, 48, true);
     }
+    randomWrites(*openDisk(fs, child, zu::IIOStream::accessReadWrite, pass()), mirror, 16, true);
     zu::P<CVMDKDisk> reopened = openDisk(fs, child, zu::IIOStream::accessRead, pass());
     expectMatches(*reopened, mirror, "after reopening");
     Bytes tail = readAt(*reopened, mirror.size() - 700, 700);
@@ -97,7 +100,8 @@ TEST_P(DiskMatrixTest, randomWritesMatchModelAfterFlushAndReopen)
 }
 
 INSTANTIATE_TEST_SUITE_P(Disks, DiskMatrixTest,
-                         testing::Combine(testing::Values("monolithicSparse", "twoGbMaxExtentSparse", "streamOptimized"),
+                         testing::Combine(testing::Values("monolithicSparse", "twoGbMaxExtentSparse",
+                                                          "streamOptimized"),
                                           testing::Bool(), testing::Bool()),
                          [](const testing::TestParamInfo<MatrixParam>& info) {
                              return std::get<0>(info.param) + (std::get<1>(info.param) ? "_encrypted" : "_plain") +

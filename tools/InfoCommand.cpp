@@ -1,0 +1,165 @@
+#include "InfoCommand.h"
+
+#include "Passwords.h"
+#include "Sizes.h"
+#include "ToolSupport.h"
+
+#include "disk/CVMDKChecker.h"
+
+#include <nlohmann/json.hpp>
+
+#include <iostream>
+#include <memory>
+
+namespace kordtool {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+struct CInfoOptions {
+    bool json = false;
+    std::string disk;
+    CPasswordSource passwords;
+};
+
+// A descriptor value that may be missing (disks made by other tools): null.
+template <class F>
+Json optional(F get)
+{
+    try {
+        return Json(get());
+    } catch (const zu::CError&) {
+        return Json();
+    }
+}
+
+Json spaceJson(const kord::CVMDKSpaceInfo& space)
+{
+    return Json{{"payloadSize", space.payloadSize},
+                {"payloadSizeInFile", space.payloadSizeInFile},
+                {"headerSize", space.headerSize},
+                {"deadSpace", space.deadSpace}};
+}
+
+Json extentJson(kord::CVMDKDisk* disk, int index)
+{
+    const kord::CVMDKExtentInfo& line = *disk->getExtentInfos()[static_cast<size_t>(index)];
+    zu::CURI uri = disk->getExtentURI(index);
+    Json extent{{"file", uriToDisplay(uri)}, {"sectors", line.sizeSectors}};
+    zu::P<kord::CVMDKSparseExtentFile> file = kord::CVMDKChecker::openExtentForInspection(disk, index);
+    if (!file) {
+        // Made on demand and not written yet.
+        extent["writtenGrains"] = 0;
+        extent["fileSize"] = nullptr;
+        return extent;
+    }
+    extent["writtenGrains"] = file->gatherSpaceInfo()->payloadSize / disk->getGrainSizeBytes();
+    extent["fileSize"] = localFileSystem()->getFileSize(uri);
+    return extent;
+}
+
+Json diskJson(kord::CVMDKDisk* disk)
+{
+    kord::CVMDKDescriptor* descriptor = disk->getDescriptor();
+    Json info;
+    info["file"] = uriToDisplay(disk->getMainURI());
+    info["createType"] = descriptor->getCreateType().toUTF8();
+    info["virtualSize"] = disk->getDiskSizeBytes();
+    info["grainSize"] = disk->getGrainSizeSectors();
+    info["compression"] = disk->getCompressed() ? "deflate" : "none";
+    info["encryption"] = disk->isEncrypted() ? descriptor->getZuEncryptionAlgorithm().toUTF8() : "none";
+    info["contentID"] = zu::toHexString(descriptor->getContentID()).toUTF8();
+    info["parentContentID"] = zu::toHexString(descriptor->getParentContentID()).toUTF8();
+    info["parentFileNameHint"] = optional([&] { return descriptor->getParentFileNameHint().toUTF8(); });
+    info["adapterType"] = optional([&] { return descriptor->getAdapterType().toUTF8(); });
+    info["geometry"] = optional([&] {
+        return Json{{"cylinders", descriptor->getGeometryCylinders()},
+                    {"heads", descriptor->getGeometryHeads()},
+                    {"sectors", descriptor->getGeometrySectors()}};
+    });
+    info["extentFilesOnDemand"] = descriptor->getZuCreateExtentFilesOnDemand();
+    Json extents = Json::array();
+    for (int i = 0; i < static_cast<int>(disk->getExtentInfos().size()); ++i) extents.push_back(extentJson(disk, i));
+    info["extents"] = extents;
+    info["space"] = spaceJson(*disk->gatherSpaceInfo());
+    if (kord::CVMDKDisk* parent = disk->getParentDisk()) info["parent"] = diskJson(parent);
+    return info;
+}
+
+std::string text(const Json& value)
+{
+    if (value.is_null()) return "unknown";
+    if (value.is_string()) return value.get<std::string>();
+    return value.dump();
+}
+
+std::string sizeText(long long bytes) { return formatSize(bytes) + " (" + std::to_string(bytes) + " bytes)"; }
+
+void printLine(const std::string& indent, const std::string& name, const std::string& value)
+{
+    std::string label = name + ":";
+    // Values line up at column 22 whatever the nesting.
+    label.resize(std::max<size_t>(label.size() + 1, 22 - std::min<size_t>(indent.size(), 20)), ' ');
+    std::cout << indent << label << value << "\n";
+}
+
+void printDisk(const Json& info, const std::string& indent)
+{
+    printLine(indent, "disk", text(info["file"]));
+    printLine(indent, "create type", text(info["createType"]));
+    printLine(indent, "virtual size", sizeText(info["virtualSize"].get<long long>()));
+    long long grain = info["grainSize"].get<long long>();
+    printLine(indent, "grain size", std::to_string(grain) + " sectors (" + formatSize(grain * 512) + ")");
+    printLine(indent, "compression", text(info["compression"]));
+    printLine(indent, "encryption", text(info["encryption"]));
+    printLine(indent, "content ID", text(info["contentID"]));
+    printLine(indent, "parent content ID", text(info["parentContentID"]));
+    if (!info["parentFileNameHint"].is_null()) printLine(indent, "parent file", text(info["parentFileNameHint"]));
+    printLine(indent, "adapter type", text(info["adapterType"]));
+    const Json& geometry = info["geometry"];
+    printLine(indent, "geometry (C/H/S)",
+              geometry.is_null() ? "unknown"
+                                 : text(geometry["cylinders"]) + "/" + text(geometry["heads"]) + "/" + text(geometry["sectors"]));
+    if (info["extentFilesOnDemand"].get<bool>()) printLine(indent, "extent files", "made on demand");
+    std::cout << indent << "extents:\n";
+    for (const Json& extent : info["extents"]) {
+        std::string file = extent["fileSize"].is_null() ? "not made yet" : "file " + sizeText(extent["fileSize"].get<long long>());
+        std::cout << indent << "  " << text(extent["file"]) << ": " << text(extent["sectors"]) << " sectors, "
+                  << text(extent["writtenGrains"]) << " written grains, " << file << "\n";
+    }
+    const Json& space = info["space"];
+    std::cout << indent << "space:\n";
+    printLine(indent + "  ", "payload", sizeText(space["payloadSize"].get<long long>()));
+    printLine(indent + "  ", "payload in files", sizeText(space["payloadSizeInFile"].get<long long>()));
+    printLine(indent + "  ", "header", sizeText(space["headerSize"].get<long long>()));
+    printLine(indent + "  ", "dead space", sizeText(space["deadSpace"].get<long long>()));
+    if (info.contains("parent")) {
+        std::cout << indent << "parent:\n";
+        printDisk(info["parent"], indent + "  ");
+    }
+}
+
+void runInfo(CInfoOptions& options)
+{
+    zu::P<kord::CVMDKDisk> disk = openDisk(options.disk, zu::IIOStream::accessRead, options.passwords);
+    Json info = diskJson(disk);
+    if (options.json)
+        std::cout << info.dump(2) << "\n";
+    else
+        printDisk(info, "");
+}
+
+} // namespace
+
+void addInfoCommand(CLI::App& app)
+{
+    auto options = std::make_shared<CInfoOptions>();
+    CLI::App* command = app.add_subcommand("info", "Show what a disk and its parent chain are made of");
+    command->add_flag("--json", options->json, "Print JSON instead of text");
+    command->add_option("DISK", options->disk, "The disk's main file")->required();
+    options->passwords.addOptions(command);
+    command->callback([options] { runInfo(*options); });
+}
+
+} // namespace kordtool

@@ -1,0 +1,93 @@
+#include "ToolSupport.h"
+
+#include "Passwords.h"
+
+#include "base/Log.h"
+#include "descriptor/CVMDKDescriptorAccessor.h"
+#include "format/CVMDKLowLevelFileStream.h"
+
+#include <iostream>
+#include <mutex>
+#include <set>
+#include <vector>
+
+namespace kordtool {
+
+namespace {
+
+std::mutex logMutex;
+std::vector<zu::String> heldErrors;
+// A file opened twice (by the disk and by an inspection) warns twice.
+std::set<zu::String> printedWarnings;
+
+void logLine(zu::LogLevel level, const zu::String& line)
+{
+    std::lock_guard<std::mutex> lock(logMutex);
+    if (level == zu::LogLevel::error)
+        heldErrors.push_back(line);
+    else if (printedWarnings.insert(line).second)
+        std::cerr << "kord: warning: " << line.toUTF8() << std::endl;
+}
+
+} // namespace
+
+zu::IFileSystem* localFileSystem()
+{
+    static zu::P<zu::IFileSystem> fs = zu::newObj<zu::CLocalFileSystem>();
+    return fs;
+}
+
+zu::CURI pathToURI(const std::string& path) { return zu::CLocalFileSystem::pathToURI(zu::String(path)).toNormalized(); }
+
+std::string uriToDisplay(const zu::CURI& uri)
+{
+    if (uri.getScheme() == zu::String("file")) return zu::CLocalFileSystem::uriToPath(uri).toUTF8();
+    return uri.toString(true).toUTF8();
+}
+
+bool diskNeedsPassword(const zu::CURI& uri)
+{
+    try {
+        zu::P<zu::IIOStream> stream = kord::openVMDKFileStream(localFileSystem(), uri, zu::IIOStream::accessRead);
+        kord::CVMDKDescriptorAccessor accessor(stream, zu::IIOStream::accessRead);
+        return !accessor.getDescriptor()->getZuEncryptionAlgorithm().empty();
+    } catch (const std::exception&) {
+        return false;
+    }
+}
+
+zu::P<kord::CVMDKDisk> openDisk(const std::string& path, int access, CPasswordSource& passwords)
+{
+    zu::CURI uri = pathToURI(path);
+    zu::String password;
+    if (diskNeedsPassword(uri)) password = passwords.get("Password for " + path + ": ");
+    return zu::newObj<kord::CVMDKDisk>(localFileSystem(), uri, access, password, -1, nullptr, nullptr);
+}
+
+zu::CError toolError(const std::string& message, const zu::CProps& props)
+{
+    return zu::CError(zu::String(message), zu::String("kord"), -1, props);
+}
+
+CToolLog::CToolLog() { zu::setLogSink(logLine); }
+
+CToolLog::~CToolLog() { zu::setLogSink(zu::LogSink()); }
+
+void CToolLog::printHeldErrors()
+{
+    std::lock_guard<std::mutex> lock(logMutex);
+    for (const zu::String& line : heldErrors) std::cerr << "kord: warning: " << line.toUTF8() << std::endl;
+    heldErrors.clear();
+}
+
+void printError(const std::exception& error)
+{
+    const auto* zuError = dynamic_cast<const zu::CError*>(&error);
+    std::string text = zuError ? zuError->toString().toUTF8() : std::string(error.what());
+    // One line, whatever the message holds.
+    for (char& c : text)
+        if (c == '\n' || c == '\r') c = ' ';
+    std::cerr << "kord: " << text << std::endl;
+}
+
+} // namespace kordtool

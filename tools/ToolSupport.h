@@ -1,0 +1,56 @@
+// What every kord subcommand shares: the local file system, paths and URIs,
+// opening disks (with the password when they need one), and the way the
+// program reports errors and the library's log lines.
+#pragma once
+
+#include "base/CError.h"
+#include "base/CLocalFileSystem.h"
+#include "disk/CVMDKDisk.h"
+
+#include <string>
+
+namespace kordtool {
+
+class CPasswordSource;
+
+// Exit codes of the program.
+constexpr int exitSuccess = 0;
+constexpr int exitProblemsFound = 1; // kord check only
+constexpr int exitFailure = 2;
+
+zu::IFileSystem* localFileSystem();
+zu::CURI pathToURI(const std::string& path);
+// The local path of a file URI, for messages and listings.
+std::string uriToDisplay(const zu::CURI& uri);
+
+// Whether a disk's descriptor asks for a password. Files that cannot be
+// read say no: opening them reports the real problem.
+bool diskNeedsPassword(const zu::CURI& uri);
+
+// Opens the disk at `path` (access zu::IIOStream::accessRead or
+// accessReadWrite), asking `passwords` for the password when the disk is
+// encrypted.
+zu::P<kord::CVMDKDisk> openDisk(const std::string& path, int access, CPasswordSource& passwords);
+
+// An error of the tool itself (a bad combination of options, a missing
+// password source), reported like the library's errors.
+zu::CError toolError(const std::string& message, const zu::CProps& props = zu::CProps());
+
+// Routes the library's log lines for the program's lifetime: warnings go to
+// standard error at once; errors the library logged and passed on are held
+// back, since the error that ends the program says the same. Errors logged
+// for failures nobody was told about (in destructors) are printed when the
+// program ends without an error of its own.
+class CToolLog {
+public:
+    CToolLog();
+    ~CToolLog();
+    CToolLog(const CToolLog&) = delete;
+    CToolLog& operator=(const CToolLog&) = delete;
+    void printHeldErrors();
+};
+
+// "kord: <message> <name=value ...>" on one line on standard error.
+void printError(const std::exception& error);
+
+} // namespace kordtool

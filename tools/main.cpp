@@ -1,0 +1,44 @@
+// kord: reads, writes, makes, converts and checks VMDK virtual disks
+// through libkord. Every error ends the program with one line on standard
+// error ("kord: <message> <properties>") and exit status 2.
+#include "CatCommand.h"
+#include "CheckCommand.h"
+#include "ConvertCommand.h"
+#include "CreateCommand.h"
+#include "InfoCommand.h"
+#include "MapCommand.h"
+#include "PasswdCommand.h"
+#include "ToolSupport.h"
+#include "WriteCommand.h"
+
+#include <CLI/CLI.hpp>
+
+#include <iostream>
+
+int main(int argc, char** argv)
+{
+    kordtool::CToolLog log;
+    int exitCode = kordtool::exitSuccess;
+    CLI::App app("kord: read, write, make, convert and check VMDK virtual disks", "kord");
+    app.require_subcommand(1);
+    kordtool::addCreateCommand(app);
+    kordtool::addInfoCommand(app);
+    kordtool::addConvertCommand(app);
+    kordtool::addCatCommand(app);
+    kordtool::addWriteCommand(app);
+    kordtool::addMapCommand(app);
+    kordtool::addCheckCommand(app, exitCode);
+    kordtool::addPasswdCommand(app);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& e) {
+        if (e.get_exit_code() == 0) return app.exit(e);
+        std::cerr << "kord: " << e.what() << " (kord --help lists the commands)" << std::endl;
+        return kordtool::exitFailure;
+    } catch (const std::exception& e) {
+        kordtool::printError(e);
+        return kordtool::exitFailure;
+    }
+    log.printHeldErrors();
+    return exitCode;
+}
