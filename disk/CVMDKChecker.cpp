@@ -102,9 +102,7 @@ std::vector<CVMDKChecker::CFinding> CVMDKChecker::check()
                        uris.set("maxChainLength", CVMDKParentDiskDataProvider::maxChainLength));
             break;
         }
-        zu::P<CVMDKDisk> parent;
-        checkParent(disk, parent);
-        disk = parent;
+        disk = openParent(disk);
     }
     if (full())
         addFinding(kindRefused, mainURI, "Too many problems in VMDK disk; the check stopped listing them.",
@@ -123,10 +121,10 @@ zu::P<CVMDKDisk> CVMDKChecker::openDisk(const zu::CURI& uri)
     }
 }
 
-void CVMDKChecker::checkParent(CVMDKDisk* child, zu::P<CVMDKDisk>& parent)
+zu::P<CVMDKDisk> CVMDKChecker::openParent(CVMDKDisk* child)
 {
-    parent = openDisk(child->getParentURI());
-    if (!parent) return;
+    zu::P<CVMDKDisk> parent = openDisk(child->getParentURI());
+    if (!parent) return nullptr;
     unsigned expected = child->getDescriptor()->getParentContentID();
     unsigned actual = parent->getDescriptor()->getContentID();
     if (actual != expected)
@@ -135,6 +133,7 @@ void CVMDKChecker::checkParent(CVMDKDisk* child, zu::P<CVMDKDisk>& parent)
                        .set("parentURI", parent->getMainURI().toString(true))
                        .set("actualContentID", zu::toHexString(actual))
                        .set("expectedContentID", zu::toHexString(expected)));
+    return parent;
 }
 
 void CVMDKChecker::addFinding(Kind kind, const zu::CURI& uri, const zu::String& message, const zu::CProps& props)

@@ -98,7 +98,8 @@ private:
     void checkGrain(CExtentContext& context, long long grainIndex, long long posSectors, long long slotSectors);
     long long checkCompressedGrain(CExtentContext& context, long long grainIndex, long long posSectors);
     void checkGrainOverlaps(CExtentContext& context);
-    void checkParent(CVMDKDisk* child, zu::P<CVMDKDisk>& parent);
+    // The parent, opened read-only, and compared with what the child expects.
+    zu::P<CVMDKDisk> openParent(CVMDKDisk* child);
     void addFinding(Kind kind, const zu::CURI& uri, const zu::String& message, const zu::CProps& props);
     void addRefusal(const zu::CIOError& error, const zu::CURI& fallbackURI);
     bool full() const { return findings.size() >= maxFindings; }

@@ -146,9 +146,9 @@ void addConvertCommand(CLI::App& app)
         ->type_name("TYPE");
     command->add_flag("--encrypt", options->encrypt, "Encrypt the new disk (AES-256-CBC) under a password");
     command->add_option("-c,--compression", options->compressionLevel,
-                        "Deflate level of streamOptimized output, 0 to 9 (default 1)")
+                        "Deflate level of streamOptimized output, 0 to 12 (default 1)")
         ->type_name("LEVEL")
-        ->check(CLI::Range(0, 9));
+        ->check(CLI::Range(0, 12));
     command->add_option("-j,--threads", options->threads, "Compress grains on this many threads (default 1)")
         ->type_name("THREADS")
         ->check(CLI::Range(1, 256));

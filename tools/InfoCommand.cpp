@@ -25,7 +25,7 @@ struct CInfoOptions {
 
 // A descriptor value that may be missing (disks made by other tools): null.
 template <class F>
-Json optional(F get)
+Json valueOrNull(F get)
 {
     try {
         return Json(get());
@@ -71,9 +71,9 @@ Json diskJson(kord::CVMDKDisk* disk)
     info["encryption"] = disk->isEncrypted() ? descriptor->getZuEncryptionAlgorithm().toUTF8() : "none";
     info["contentID"] = zu::toHexString(descriptor->getContentID()).toUTF8();
     info["parentContentID"] = zu::toHexString(descriptor->getParentContentID()).toUTF8();
-    info["parentFileNameHint"] = optional([&] { return descriptor->getParentFileNameHint().toUTF8(); });
-    info["adapterType"] = optional([&] { return descriptor->getAdapterType().toUTF8(); });
-    info["geometry"] = optional([&] {
+    info["parentFileNameHint"] = valueOrNull([&] { return descriptor->getParentFileNameHint().toUTF8(); });
+    info["adapterType"] = valueOrNull([&] { return descriptor->getAdapterType().toUTF8(); });
+    info["geometry"] = valueOrNull([&] {
         return Json{{"cylinders", descriptor->getGeometryCylinders()},
                     {"heads", descriptor->getGeometryHeads()},
                     {"sectors", descriptor->getGeometrySectors()}};

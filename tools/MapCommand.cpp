@@ -5,7 +5,6 @@
 
 #include <nlohmann/json.hpp>
 
-#include <algorithm>
 #include <cstdio>
 #include <iostream>
 #include <memory>
@@ -30,18 +29,16 @@ Json writtenRanges(kord::CVMDKDisk* disk)
     long long size = disk->getDiskSizeBytes();
     long long grain = disk->getGrainSizeBytes();
     long long start = -1;
-    for (long long position = 0; position <= size; position += grain) {
-        bool written = false;
-        if (position < size) {
-            disk->seek(position);
-            written = disk->isGrainWrittenAndIndependentOfParent();
-        }
+    for (long long position = 0; position < size; position += grain) {
+        disk->seek(position);
+        bool written = disk->isGrainWrittenAndIndependentOfParent();
         if (written && start < 0) start = position;
         if (!written && start >= 0) {
-            ranges.push_back(Json{{"offset", start}, {"length", std::min(position, size) - start}});
+            ranges.push_back(Json{{"offset", start}, {"length", position - start}});
             start = -1;
         }
     }
+    if (start >= 0) ranges.push_back(Json{{"offset", start}, {"length", size - start}});
     return ranges;
 }
 

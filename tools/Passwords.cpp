@@ -2,6 +2,8 @@
 
 #include "ToolSupport.h"
 
+#include <CLI/CLI.hpp>
+
 #include <cerrno>
 #include <cstdlib>
 #include <fcntl.h>

@@ -6,9 +6,11 @@
 
 #include "base/String.h"
 
-#include <CLI/CLI.hpp>
-
 #include <string>
+
+namespace CLI {
+class App;
+}
 
 namespace kordtool {
 

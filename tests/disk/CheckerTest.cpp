@@ -6,8 +6,6 @@
 #include "disk/CVMDKChecker.h"
 #include "format/CVMDKLowLevelFileStream.h"
 
-#include <filesystem>
-
 namespace {
 
 using kord::CVMDKChecker;

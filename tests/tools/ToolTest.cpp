@@ -179,6 +179,9 @@ TEST_F(ToolTest, deltaDisksReadThroughTheirParents)
     ASSERT_EQ(2u, map.size());
     EXPECT_EQ((Json{{{"offset", 1966080}, {"length", grainBytes}}}), map[0]["ranges"]);
     EXPECT_EQ(1, map[1]["layer"]);
+    // The parent's last grain, cut short by the disk's end.
+    const Json& last = map[1]["ranges"].back();
+    EXPECT_EQ(static_cast<long long>(data.size()), last["offset"].get<long long>() + last["length"].get<long long>());
     EXPECT_EQ(0, kord("check delta.vmdk").status);
     ASSERT_EQ(0, kord("convert delta.vmdk flat.vmdk").status);
     EXPECT_TRUE(cat("flat.vmdk") == data);
