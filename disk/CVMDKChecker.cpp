@@ -68,16 +68,10 @@ zu::P<CVMDKSparseExtentFile> CVMDKChecker::openExtentForInspection(CVMDKDisk* di
     zu::CURI uri = disk->getExtentURI(index).toNormalized();
     zu::IFileSystem* fs = disk->getFileSystem();
     if (disk->getDescriptor()->getZuCreateExtentFilesOnDemand() && !fs->exists(uri)) return nullptr;
-    zu::P<pell::ICipher> cipher;
-    zu::TBuffer<unsigned char> iv;
-    if (disk->isEncrypted()) {
-        cipher = zu::newObj<pell::CCipher_AES256CBC>();
-        iv = disk->getDescriptor()->getZuEncryptionIV();
-    }
     zu::P<zu::IIOStream> stream = openVMDKFileStream(fs, uri, zu::IIOStream::accessRead);
     return zu::newObj<CVMDKSparseExtentFile>(stream, zu::IIOStream::accessRead, disk->getExtentStartGrainIndex(index),
                                              disk->getCompressionLevel(), disk->getGrainTableCache(), nullptr, nullptr,
-                                             cipher, disk->getEncryptionKey(), iv);
+                                             disk->getCipher(), disk->getEncryptionKey(), disk->getEncryptionIV());
 }
 
 std::vector<CVMDKChecker::CFinding> CVMDKChecker::check()

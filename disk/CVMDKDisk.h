@@ -153,6 +153,9 @@ public:
     // The disk's own data key (empty when not encrypted). For tools that
     // re-wrap the key under a new password.
     const zu::TCryptBuffer<unsigned char>& getEncryptionKey() const { return encryptionKey; }
+    // The cipher and IV an encrypted disk hands to its extents (null and empty otherwise).
+    pell::ICipher* getCipher() const { return cipher; }
+    const zu::TBuffer<unsigned char>& getEncryptionIV() const { return encryptionIV; }
 
 protected:
     friend class CVMDKParentDiskDataProvider;

@@ -33,7 +33,7 @@ CVMDKGrainAllocator::CVMDKGrainAllocator(zu::IIOStream* stream, int access, long
         trailIntact = fileHasTrailAt(stream, trailPosBytes, trail);
         if (trailIntact)
             allocationPoint = trailPosBytes;
-        else
+        else if (access == zu::IIOStream::accessReadWrite)
             zu::logWarning("VMDK trail data is not what we expected. Assuming that it is not trail data - we won't "
                            "overwrite it.");
     }
