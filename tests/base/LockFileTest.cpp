@@ -24,35 +24,32 @@ public:
         if (pipe(fds) != 0) throw std::runtime_error("pipe failed");
         pid = fork();
         if (pid == 0) {
-            char ok = '0';
             try {
                 CLockFile lock(newObj<CLocalFileSystem>(), uri, type, false, true);
-                ok = '1';
-                if (write(fds[1], &ok, 1) != 1) _exit(2);
+                if (write(fds[1], "1", 1) != 1) _exit(2);
                 if (holdMs < 0)
                     for (;;) pause();
                 usleep(static_cast<useconds_t>(holdMs) * 1000);
             } catch (...) {
-                if (ok == '0' && write(fds[1], &ok, 1) != 1) _exit(2);
-                _exit(1);
+                _exit(1); // the parent reads the end of the pipe: no lock
             }
             _exit(0);
         }
         close(fds[1]);
         char state = 0;
-        bool ready = read(fds[0], &state, 1) == 1 && state == '1';
+        bool ready = read(fds[0], &state, 1) == 1;
         close(fds[0]);
         if (!ready) {
             waitpid(pid, nullptr, 0);
             throw std::runtime_error("the child could not take the lock");
         }
     }
-    ~LockHolder() { kill(SIGKILL); }
+    ~LockHolder() { killNow(); }
 
-    void kill(int signal)
+    void killNow()
     {
         if (pid <= 0) return;
-        ::kill(pid, signal);
+        kill(pid, SIGKILL);
         waitpid(pid, nullptr, 0);
         pid = -1;
     }
@@ -61,14 +58,17 @@ private:
     pid_t pid = -1;
 };
 
-} // namespace
-
-TEST(LockFileTest, otherProcessIsExcludedUntilItDies)
-{
+class LockFileTest : public testing::Test {
+protected:
     kordtest::TempDir dir;
     P<IFileSystem> fs = newObj<CLocalFileSystem>();
     CURI uri = CLocalFileSystem::pathToURI(dir.file("disk.vmdk.lock"));
+};
 
+} // namespace
+
+TEST_F(LockFileTest, otherProcessIsExcludedUntilItDies)
+{
     LockHolder writer(uri, CLockFile::lockTypeWrite);
     auto e = expectThrows<CLockFileError>([&] { CLockFile(fs, uri, CLockFile::lockTypeWrite, false, true); });
     EXPECT_EQ(kordtest::msg(e), "The lock file is held by another process.");
@@ -76,17 +76,14 @@ TEST(LockFileTest, otherProcessIsExcludedUntilItDies)
     EXPECT_THROW(CLockFile(fs, uri, CLockFile::lockTypeRead, false, true), CLockFileError);
 
     // Killed, it cannot remove its lock file; the stale file must not block.
-    writer.kill(SIGKILL);
+    writer.killNow();
     EXPECT_TRUE(fs->exists(uri));
     { CLockFile again(fs, uri, CLockFile::lockTypeWrite, false, true); }
     EXPECT_FALSE(fs->exists(uri));
 }
 
-TEST(LockFileTest, readersShareAcrossProcessesAndWaitersGetTheLock)
+TEST_F(LockFileTest, readersShareAcrossProcessesAndWaitersGetTheLock)
 {
-    kordtest::TempDir dir;
-    P<IFileSystem> fs = newObj<CLocalFileSystem>();
-    CURI uri = CLocalFileSystem::pathToURI(dir.file("disk.vmdk.lock"));
     {
         LockHolder reader(uri, CLockFile::lockTypeRead);
         CLockFile shared(fs, uri, CLockFile::lockTypeRead, false, true);

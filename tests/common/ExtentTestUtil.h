@@ -1,7 +1,8 @@
 // Helpers for tests that need real sparse extent files: making them in the
-// library's layouts (with an embedded descriptor, optionally encrypted),
-// opening them as CVMDKSparseExtentFile with everything an extent needs,
-// reading header fields back from the file and capturing log lines.
+// library's layouts (with an embedded descriptor, optionally encrypted), a
+// fixture that opens one as CVMDKSparseExtentFile with everything an extent
+// needs, random writes mirrored in memory, reading fields back from the file,
+// exact error checks and capturing log lines.
 #pragma once
 
 #include "common/TestUtil.h"
@@ -16,19 +17,21 @@
 #include "format/CVMDKLowLevelFileStream.h"
 #include "format/VMDKEmptyLayout.h"
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
 namespace kordtest {
 
 using Bytes = std::vector<unsigned char>;
+constexpr int rw = zu::IIOStream::accessReadWrite;
 
 // Header field offsets (the header is sector 0; a stream-optimized footer
 // is the same 512 bytes one sector after the footer marker).
 namespace hdr {
 constexpr long long version = 4, flags = 8, capacity = 12, grainSize = 20, descriptorOffset = 28,
                     descriptorSize = 36, numGTEsPerGT = 44, rgdOffset = 48, gdOffset = 56, overHead = 64,
-                    uncleanShutdown = 72, compressAlgorithm = 77;
+                    uncleanShutdown = 72, compressAlgorithm = 77, encryptAlgorithm = 79;
 }
 
 constexpr long long descriptorSectors = 20;
@@ -39,115 +42,127 @@ struct ExtentKind {
     bool encrypted;
     const char* name;
 };
+inline constexpr ExtentKind plainKind{false, false, "plain"}, compressedKind{true, false, "compressed"},
+    encryptedKind{false, true, "encrypted"};
+inline constexpr ExtentKind allExtentKinds[] = {plainKind, compressedKind, encryptedKind, {true, true, "both"}};
 
-inline const std::vector<ExtentKind>& allExtentKinds()
+// Runs f and checks that it throws E with this message and code.
+template <class E = zu::CIOError>
+E expectError(const std::function<void()>& f, const std::string& message, long long code)
 {
-    static const std::vector<ExtentKind> kinds = {{false, false, "plain"},
-                                                  {true, false, "compressed"},
-                                                  {false, true, "encrypted"},
-                                                  {true, true, "encrypted compressed"}};
-    return kinds;
+    E e = expectThrows<E>(f);
+    EXPECT_EQ(message, msg(e));
+    EXPECT_EQ(code, e.getCode());
+    return e;
 }
 
-inline zu::TBuffer<unsigned char> zeroBuffer(long long bytes = 65536)
+inline zu::TBuffer<unsigned char> toBuffer(const Bytes& bytes)
 {
-    zu::TBuffer<unsigned char> zeros;
-    zeros.setUsedFill(bytes, 0);
-    return zeros;
+    return zu::TBuffer<unsigned char>(bytes.data(), static_cast<long long>(bytes.size()));
 }
 
 inline zu::TCryptBuffer<unsigned char> testKey()
 {
-    zu::TCryptBuffer<unsigned char> key(32);
-    for (int i = 0; i < 32; ++i) key[i] = static_cast<unsigned char>(7 * i + 1);
-    return key;
+    return zu::TCryptBuffer<unsigned char>(pattern(32, 0x4B).data(), 32);
 }
+inline zu::TBuffer<unsigned char> testIV() { return toBuffer(pattern(16, 0xA0)); }
 
-inline zu::TBuffer<unsigned char> testIV()
-{
-    zu::TBuffer<unsigned char> iv(16);
-    for (int i = 0; i < 16; ++i) iv[i] = static_cast<unsigned char>(0xA0 + i);
-    return iv;
-}
-
-inline zu::P<kord::CVMDKDescriptor> descriptorFromText(const std::string& text)
-{
-    zu::TBuffer<unsigned char> bytes(reinterpret_cast<const unsigned char*>(text.data()),
-                                     static_cast<long long>(text.size()));
-    return zu::newObj<kord::CVMDKDescriptor>(bytes);
-}
-
-// A one-extent disk's descriptor naming the extent file itself.
-inline zu::P<kord::CVMDKDescriptor> selfDescriptor(const std::string& createType, long long sectors,
-                                                   const std::string& fileName)
-{
-    return descriptorFromText("# Disk DescriptorFile\nversion=1\nCID=1234abcd\nparentCID=ffffffff\ncreateType=\"" +
-                              createType + "\"\n\n# Extent description\nRW " + std::to_string(sectors) +
-                              " SPARSE \"" + fileName + "\"\n\n# The Disk Data Base\n#DDB\n\n"
-                              "ddb.virtualHWVersion = \"4\"\nddb.adapterType = \"lsilogic\"\n");
-}
-
-// Creates an empty extent with an embedded descriptor in the kind's layout.
+// Creates an empty extent in the kind's layout, with an embedded descriptor
+// of a one-extent disk naming the file itself.
 inline void createExtent(zu::IFileSystem* fs, const zu::CURI& uri, const ExtentKind& kind, long long grainCount,
                          long long grainSectors)
 {
-    zu::TBuffer<unsigned char> keyHash;
-    if (kind.encrypted) {
-        zu::TCryptBuffer<unsigned char> key = testKey();
-        keyHash = pell::CDigestType_SHA256::hash(key.getData(), key.getUsed());
-    }
-    zu::P<kord::CVMDKDescriptor> descriptor = selfDescriptor(
-        kind.streamOptimized ? "streamOptimized" : "monolithicSparse", grainCount * grainSectors, "extent.vmdk");
-    kord::createEmptyVMDKSparseExtentFile(fs, uri, kind.streamOptimized, grainCount, grainSectors, zeroBuffer(),
-                                          descriptor, descriptorSectors, keyHash);
+    const std::string text = "# Disk DescriptorFile\nversion=1\nCID=1234abcd\nparentCID=ffffffff\ncreateType=\"" +
+                             std::string(kind.streamOptimized ? "streamOptimized" : "monolithicSparse") +
+                             "\"\n\n# Extent description\nRW " + std::to_string(grainCount * grainSectors) +
+                             " SPARSE \"extent.vmdk\"\n\n# The Disk Data Base\n#DDB\n\n"
+                             "ddb.virtualHWVersion = \"4\"\nddb.adapterType = \"lsilogic\"\n";
+    zu::TBuffer<unsigned char> keyHash, zeros;
+    if (kind.encrypted) keyHash = pell::CDigestType_SHA256::hash(testKey().getData(), 32);
+    zeros.setUsedFill(65536, 0);
+    kord::createEmptyVMDKSparseExtentFile(fs, uri, kind.streamOptimized, grainCount, grainSectors, zeros,
+                                          zu::newObj<kord::CVMDKDescriptor>(toBuffer(Bytes(text.begin(), text.end()))),
+                                          descriptorSectors, keyHash);
 }
 
-// What an extent is opened with. Null members are made by open(): a cache of
-// 1024 tables and (withUpdater) a content-ID updater on the extent's own
-// embedded descriptor.
-struct ExtentSetup {
-    bool encrypted = false;
-    int access = zu::IIOStream::accessReadWrite;
+inline Bytes readAt(kord::IVMDKExtentFile& extent, long long position, long long bytes)
+{
+    Bytes out(static_cast<size_t>(bytes));
+    extent.seek(position);
+    extent.read(out.data(), static_cast<int>(bytes));
+    return out;
+}
+
+inline void writeAt(kord::IVMDKExtentFile& extent, long long position, const Bytes& data)
+{
+    extent.seek(position);
+    extent.write(data.data(), static_cast<int>(data.size()));
+}
+
+inline long long grainPos(kord::CVMDKSparseExtentFile& extent, long long grain, long long* slot = nullptr)
+{
+    long long pos = 0, slotSectors = 0;
+    extent.getGrainInfo(grain, pos, slotSectors);
+    if (slot) *slot = slotSectors;
+    return pos;
+}
+
+// Fixture for cases on one extent file, "extent.vmdk", on both file systems.
+class ExtentFileTest : public FileSystemTest {
+protected:
+    zu::CURI file() const { return uri("extent.vmdk"); }
+    Bytes image() const { return readAll(fs, file()); }
+    void create(const ExtentKind& kind, long long grains, long long grainSectors = 16)
+    {
+        fs->deleteFile(file(), true);
+        createExtent(fs, file(), kind, grains, grainSectors);
+    }
+    // Opens the file with what the members below hold. Null members are made
+    // afresh: a cache of 1024 tables and a content-ID updater on the
+    // extent's own embedded descriptor.
+    zu::P<kord::CVMDKSparseExtentFile> open(const ExtentKind& kind = plainKind, int access = rw)
+    {
+        return zu::newObj<kord::CVMDKSparseExtentFile>(
+            kord::openVMDKFileStream(fs, file(), access), access, startGrainIndex, 1,
+            cache ? cache : zu::newObj<kord::CVMDKGrainTableCache>(kord::CVMDKGrainTableCache::defaultLimit), provider,
+            updater ? updater
+                    : zu::newObj<kord::CVMDKContentIDUpdater>(fs, file(), zu::newObj<kord::CVMDKDescriptor>()),
+            kind.encrypted ? zu::newObj<pell::CCipher_AES256CBC>() : nullptr,
+            kind.encrypted ? testKey() : zu::TCryptBuffer<unsigned char>(),
+            kind.encrypted ? testIV() : zu::TBuffer<unsigned char>());
+    }
+
     long long startGrainIndex = 0;
-    int level = 1;
-    bool withUpdater = true;
     zu::P<kord::CVMDKGrainTableCache> cache;
     zu::P<kord::IVMDKDataProvider> provider;
     zu::P<kord::CVMDKContentIDUpdater> updater;
-
-    zu::P<kord::CVMDKSparseExtentFile> open(zu::IFileSystem* fs, const zu::CURI& uri)
-    {
-        zu::P<zu::IIOStream> stream = kord::openVMDKFileStream(fs, uri, access);
-        if (!cache) cache = zu::newObj<kord::CVMDKGrainTableCache>(kord::CVMDKGrainTableCache::defaultLimit);
-        if (withUpdater && !updater)
-            updater = zu::newObj<kord::CVMDKContentIDUpdater>(fs, uri, zu::newObj<kord::CVMDKDescriptor>());
-        zu::P<pell::ICipher> cipher;
-        zu::TCryptBuffer<unsigned char> key;
-        zu::TBuffer<unsigned char> iv;
-        if (encrypted) {
-            cipher = zu::newObj<pell::CCipher_AES256CBC>();
-            key = testKey();
-            iv = testIV();
-        }
-        return zu::newObj<kord::CVMDKSparseExtentFile>(stream, access, startGrainIndex, level, cache, provider,
-                                                       updater, cipher, key, iv);
-    }
 };
 
-// Data that deflate shrinks to roughly a third: words from a small
-// vocabulary in an order that depends on the seed.
+// Data that deflate shrinks to about a third: random letters of a
+// four-letter alphabet.
 inline Bytes compressible(long long bytes, unsigned seed)
 {
-    static const char* const words[] = {"grain ", "table ", "sector ", "extent ", "marker ", "disk ", "0x1F ", "\n"};
-    Bytes out;
-    out.reserve(static_cast<size_t>(bytes));
-    unsigned state = seed * 2654435761u + 1;
-    while (static_cast<long long>(out.size()) < bytes) {
-        state = state * 1103515245u + 12345u;
-        for (const char* w = words[(state >> 16) % 8]; *w && static_cast<long long>(out.size()) < bytes; ++w)
-            out.push_back(static_cast<unsigned char>(*w));
-    }
+    Bytes out = pattern(static_cast<size_t>(bytes), seed);
+    for (unsigned char& b : out) b = static_cast<unsigned char>("disk"[b % 4]);
     return out;
+}
+
+// Writes `count` runs of mixed content (zeros, compressible, random), partial
+// and whole grains, at random places of an extent as large as its mirror,
+// and into the mirror.
+template <class Rng>
+void randomWrites(kord::IVMDKExtentFile& extent, Bytes& mirror, long long grainBytes, int count, Rng& rng)
+{
+    const long long size = static_cast<long long>(mirror.size());
+    for (int op = 0; op < count; ++op) {
+        long long pos = rng() % size;
+        if (rng() % 4 == 0) pos -= pos % grainBytes;
+        const long long n = std::min<long long>(1 + rng() % (3 * grainBytes), size - pos);
+        const unsigned kind = rng() % 3, seed = rng();
+        Bytes data = kind == 0 ? Bytes(n, 0) : kind == 1 ? compressible(n, seed) : pattern(n, seed);
+        writeAt(extent, pos, data);
+        std::copy(data.begin(), data.end(), mirror.begin() + pos);
+    }
 }
 
 inline std::uint32_t fileLE32(const Bytes& file, long long offset) { return zu::loadLE32(&file.at(offset)); }
@@ -158,33 +173,18 @@ inline Bytes slice(const Bytes& file, long long offset, long long bytes)
 }
 
 // Collects the log lines written while it exists.
-class LogCapture {
-public:
-    LogCapture()
-    {
-        previous = zu::setLogSink([this](zu::LogLevel, const zu::String& line) { lines.push_back(line.toUTF8()); });
-    }
-    ~LogCapture() { zu::setLogSink(previous); }
+struct LogCapture {
+    LogCapture() = default;
     LogCapture(const LogCapture&) = delete;
     LogCapture& operator=(const LogCapture&) = delete;
-
+    ~LogCapture() { zu::setLogSink(previous); }
     bool contains(const std::string& text) const
     {
-        for (const std::string& line : lines)
-            if (line.find(text) != std::string::npos) return true;
-        return false;
-    }
-    std::string all() const
-    {
-        std::string out;
-        for (const std::string& line : lines) out += line + "\n";
-        return out;
+        return std::any_of(lines.begin(), lines.end(), [&](const std::string& l) { return l.find(text) != l.npos; });
     }
 
     std::vector<std::string> lines;
-
-private:
-    zu::LogSink previous;
+    zu::LogSink previous = zu::setLogSink([this](zu::LogLevel, const zu::String& l) { lines.push_back(l.toUTF8()); });
 };
 
 } // namespace kordtest

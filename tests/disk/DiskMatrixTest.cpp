@@ -2,8 +2,10 @@
 // the library makes: each create type, plain and encrypted, on its own and
 // as a delta disk over a parent that was written first. The disk must agree
 // with a plain model after every flush, and after reopening it for more
-// writes and then for reading.
+// writes and then for reading; and the checker must find nothing wrong.
 #include "DiskTestUtil.h"
+
+#include "disk/CVMDKChecker.h"
 
 #include <random>
 #include <tuple>
@@ -92,11 +94,12 @@ TEST_P(DiskMatrixTest, randomWritesMatchModelAfterFlushAndReopen)
         if (delta()) expectMatches(*disk, mirror, "through the new child");
         randomWrites(*disk, mirror, 48, true);
     }
-    randomWrites(*openDisk(fs, child, zu::IIOStream::accessReadWrite, pass()), mirror, 16, true);
-    zu::P<CVMDKDisk> reopened = openDisk(fs, child, zu::IIOStream::accessRead, pass());
+    randomWrites(*openDisk(fs, child, RW, pass()), mirror, 16, true);
+    zu::P<CVMDKDisk> reopened = openDisk(fs, child, R, pass());
     expectMatches(*reopened, mirror, "after reopening");
-    Bytes tail = readAt(*reopened, mirror.size() - 700, 700);
-    EXPECT_TRUE(tail == mirror.read(mirror.size() - 700, 700));
+    EXPECT_TRUE(readAt(*reopened, mirror.size() - 700, 700) == mirror.read(mirror.size() - 700, 700));
+    reopened = nullptr;
+    EXPECT_TRUE(kord::CVMDKChecker(fs, child, zu::String::fromUTF8(pass().data(), pass().size())).check().empty());
 }
 
 INSTANTIATE_TEST_SUITE_P(Disks, DiskMatrixTest,

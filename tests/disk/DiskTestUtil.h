@@ -1,13 +1,13 @@
-// Helpers shared by the disk tests: making and opening disks, a sparse model
-// of what a disk should hold, snapshots of a folder's files, and editing a
-// disk's descriptor behind the library's back.
+// Helpers shared by the disk and tool tests: making and opening disks, a
+// sparse model of what a disk should hold, whole files and snapshots of a
+// folder's files, and editing a disk's descriptor behind the disk's back.
 #pragma once
 
 #include "common/TestUtil.h"
 
-#include "base/Endian.h"
-#include "descriptor/CVMDKDescriptor.h"
+#include "descriptor/CVMDKDescriptorAccessor.h"
 #include "disk/CVMDKDisk.h"
+#include "format/CVMDKLowLevelFileStream.h"
 
 #include <algorithm>
 #include <cstring>
@@ -22,6 +22,8 @@ namespace disktest {
 using kord::CVMDKDisk;
 using Bytes = std::vector<unsigned char>;
 
+constexpr int R = zu::IIOStream::accessRead;
+constexpr int RW = zu::IIOStream::accessReadWrite;
 constexpr long long sector = 512;
 constexpr long long grainSectors = 128;
 constexpr long long grainBytes = grainSectors * sector;
@@ -140,58 +142,22 @@ inline std::map<std::string, std::string> snapshot(const std::string& dir)
     return out;
 }
 
-// Where a main file keeps its descriptor text: the embedded area of a
-// sparse file (header offsets 28 and 36, in sectors) or the whole file.
-inline void descriptorArea(const std::string& file, long long& start, long long& size)
+// A main file's descriptor through the library's accessor, which keeps its
+// room: an edit that no longer fits fails (test descriptor files whose text
+// must grow are rewritten whole with putFile).
+inline zu::P<kord::CVMDKDescriptorAccessor> descriptorAccessor(const std::string& file, int access = R)
 {
-    std::string bytes = fileText(file);
-    unsigned magic = bytes.size() >= 4 ? zu::loadLE32(reinterpret_cast<const unsigned char*>(bytes.data())) : 0;
-    if (magic != 0x564D444Bu && magic != 0x05644B45u) {
-        start = 0;
-        size = -1;
-        return;
-    }
-    start = static_cast<long long>(zu::loadLE64(reinterpret_cast<const unsigned char*>(bytes.data()) + 28)) * sector;
-    size = static_cast<long long>(zu::loadLE64(reinterpret_cast<const unsigned char*>(bytes.data()) + 36)) * sector;
+    zu::P<zu::IFileSystem> fs = zu::newObj<zu::CLocalFileSystem>();
+    return zu::newObj<kord::CVMDKDescriptorAccessor>(kord::openVMDKFileStream(fs, fileURI(file), access), access);
 }
 
-inline std::string descriptorText(const std::string& file)
-{
-    long long start = 0;
-    long long size = 0;
-    descriptorArea(file, start, size);
-    std::string bytes = fileText(file);
-    if (size < 0) return bytes;
-    std::string area = bytes.substr(static_cast<size_t>(start), static_cast<size_t>(size));
-    return area.substr(0, area.find('\0'));
-}
-
-// Replaces the descriptor text: a text file is rewritten whole, an embedded
-// area is overwritten and zero-filled (the text must fit).
-inline void setDescriptorText(const std::string& file, const std::string& text)
-{
-    long long start = 0;
-    long long size = 0;
-    descriptorArea(file, start, size);
-    if (size < 0) {
-        putFile(file, text);
-        return;
-    }
-    ASSERT_LE(static_cast<long long>(text.size()), size);
-    std::string bytes = fileText(file);
-    std::string area = text + std::string(static_cast<size_t>(size) - text.size(), '\0');
-    bytes.replace(static_cast<size_t>(start), static_cast<size_t>(size), area);
-    putFile(file, bytes);
-}
+inline unsigned contentID(const std::string& file) { return descriptorAccessor(file)->getDescriptor()->getContentID(); }
 
 inline void editDescriptor(const std::string& file, const std::function<void(kord::CVMDKDescriptor&)>& edit)
 {
-    std::string text = descriptorText(file);
-    zu::TBuffer<unsigned char> bytes(reinterpret_cast<const unsigned char*>(text.data()),
-                                     static_cast<long long>(text.size()));
-    zu::P<kord::CVMDKDescriptor> descriptor = zu::newObj<kord::CVMDKDescriptor>(bytes);
-    edit(*descriptor);
-    setDescriptorText(file, descriptor->toString().toUTF8());
+    zu::P<kord::CVMDKDescriptorAccessor> accessor = descriptorAccessor(file, RW);
+    edit(*accessor->getDescriptor());
+    accessor->storeDescriptor(true);
 }
 
 inline std::string replaced(std::string text, const std::string& from, const std::string& to)

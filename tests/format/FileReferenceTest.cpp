@@ -4,53 +4,36 @@
 
 #include "format/VMDKFileReference.h"
 
-using kordtest::expectThrows;
-
-namespace {
-
-// The folder of a descriptor at /data/vm/disk.vmdk.
-const zu::CURI base = zu::CURI(zu::CUnixPath(zu::String("/data/vm/disk.vmdk")), true).getParent();
-
-std::string resolve(const char* reference, const zu::CURI& from = base)
+TEST(FileReferenceTest, referencesResolveBesideTheDescriptorOrWhereTheyPoint)
 {
-    return kord::vmdkFileReferenceToURI(from, zu::String(reference)).toString(true).toUTF8();
-}
+    // The folder of a descriptor at /data/vm/disk.vmdk.
+    const zu::CURI base = zu::CURI(zu::CUnixPath(zu::String("/data/vm/disk.vmdk")), true).getParent();
+    const zu::CURI server(zu::String("file://host/x"));
+    const struct {
+        const char* reference;
+        const zu::CURI& from;
+        const char* expected;
+    } cases[] = {
+        // A drive path is absolute whatever the base.
+        {"C:\\vms\\disk-s001.vmdk", base, "file:///C:/vms/disk-s001.vmdk"},
+        {"c:/vms/disk-s001.vmdk", server, "file:///C:/vms/disk-s001.vmdk"},
+        {"D:\\vms\\..\\parent.vmdk", base, "file:///D:/parent.vmdk"},
+        // Relative names, with either separator, resolve beside the descriptor.
+        {"disk-s001.vmdk", base, "file:///data/vm/disk-s001.vmdk"},
+        {"sub\\disk-s001.vmdk", base, "file:///data/vm/sub/disk-s001.vmdk"},
+        {"sub/./disk-s001.vmdk", base, "file:///data/vm/sub/disk-s001.vmdk"},
+        {"../parent.vmdk", base, "file:///data/parent.vmdk"},
+        {"..\\parent.vmdk", base, "file:///data/parent.vmdk"},
+        {"my disk.vmdk", base, "file:///data/vm/my disk.vmdk"},
+        {"/other/x.vmdk", base, "file:///other/x.vmdk"},            // rooted: the base is ignored
+        {"C:", base, "file:///data/vm/C:"},                         // no separator after the colon: not a drive
+        {"//server/share/disk.vmdk", base, "file://server/share/disk.vmdk"},
+        {"\\\\server\\share\\disk.vmdk", base, "file://server/share/disk.vmdk"},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(c.expected, kord::vmdkFileReferenceToURI(c.from, zu::String(c.reference)).toString(true).toUTF8())
+            << c.reference;
 
-} // namespace
-
-TEST(FileReferenceTest, drivePathIsAbsoluteWhateverTheBase)
-{
-    EXPECT_EQ("file:///C:/vms/disk-s001.vmdk", resolve("C:\\vms\\disk-s001.vmdk"));
-    EXPECT_EQ("file:///C:/vms/disk-s001.vmdk", resolve("c:/vms/disk-s001.vmdk", zu::CURI(zu::String("file://host/x"))));
-    EXPECT_EQ("file:///D:/parent.vmdk", resolve("D:\\vms\\..\\parent.vmdk"));
-}
-
-TEST(FileReferenceTest, relativeNamesResolveBesideTheDescriptor)
-{
-    EXPECT_EQ("file:///data/vm/disk-s001.vmdk", resolve("disk-s001.vmdk"));
-    EXPECT_EQ("file:///data/vm/sub/disk-s001.vmdk", resolve("sub\\disk-s001.vmdk"));
-    EXPECT_EQ("file:///data/vm/sub/disk-s001.vmdk", resolve("sub/./disk-s001.vmdk"));
-    EXPECT_EQ("file:///data/parent.vmdk", resolve("../parent.vmdk"));
-    EXPECT_EQ("file:///data/parent.vmdk", resolve("..\\parent.vmdk"));
-    EXPECT_EQ("file:///data/vm/my disk.vmdk", resolve("my disk.vmdk"));
-    // A rooted Unix name ignores the base.
-    EXPECT_EQ("file:///other/x.vmdk", resolve("/other/x.vmdk"));
-}
-
-TEST(FileReferenceTest, twoCharacterDriveIsNotADrivePath)
-{
-    // "C:" lacks the separator after the colon: it is a plain relative name.
-    EXPECT_EQ("file:///data/vm/C:", resolve("C:"));
-}
-
-TEST(FileReferenceTest, doubleSeparatorNamesAServer)
-{
-    EXPECT_EQ("file://server/share/disk.vmdk", resolve("//server/share/disk.vmdk"));
-    EXPECT_EQ("file://server/share/disk.vmdk", resolve("\\\\server\\share\\disk.vmdk"));
-}
-
-TEST(FileReferenceTest, malformedWindowsNameThrowsBadPath)
-{
-    expectThrows<zu::CBadPathError>([] { resolve("C:\\vms\\a<b.vmdk"); });
-    expectThrows<zu::CBadPathError>([] { resolve("sub\\a|b.vmdk"); });
+    for (const char* malformed : {"C:\\vms\\a<b.vmdk", "sub\\a|b.vmdk"})
+        kordtest::expectThrows<zu::CBadPathError>([&] { kord::vmdkFileReferenceToURI(base, zu::String(malformed)); });
 }

@@ -9,6 +9,8 @@
 #include "base/Endian.h"
 #include "format/CVMDKSparseExtentHeader.h"
 
+#include <algorithm>
+
 using kord::CVMDKSparseExtentHeader;
 using kordtest::expectThrows;
 using kordtest::msg;
@@ -34,10 +36,7 @@ Bytes standardImage(std::uint32_t flags)
     zu::storeLE64(&b[56], 0x1122334455);     // gdOffset
     zu::storeLE64(&b[64], 0x8000000000000001ull); // overHead (sign bit set)
     b[72] = 1;                               // uncleanShutdown
-    b[73] = '\n';                            // line-end check "\n \r\n"
-    b[74] = ' ';
-    b[75] = '\r';
-    b[76] = '\n';
+    std::copy_n("\n \r\n", 4, &b[73]);       // line-end check
     zu::storeLE16(&b[77], 0xBEEF);           // compressAlgorithm
     for (int i = 79; i < 512; ++i) b[i] = static_cast<unsigned char>(i * 7); // pad kept as read
     return b;
@@ -55,22 +54,26 @@ Bytes extendedImage(int hashBytes)
     return b;
 }
 
-void load(CVMDKSparseExtentHeader& header, const Bytes& image, long long at = 0)
+void load(CVMDKSparseExtentHeader& header, const Bytes& image)
 {
-    zu::P<zu::TBuffer<unsigned char>> data = zu::newObj<zu::TBuffer<unsigned char>>(image.data(), image.size());
-    zu::P<zu::CBufferStream> stream = zu::newObj<zu::CBufferStream>(data);
-    stream->seek(at);
-    zu::CDataInStream in(stream);
+    zu::CDataInStream in(
+        zu::newObj<zu::CBufferStream>(zu::newObj<zu::TBuffer<unsigned char>>(image.data(), image.size())));
     header.load(in);
 }
 
 Bytes store(const CVMDKSparseExtentHeader& header)
 {
     zu::P<zu::TBuffer<unsigned char>> data = zu::newObj<zu::TBuffer<unsigned char>>();
-    zu::P<zu::CBufferStream> stream = zu::newObj<zu::CBufferStream>(data);
-    zu::CDataOutStream out(stream);
+    zu::CDataOutStream out(zu::newObj<zu::CBufferStream>(data));
     header.store(out);
     return Bytes(data->getData(), data->getData() + data->getUsed());
+}
+
+Bytes roundTrip(const Bytes& image)
+{
+    CVMDKSparseExtentHeader header;
+    load(header, image);
+    return store(header);
 }
 
 zu::CIOError loadFails(const Bytes& image)
@@ -81,7 +84,7 @@ zu::CIOError loadFails(const Bytes& image)
 
 } // namespace
 
-TEST(SparseExtentHeaderTest, fieldsAtWrongOffsetsOrLostPadBreakRoundTrip)
+TEST(SparseExtentHeaderTest, fieldsAtWrongOffsetsLostPadOrIgnoredFlagsBreakRoundTrip)
 {
     // The stores are checked byte for byte in the layout tests; a round trip
     // then also proves every field is read from its own offset.
@@ -90,73 +93,43 @@ TEST(SparseExtentHeaderTest, fieldsAtWrongOffsetsOrLostPadBreakRoundTrip)
     load(header, image);
     EXPECT_FALSE(header.extended);
     EXPECT_EQ(0x0102030405060708, header.capacity);
-    EXPECT_EQ(21, header.rgdOffset);
     EXPECT_EQ(static_cast<long long>(0x8000000000000001ull), header.overHead);
     EXPECT_EQ(0xBEEF, header.compressAlgorithm);
-    EXPECT_EQ(433, header.padding.getUsed());
     EXPECT_EQ(image, store(header));
 
-    // The footer of a stream-optimized file is loaded where the stream stands.
-    Bytes withFooter(1024 + 512, 0xEE);
-    std::copy(image.begin(), image.end(), withFooter.begin() + 1024);
-    CVMDKSparseExtentHeader footer;
-    load(footer, withFooter, 1024);
-    EXPECT_EQ(image, store(footer));
-}
+    // Without bit 1 there is no redundant directory, whatever offset 48 holds.
+    load(header, standardImage(0x1));
+    EXPECT_EQ(0, header.rgdOffset);
+    EXPECT_EQ(0x1122334455, header.gdOffset);
 
-TEST(SparseExtentHeaderTest, flagBitsGateLineEndCheckAndRedundantDirectory)
-{
-    // Without bit 0 any four bytes pass, and the store writes the real ones.
+    // Without bit 0 any four line-end bytes pass, and the store writes the real ones.
     Bytes mangled = standardImage(0x2);
-    mangled[73] = 0x0D, mangled[74] = 0x0A, mangled[75] = 0x0D, mangled[76] = 0x0A;
-    CVMDKSparseExtentHeader header;
-    load(header, mangled);
-    EXPECT_EQ(standardImage(0x2), store(header));
-
+    std::copy_n("\r\n\r\n", 4, &mangled[73]);
+    EXPECT_EQ(standardImage(0x2), roundTrip(mangled));
     // With bit 0 the same bytes are a transfer in text mode.
     zu::storeLE32(&mangled[8], 0x3);
     zu::CIOError e = loadFails(mangled);
     EXPECT_EQ(zu::CIOError::codeInvalidData, e.getCode());
     EXPECT_EQ("VMDK image is corrupted (probably by having been transferred in FTP ASCII mode).", msg(e));
     EXPECT_TRUE(e.getProps().empty());
-
-    // Without bit 1 there is no redundant directory, whatever offset 48 holds.
-    load(header, standardImage(0x1));
-    EXPECT_EQ(0, header.rgdOffset);
-    EXPECT_EQ(0x1122334455, header.gdOffset);
 }
 
 TEST(SparseExtentHeaderTest, extendedHeaderKeyHashAndPadPlacement)
 {
-    const Bytes image = extendedImage(32);
     CVMDKSparseExtentHeader header;
-    load(header, image);
+    load(header, extendedImage(32));
     EXPECT_TRUE(header.extended);
-    EXPECT_EQ(1, header.encAlg);
-    EXPECT_EQ(1, header.encKeyHashAlg);
     ASSERT_EQ(32, header.encKeyHash.getUsed());
-    EXPECT_EQ(0xA0 + 31, header.encKeyHash[31]);
     EXPECT_EQ(395, header.padding.getUsed());
-    EXPECT_EQ(image, store(header));
+    EXPECT_EQ(extendedImage(32), store(header));
 
     // The longest hash that fits leaves no pad; one byte more is refused.
-    load(header, extendedImage(427));
-    EXPECT_EQ(0, header.padding.getUsed());
-    EXPECT_EQ(extendedImage(427), store(header));
+    EXPECT_EQ(extendedImage(427), roundTrip(extendedImage(427)));
     EXPECT_EQ(zu::CIOError::codeInvalidData, loadFails(extendedImage(428)).getCode());
-    EXPECT_EQ(zu::CIOError::codeInvalidData, loadFails(extendedImage(0xFFFF)).getCode());
 
     // A standard header loaded after an extended one gets its full pad back.
     load(header, standardImage(0x3));
     EXPECT_EQ(standardImage(0x3), store(header));
-
-    // A hash too long for the header is refused before anything is written.
-    header.extended = true;
-    header.encKeyHash.setUsedFill(428, 1);
-    zu::P<zu::TBuffer<unsigned char>> written = zu::newObj<zu::TBuffer<unsigned char>>();
-    zu::CDataOutStream out(zu::newObj<zu::CBufferStream>(written));
-    expectThrows<zu::CInvalidArgError>([&] { header.store(out); });
-    EXPECT_EQ(0, written->getUsed());
 }
 
 TEST(SparseExtentHeaderTest, badMagicReportsNumberAndShortHeaderIsEndOfData)
@@ -172,11 +145,8 @@ TEST(SparseExtentHeaderTest, badMagicReportsNumberAndShortHeaderIsEndOfData)
     zu::storeLE32(&image[0], 0xFFFFFFFE);
     EXPECT_EQ("4294967294", loadFails(image).getProp("num").toUTF8());
 
-    Bytes shortImage = standardImage(0x3);
-    shortImage.resize(511);
-    EXPECT_EQ(zu::CIOError::codeEndOfData, loadFails(shortImage).getCode());
-    // An extended header whose key hash runs past the end of the data.
-    Bytes extended = extendedImage(32);
-    extended.resize(100);
-    EXPECT_EQ(zu::CIOError::codeEndOfData, loadFails(extended).getCode());
+    // A header cut short, and an extended one whose key hash runs past the end.
+    const Bytes standard = standardImage(0x3), extended = extendedImage(32);
+    EXPECT_EQ(zu::CIOError::codeEndOfData, loadFails(Bytes(standard.begin(), standard.begin() + 511)).getCode());
+    EXPECT_EQ(zu::CIOError::codeEndOfData, loadFails(Bytes(extended.begin(), extended.begin() + 100)).getCode());
 }

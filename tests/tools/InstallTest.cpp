@@ -13,21 +13,17 @@ namespace {
 const char* const programSource = R"(#include "disk/CVMDKDisk.h"
 #include "base/CLocalFileSystem.h"
 #include <cstdio>
-#include <cstring>
-
-int main(int argc, char** argv)
+int main(int, char** argv)
 {
     zu::P<zu::IFileSystem> fs = zu::newObj<zu::CLocalFileSystem>();
-    zu::CURI uri = zu::CLocalFileSystem::pathToURI(zu::String(argv[argc - 1]));
+    zu::CURI uri = zu::CLocalFileSystem::pathToURI(zu::String(argv[1]));
     kord::CVMDKDisk::CCreateParams params;
     params.capacitySectors = 2048;
-    const char text[] = "installed";
-    kord::CVMDKDisk::create(fs, uri, params)->write(text, sizeof text);
+    kord::CVMDKDisk::create(fs, uri, params)->write("installed", 10);
     kord::CVMDKDisk disk(fs, uri, zu::IIOStream::accessRead, zu::String(), -1, nullptr, nullptr);
-    char back[sizeof text];
-    disk.read(back, sizeof back);
+    char back[10];
+    disk.read(back, 10);
     std::printf("%s %lld\n", back, disk.getDiskSizeBytes());
-    return std::strcmp(back, text) == 0 ? 0 : 1;
 }
 )";
 
@@ -49,10 +45,14 @@ const std::string sanitizeFlags;
 TEST(InstallTest, programBuildsAgainstInstalledPrefix)
 {
     kordtest::TempDir temp;
+    // Runs a command in the test's folder; returns its output.
+    auto sh = [&](const std::string& command) {
+        std::string out;
+        EXPECT_EQ(0, kordtest::runCommand("cd '" + temp.path() + "' && " + command, &out)) << command << "\n" << out;
+        return out;
+    };
     const std::string prefix = temp.file("prefix");
-    std::string out;
-    ASSERT_EQ(0, kordtest::runCommand("cmake --install '" KORD_BINARY_DIR "' --prefix '" + prefix + "'", &out)) << out;
-
+    sh("cmake --install '" KORD_BINARY_DIR "' --prefix '" + prefix + "'");
     std::string pcFile;
     for (const auto& entry : std::filesystem::recursive_directory_iterator(prefix))
         if (entry.path().filename() == "kord.pc") pcFile = entry.path().string();
@@ -60,31 +60,19 @@ TEST(InstallTest, programBuildsAgainstInstalledPrefix)
     const std::string libdir = std::filesystem::path(pcFile).parent_path().parent_path().string();
     EXPECT_TRUE(std::filesystem::exists(prefix + "/include/kord/disk/CVMDKDisk.h"));
     EXPECT_TRUE(std::filesystem::exists(prefix + "/share/man/man1/kord.1"));
-    EXPECT_EQ(0, kordtest::runCommand("'" + prefix + "/bin/kord' --help", &out)) << out;
+    sh("prefix/bin/kord --help");
 
     std::filesystem::create_directories(temp.file("app"));
     std::ofstream(temp.file("app/main.cpp")) << programSource;
     std::ofstream(temp.file("app/CMakeLists.txt")) << cmakeSource;
-
     // find_package(kord)
-    ASSERT_EQ(0, kordtest::runCommand("cmake -S '" + temp.file("app") + "' -B '" + temp.file("app/build") +
-                                          "' -G Ninja -DCMAKE_PREFIX_PATH='" + prefix + "' -DCMAKE_CXX_FLAGS='" +
-                                          sanitizeFlags + "' && cmake --build '" + temp.file("app/build") + "'",
-                                      &out))
-        << out;
-    ASSERT_EQ(0, kordtest::runCommand("'" + temp.file("app/build/app") + "' '" + temp.file("one.vmdk") + "'", &out))
-        << out;
-    EXPECT_EQ("installed 1048576\n", out);
-
+    sh("cmake -S app -B app/build -G Ninja -DCMAKE_PREFIX_PATH='" + prefix + "' -DCMAKE_CXX_FLAGS='" + sanitizeFlags +
+       "' && cmake --build app/build");
+    EXPECT_EQ("installed 1048576\n", sh("app/build/app one.vmdk"));
     // pkg-config, with the prefix found from the .pc file's own place.
-    ASSERT_EQ(0, kordtest::runCommand("PKG_CONFIG_PATH='" + libdir + "/pkgconfig' && export PKG_CONFIG_PATH && c++ " +
-                                          sanitizeFlags + " -std=c++17 '" + temp.file("app/main.cpp") + "' -o '" +
-                                          temp.file("app2") + "' $(pkg-config --cflags --libs kord) -Wl,-rpath,'" +
-                                          libdir + "'",
-                                      &out))
-        << out;
-    ASSERT_EQ(0, kordtest::runCommand("'" + temp.file("app2") + "' '" + temp.file("two.vmdk") + "'", &out)) << out;
-    EXPECT_EQ("installed 1048576\n", out);
+    sh("PKG_CONFIG_PATH='" + libdir + "/pkgconfig' && export PKG_CONFIG_PATH && c++ " + sanitizeFlags +
+       " -std=c++17 app/main.cpp -o app2 $(pkg-config --cflags --libs kord) -Wl,-rpath,'" + libdir + "'");
+    EXPECT_EQ("installed 1048576\n", sh("./app2 two.vmdk"));
 }
 
 } // namespace
