@@ -509,6 +509,31 @@ TEST_F(DiskEdgeTest, preparedGrainsCopyBetweenDisksUnchanged)
     EXPECT_EQ("false", prop(e, "actualCompressed"));
 }
 
+TEST_F(DiskEdgeTest, grainMadeIndependentKeepsParentDataAndContentID)
+{
+    const Bytes data = kordtest::pattern(3 * grainBytes, 11);
+    for (const std::string type : {"streamOptimized", "monolithicSparse"}) {
+        writeAt(*create("base-" + type + ".vmdk", type, 4 * grainSectors), 0, data);
+        create("delta-" + type + ".vmdk", type, 0, "", "base-" + type + ".vmdk");
+        const unsigned before = contentID(path("delta-" + type + ".vmdk"));
+        {
+            zu::P<CVMDKDisk> delta = open("delta-" + type + ".vmdk", RW);
+            EXPECT_TRUE(delta->makeGrainIndependentOfParent(1)) << type;
+            delta->seek(grainBytes);
+            EXPECT_TRUE(delta->isGrainWrittenAndIndependentOfParent()) << type;
+        }
+        // The copy is the parent's grain, stored in the delta; the delta's
+        // contents did not change, so neither did its content ID.
+        EXPECT_EQ(before, contentID(path("delta-" + type + ".vmdk"))) << type;
+        writeAt(*open("base-" + type + ".vmdk", RW), grainBytes, Bytes(grainBytes, 0x5A));
+        editDescriptor(path("delta-" + type + ".vmdk"), [&](kord::CVMDKDescriptor& d) {
+            d.setParentContentID(contentID(path("base-" + type + ".vmdk")));
+        });
+        Bytes expected(data.begin() + grainBytes, data.begin() + 2 * grainBytes);
+        EXPECT_TRUE(readAt(*open("delta-" + type + ".vmdk", R), grainBytes, grainBytes) == expected) << type;
+    }
+}
+
 TEST_F(DiskEdgeTest, newDisksDescribeThemselvesAsOtherToolsDo)
 {
     for (const auto& [adapter, capacity, heads] : std::vector<std::tuple<std::string, long long, long long>>{
