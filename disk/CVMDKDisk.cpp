@@ -235,6 +235,7 @@ void CVMDKDisk::buildExtentMap()
             throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK disk names the same extent file twice.",
                                mainProps().set("fileName", info->fileName));
         if (firstExtentURI.isEmpty()) firstExtentURI = uri;
+        extentStartSectors.push_back(start);
         // A line of size 0 maps no position; in the map it would compare
         // equal to its neighbours' ranges.
         if (info->sizeSectors > 0) extents[CExtentKey{start, info->sizeSectors}] = CExtentValue{uri, -1};
@@ -266,8 +267,7 @@ zu::CURI CVMDKDisk::getExtentURI(int index) const
 
 long long CVMDKDisk::getExtentStartGrainIndex(int index) const
 {
-    long long start = 0;
-    for (int i = 0; i < index; ++i) start += extentInfos.at(static_cast<size_t>(i))->sizeSectors;
+    long long start = extentStartSectors.at(static_cast<size_t>(index));
     return (start + grainSizeSectors - 1) / grainSizeSectors;
 }
 

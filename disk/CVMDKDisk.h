@@ -191,6 +191,8 @@ private:
     zu::P<CVMDKParentDiskDataProvider> parentDataProvider;
     zu::P<CVMDKDescriptor> descriptor;
     zu::TArray<zu::P<CVMDKExtentInfo>> extentInfos;
+    // First sector of each extent line in the disk, in file order.
+    std::vector<long long> extentStartSectors;
     zu::TMap<CExtentKey, CExtentValue> extents;
     long long diskSizeSectors = 0;
     long long diskSizeBytes = 0;

@@ -116,17 +116,18 @@ void CVMDKParentDiskDataProvider::getPreparedGrainData(long long position, zu::T
         return;
     }
     if (!dataPreparer) dataPreparer = parentDisk->createDataPreparer();
-    zu::P<zu::TBuffer<unsigned char>> plain = zu::newObj<zu::TBuffer<unsigned char>>();
-    plain->setUsedFill(grainSizeBytes, 0);
-    if (position < parentDiskSize) {
-        getData(position, plain->getData(), grainSizeBytes);
-    } else if (preparedZeroGrain) {
+    long long grainIndex = position / grainSizeBytes;
+    if (position >= parentDiskSize && preparedZeroGrain) {
         preparedData.assign(preparedZeroGrain->getData(), preparedZeroGrain->getUsed());
-        dataPreparer->patchGrainIndexInPreparedGrainData(preparedData, position / grainSizeBytes);
+        dataPreparer->patchGrainIndexInPreparedGrainData(preparedData, grainIndex);
         return;
     }
+    zu::P<zu::TBuffer<unsigned char>> plain = zu::newObj<zu::TBuffer<unsigned char>>();
+    plain->setUsedFill(grainSizeBytes, 0);
+    if (position < parentDiskSize) getData(position, plain->getData(), grainSizeBytes);
     zu::P<zu::TBuffer<unsigned char>> aux = zu::newObj<zu::TBuffer<unsigned char>>();
-    zu::P<zu::TBuffer<unsigned char>> prepared = dataPreparer->prepareGrainData(plain, position / grainSizeBytes, aux);
+    zu::P<zu::TBuffer<unsigned char>> prepared = dataPreparer->prepareGrainData(plain, grainIndex, aux);
+    // Past the parent's end every grain is the same zero grain but for its index.
     if (position >= parentDiskSize) preparedZeroGrain = prepared;
     preparedData.assign(prepared->getData(), prepared->getUsed());
 }

@@ -438,7 +438,6 @@ long long CVMDKGrain::makeIndependentOfParent()
     if (!fallback) return 0;
     long long result = grainSize;
     if (posSectors <= 0 && !dirty) {
-        zu::TBuffer<unsigned char> parentGrain;
         fallback->getPreparedGrainData(diskGrainIndex * grainSize, parentGrain, static_cast<int>(grainSize), compressed);
         writePreparedGrainData(parentGrain);
         result = parentGrain.getUsed();

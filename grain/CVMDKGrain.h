@@ -115,6 +115,8 @@ private:
     bool preparedLoaded = false;
     zu::TBuffer<unsigned char> work;
     zu::TBuffer<unsigned char> grainIV;
+    // The parent's grain in prepared form, being copied into this extent.
+    zu::TBuffer<unsigned char> parentGrain;
     zu::P<zu::TBuffer<unsigned char>> zeroGrainPrepared;
     bool dirty = false;
     long long maxCompressedSlotSectors;
