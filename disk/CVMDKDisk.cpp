@@ -53,6 +53,12 @@ CVMDKDisk::CVMDKDisk(zu::IFileSystem* fileSystem, const zu::CURI& uri, int acces
     construct(password, grainTableCache, parentDisk, childChain);
 }
 
+zu::P<CVMDKDisk> CVMDKDisk::openAny(zu::IFileSystem* fileSystem, const zu::CURI& uri, int access,
+                                   const zu::String& password)
+{
+    return zu::newObj<CVMDKDisk>(fileSystem, uri, access, password, -1, nullptr, nullptr);
+}
+
 CVMDKDisk::~CVMDKDisk()
 {
     try {

@@ -85,6 +85,12 @@ public:
     // Flushes; never throws (failures are reported through zu's destructor hook).
     ~CVMDKDisk() override;
 
+    // Opens any VMDK disk, whichever tool made it: the entry point for
+    // callers that do not know the variant. Takes the same arguments as the
+    // constructor (default compression, its own grain table cache).
+    static zu::P<CVMDKDisk> openAny(zu::IFileSystem* fileSystem, const zu::CURI& uri, int access,
+                                    const zu::String& password);
+
     // Makes a new disk and returns it open read-write. Refuses to create
     // over an existing file; a creation that fails part-way leaves no file.
     static zu::P<CVMDKDisk> create(zu::IFileSystem* fileSystem, const zu::CURI& uri, const CCreateParams& params);
