@@ -135,6 +135,22 @@ void CLocalFileSystem::deleteFile(const CURI& uri, bool ignoreMissing)
     throw CLocalFileStream::makeError(errno, "Cannot delete the file", uri);
 }
 
+void CLocalFileSystem::renameFile(const CURI& from, const CURI& to)
+{
+    std::string toPath = uriToPath(to).toUTF8();
+    if (::rename(uriToPath(from).toUTF8().c_str(), toPath.c_str()) != 0)
+        throw CLocalFileStream::makeError(errno, "Cannot rename the file", from);
+    // The rename is a change of the folder: it lasts a power loss once the
+    // folder itself is synced.
+    std::string folder = toPath.substr(0, toPath.find_last_of('/') + 1);
+    int fd = ::open(folder.empty() ? "." : folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) throw CLocalFileStream::makeError(errno, "Cannot sync the folder of the file", to);
+    int result = ::fsync(fd);
+    int error = errno;
+    ::close(fd);
+    if (result != 0) throw CLocalFileStream::makeError(error, "Cannot sync the folder of the file", to);
+}
+
 P<IBase> CLocalFileSystem::lockFile(const CURI& uri, IStreamBase::LockType type, bool wait, bool removeOnRelease)
 {
     std::string path = uriToPath(uri).toUTF8();

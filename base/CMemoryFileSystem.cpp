@@ -332,6 +332,20 @@ void CMemoryFileSystem::deleteFile(const CURI& uri, bool ignoreMissing)
     files.erase(it);
 }
 
+void CMemoryFileSystem::renameFile(const CURI& from, const CURI& to)
+{
+    CMutexLock lock(mutex);
+    auto it = files.find(key(from));
+    if (it == files.end())
+        throw CFileSystemError(CFileSystemError::problemNotFound, "Cannot rename the file: no such file.", uriProps(from));
+    if (readOnly)
+        throw CFileSystemError(CFileSystemError::problemAccessDenied,
+                               "Cannot rename the file: the file system is read-only.", uriProps(from));
+    P<CFile> file = it->second;
+    files.erase(it);
+    files[key(to)] = file;
+}
+
 P<IBase> CMemoryFileSystem::lockFile(const CURI& uri, IStreamBase::LockType type, bool wait, bool removeOnRelease)
 {
     String fileKey = key(uri);

@@ -20,6 +20,7 @@ public:
     bool exists(const CURI& uri) override;
     long long getFileSize(const CURI& uri) override;
     void deleteFile(const CURI& uri, bool ignoreMissing) override;
+    void renameFile(const CURI& from, const CURI& to) override;
     P<IBase> lockFile(const CURI& uri, IStreamBase::LockType type, bool wait, bool removeOnRelease) override;
 
     // Direct access to a file's bytes for tests (null when missing).

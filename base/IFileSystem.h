@@ -23,6 +23,12 @@ public:
     virtual long long getFileSize(const CURI& uri) = 0;
     // Deletes the file. With ignoreMissing a missing file is not an error.
     virtual void deleteFile(const CURI& uri, bool ignoreMissing) = 0;
+    // Gives the file `from` the name `to`, replacing a file of that name in
+    // one step: anyone opening `to` finds the old file or the new one, never
+    // neither. Both names must be in the same folder. The new name is
+    // durable when this returns. CFileSystemError problemNotFound when
+    // `from` is missing.
+    virtual void renameFile(const CURI& from, const CURI& to) = 0;
     // Takes an advisory lock on the file (created when missing) and returns
     // the handle that holds it: the lock lasts until the handle's last
     // reference goes. Locks held by a process that died are gone with it.

@@ -80,6 +80,23 @@ TEST_P(FileSystemTest, positionalReadWriteAndShortRead)
     EXPECT_EQ(expectThrows<CIOError>([&] { s->write("x", 1); }).getCode(), CIOError::codeClosed);
 }
 
+TEST_P(FileSystemTest, renameReplacesInOneStep)
+{
+    CURI from = uri("new.tmp");
+    CURI to = uri("desc.vmdk");
+    open(fs, to, IIOStream::accessCreateNew)->write("old", 3);
+    P<IIOStream> reader = open(fs, to, IIOStream::accessRead);
+    open(fs, from, IIOStream::accessCreateNew)->write("new!", 4);
+    fs->renameFile(from, to);
+    EXPECT_FALSE(fs->exists(from));
+    EXPECT_EQ(kordtest::readAll(fs, to), std::vector<unsigned char>({'n', 'e', 'w', '!'}));
+    // A stream opened before keeps the file it opened.
+    EXPECT_EQ(reader->getLength(), 3);
+    auto missing = expectThrows<CFileSystemError>([&] { fs->renameFile(from, to); });
+    EXPECT_EQ(missing.getProblem(), CFileSystemError::problemNotFound);
+    EXPECT_EQ(missing.getProp("uri"), from.toString(true));
+}
+
 TEST_P(FileSystemTest, lockFileConflictsAndRemoval)
 {
     CURI lock = uri("disk.vmdk.lock");
