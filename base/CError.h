@@ -91,6 +91,8 @@ public:
         problemLocked = 7,
         problemInvalidName = 8,
         problemIO = 9,
+        // A FIFO, socket, device or directory where a regular file is needed.
+        problemNotRegularFile = 10,
     };
     CFileSystemError(int problem, const String& message, const CProps& props = CProps(),
                      const std::exception* inner = nullptr);

@@ -51,6 +51,15 @@ int problemFromErrno(int errorNumber)
     }
 }
 
+const char* fileTypeName(mode_t mode)
+{
+    if (S_ISFIFO(mode)) return "a FIFO";
+    if (S_ISSOCK(mode)) return "a socket";
+    if (S_ISCHR(mode)) return "a character device";
+    if (S_ISBLK(mode)) return "a block device";
+    return "a special file";
+}
+
 String osErrorText(int errorNumber)
 {
     char text[256];
@@ -80,21 +89,38 @@ CFileSystemError CLocalFileStream::makeError(int errorNumber, const String& acti
                             CProps().set("uri", uri.toString(true)).set("osError", errorNumber));
 }
 
-CLocalFileStream::CLocalFileStream(const CURI& uri, int access) : uri(uri), access(access)
+CLocalFileStream::CLocalFileStream(const CURI& uri, int access, bool allowBlockDevice) : uri(uri), access(access)
 {
-    int flags = openFlags(access, uri);
+    // Non-blocking, so that opening a FIFO returns at once and can be refused.
+    int flags = openFlags(access, uri) | O_NONBLOCK;
     std::string path = CLocalFileSystem::uriToPath(uri).toUTF8();
     do {
         fd = ::open(path.c_str(), flags, 0666);
     } while (fd < 0 && errno == EINTR);
     if (fd < 0) throw makeError(errno, "Cannot open the file", uri);
-    // A directory opens for reading; refuse it here rather than at the first read.
-    struct stat info;
-    if (::fstat(fd, &info) == 0 && S_ISDIR(info.st_mode)) {
+    try {
+        verifyRegularFile(fd, uri, allowBlockDevice);
+    } catch (...) {
         ::close(fd);
         fd = -1;
-        throw makeError(EISDIR, "Cannot open the file", uri);
+        throw;
     }
+}
+
+void CLocalFileStream::verifyRegularFile(int fd, const CURI& uri, bool allowBlockDevice)
+{
+    struct stat info;
+    if (::fstat(fd, &info) < 0) throw makeError(errno, "Cannot examine the file", uri);
+    if (S_ISDIR(info.st_mode)) throw makeError(EISDIR, "Cannot open the file", uri);
+    if (!S_ISREG(info.st_mode) && !(allowBlockDevice && S_ISBLK(info.st_mode)))
+        throw CFileSystemError(CFileSystemError::problemNotRegularFile,
+                               "Cannot open the file: it is " + String(fileTypeName(info.st_mode)) +
+                                   ", not a regular file.",
+                               CProps().set("uri", uri.toString(true)));
+    // Reads and writes of files and devices wait for the data as usual.
+    int fileFlags = ::fcntl(fd, F_GETFL);
+    if (fileFlags < 0 || ::fcntl(fd, F_SETFL, fileFlags & ~O_NONBLOCK) < 0)
+        throw makeError(errno, "Cannot open the file", uri);
 }
 
 CLocalFileStream::~CLocalFileStream()

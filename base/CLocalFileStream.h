@@ -12,8 +12,11 @@ class CLocalFileStream : public CBase, public IIOStream, public IAlignedStreamBa
 public:
     // Opens the file of a "file" URI. `access` holds IIOStream::AccessBits:
     // read and/or write, create when missing, fail when it exists (with
-    // create). Throws CFileSystemError with the problem the OS reported.
-    CLocalFileStream(const CURI& uri, int access);
+    // create). Only regular files open (and block devices when allowed);
+    // anything else is refused without blocking, even a FIFO that nobody
+    // writes to. Throws CFileSystemError with the problem the OS reported,
+    // or problemNotRegularFile.
+    CLocalFileStream(const CURI& uri, int access, bool allowBlockDevice = false);
     ~CLocalFileStream() override;
 
     void read(void* data, int bytes) override;
@@ -45,6 +48,11 @@ public:
     // for, a message of `action` and the OS text, properties "uri" and
     // "osError".
     static CFileSystemError makeError(int errorNumber, const String& action, const CURI& uri);
+
+    // Refuses what `fd`, opened with O_NONBLOCK, names unless it is a regular
+    // file (or an allowed block device), then makes it blocking again:
+    // CFileSystemError problemNotRegularFile or problemIsDirectory.
+    static void verifyRegularFile(int fd, const CURI& uri, bool allowBlockDevice);
 
 private:
     void checkOpen() const;

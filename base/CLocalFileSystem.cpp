@@ -34,17 +34,24 @@ bool lockWholeFile(int fd, short lockType, bool wait, const CURI& uri)
 
 int openLockFile(const std::string& path, IStreamBase::LockType type, const CURI& uri)
 {
+    // Non-blocking: a FIFO in the lock file's place is refused, not waited on.
     int fd;
     do {
-        fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
+        fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NONBLOCK, 0666);
     } while (fd < 0 && errno == EINTR);
     // A reader on a read-only medium can still share an existing lock file.
     if (fd < 0 && type == IStreamBase::lockShared && (errno == EACCES || errno == EROFS || errno == EPERM)) {
         do {
-            fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+            fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
         } while (fd < 0 && errno == EINTR);
     }
     if (fd < 0) throw CLocalFileStream::makeError(errno, "Cannot open the lock file", uri);
+    try {
+        CLocalFileStream::verifyRegularFile(fd, uri, false);
+    } catch (...) {
+        ::close(fd);
+        throw;
+    }
     return fd;
 }
 
@@ -108,9 +115,9 @@ private:
     bool removeOnRelease;
 };
 
-P<IIOStream> CLocalFileSystem::openStream(const CURI& uri, int access, const CProps&)
+P<IIOStream> CLocalFileSystem::openStream(const CURI& uri, int access, const CProps& options)
 {
-    return newObj<CLocalFileStream>(uri, access);
+    return newObj<CLocalFileStream>(uri, access, options.get(optionAllowBlockDevice) == String("true"));
 }
 
 bool CLocalFileSystem::exists(const CURI& uri)
@@ -119,6 +126,13 @@ bool CLocalFileSystem::exists(const CURI& uri)
     if (::stat(uriToPath(uri).toUTF8().c_str(), &info) == 0) return true;
     if (errno == ENOENT || errno == ENOTDIR) return false;
     throw CLocalFileStream::makeError(errno, "Cannot examine the file", uri);
+}
+
+String CLocalFileSystem::getFileIdentity(const CURI& uri)
+{
+    struct stat info = statPath(uri, "Cannot examine the file");
+    return toString(static_cast<unsigned long long>(info.st_dev)) + ":" +
+           toString(static_cast<unsigned long long>(info.st_ino));
 }
 
 long long CLocalFileSystem::getFileSize(const CURI& uri)

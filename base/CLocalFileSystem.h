@@ -11,6 +11,8 @@ class CLocalFileSystem : public CBase, public IFileSystem {
 public:
     P<IIOStream> openStream(const CURI& uri, int access, const CProps& options) override;
     bool exists(const CURI& uri) override;
+    // The device and inode numbers: symbolic and hard links name the same file.
+    String getFileIdentity(const CURI& uri) override;
     long long getFileSize(const CURI& uri) override;
     void deleteFile(const CURI& uri, bool ignoreMissing) override;
     void renameFile(const CURI& from, const CURI& to) override;

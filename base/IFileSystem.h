@@ -12,13 +12,23 @@ namespace zu {
 
 class IFileSystem : public virtual IBase {
 public:
+    // Option of openStream: "true" lets a block device open where a
+    // regular file is expected (a disk may use one as a flat extent).
+    static constexpr const char* optionAllowBlockDevice = "allowBlockDevice";
+
     // Opens a stream on the file. Access is an IIOStream::Access value.
-    // Options are implementation-specific; the libraries pass none.
-    // A missing file (without the create bit) throws CFileSystemError
-    // problemNotFound; an existing one with accessCreateNew throws
-    // problemAlreadyExists.
+    // Only regular files open (block devices too with
+    // optionAllowBlockDevice); FIFOs, sockets, devices and directories throw
+    // CFileSystemError problemNotRegularFile (or problemIsDirectory) at
+    // once, without waiting for a writer. A missing file (without the
+    // create bit) throws CFileSystemError problemNotFound; an existing one
+    // with accessCreateNew throws problemAlreadyExists.
     virtual P<IIOStream> openStream(const CURI& uri, int access, const CProps& options) = 0;
     virtual bool exists(const CURI& uri) = 0;
+    // A text that is equal for two URIs exactly when they name the same
+    // file, also through links. The file must exist. Without links in
+    // the file system, the normalised URI serves.
+    virtual String getFileIdentity(const CURI& uri) { return uri.toNormalized().toString(true); }
     // Size in bytes; CFileSystemError problemNotFound when missing.
     virtual long long getFileSize(const CURI& uri) = 0;
     // Deletes the file. With ignoreMissing a missing file is not an error.
