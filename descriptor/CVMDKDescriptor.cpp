@@ -1,6 +1,7 @@
 #include "descriptor/CVMDKDescriptor.h"
 
 #include "base/CError.h"
+#include "base/CIOError.h"
 #include "base/Parse.h"
 #include "format/VMDKMarker.h"
 
@@ -28,6 +29,10 @@ const char* const keyEncEncKey = "zuEncEncKey";
 const char* const keyEncKeyHash = "zuEncKeyHash";
 const char* const keyEncKeyDerivSalt = "zuEncKeyDerivSalt";
 const char* const keyEncoding = "encoding";
+
+long long parseDecimal(const zu::String& text) { return zu::parseInt64(text, false); }
+
+zu::TBuffer<unsigned char> parseHexBytes(const zu::String& text) { return zu::hexDecode(text); }
 
 zu::String trimmed(const zu::String& text)
 {
@@ -147,8 +152,28 @@ bool CVMDKDescriptor::tryGetValue(const zu::String& name, zu::String& value) con
 zu::String CVMDKDescriptor::getValue(const zu::String& name) const
 {
     CNameValueEntry* entry = findEntry(name);
-    if (!entry) throw zu::CError("VMDK descriptor value '" + name + "' not found.");
+    if (!entry) throw zu::CError("VMDK descriptor value '" + name + "' not found.", zu::String(), -1, sourceProps());
     return entry->value;
+}
+
+zu::CProps CVMDKDescriptor::sourceProps() const
+{
+    zu::CProps props;
+    if (!sourceURI.isEmpty()) props.set("uri", sourceURI.toString(true));
+    return props;
+}
+
+template <class Parse>
+auto CVMDKDescriptor::parsed(const char* name, const zu::String& value, const char* expected, Parse parse) const
+    -> decltype(parse(value))
+{
+    try {
+        return parse(value);
+    } catch (const zu::CError& e) {
+        throw zu::CIOError(zu::CIOError::codeInvalidData,
+                           "VMDK descriptor value '" + zu::String(name) + "' is not " + expected + ": '" + value + "'.",
+                           sourceProps().set("key", name).set("value", value), &e);
+    }
 }
 
 void CVMDKDescriptor::setValue(const zu::String& name, const zu::String& value, bool quoted, bool atHeader)
@@ -209,9 +234,16 @@ void CVMDKDescriptor::store(zu::IOutStream& stream, int targetSize, const zu::TB
     setEncodingUTF8();
     std::string text = toString().toUTF8();
     long long actual = static_cast<long long>(text.size());
+    // A descriptor that has grown past the room the file gives it (a text
+    // file keeps its size, an embedded area its sectors).
     if (actual > targetSize)
-        throw zu::CError("Internal error: actual VMDK descriptor size exceeds target size (actual size: " +
-                         zu::toString(actual) + ", target size: " + zu::toString(targetSize));
+        throw zu::CIOError(zu::CIOError::codeInvalidData,
+                           "VMDK descriptor is larger than the room for it in the file (descriptor size: " +
+                               zu::toString(actual) + " bytes, room: " + zu::toString(targetSize) + " bytes).",
+                           zu::CProps()
+                               .set("uri", stream.getURI().toString(true))
+                               .set("descriptorSize", actual)
+                               .set("areaSize", targetSize));
     long long pad = targetSize - actual;
     if (pad > padBuffer.getUsed())
         throw zu::CError("Internal error: pad buffer too small (size: " + zu::toString(padBuffer.getUsed()) +
@@ -223,17 +255,20 @@ void CVMDKDescriptor::store(zu::IOutStream& stream, int targetSize, const zu::TB
 int CVMDKDescriptor::getVersion() const
 {
     // Checked before narrowing: "version=4294967297" must not read as version 1.
-    zu::String text = getValue(keyVersion);
-    long long version = zu::parseInt64(text, false);
-    if (version < INT_MIN || version > INT_MAX)
-        throw zu::CInvalidArgError("kord::CVMDKDescriptor::getVersion", "'" + text + "' is out of range");
-    return static_cast<int>(version);
+    return parsed(keyVersion, getValue(keyVersion), "a 32-bit decimal number", [](const zu::String& text) {
+        long long version = zu::parseInt64(text, false);
+        if (version < INT_MIN || version > INT_MAX)
+            throw zu::CInvalidArgError("kord::CVMDKDescriptor::getVersion", "'" + text + "' is out of range");
+        return static_cast<int>(version);
+    });
 }
 void CVMDKDescriptor::setVersion(int version) { setValue(keyVersion, zu::toString(version), false, true); }
 
 unsigned CVMDKDescriptor::getContentID() const
 {
-    return static_cast<unsigned>(zu::parseHexInt64(getValue(keyContentID), false) & 0xFFFFFFFF);
+    return parsed(keyContentID, getValue(keyContentID), "a hexadecimal number", [](const zu::String& text) {
+        return static_cast<unsigned>(zu::parseHexInt64(text, false) & 0xFFFFFFFF);
+    });
 }
 void CVMDKDescriptor::setContentID(unsigned contentID)
 {
@@ -244,7 +279,9 @@ unsigned CVMDKDescriptor::getParentContentID() const
 {
     zu::String value;
     if (!tryGetValue(keyParentContentID, value)) return 0xFFFFFFFFu;
-    return static_cast<unsigned>(zu::parseHexInt64(value, true) & 0xFFFFFFFF);
+    return parsed(keyParentContentID, value, "a hexadecimal number", [](const zu::String& text) {
+        return static_cast<unsigned>(zu::parseHexInt64(text, true) & 0xFFFFFFFF);
+    });
 }
 void CVMDKDescriptor::setParentContentID(unsigned contentID)
 {
@@ -267,11 +304,17 @@ void CVMDKDescriptor::setParentFileNameHint(const zu::String& hint)
 zu::String CVMDKDescriptor::getAdapterType() const { return getValue(keyAdapterType); }
 void CVMDKDescriptor::setAdapterType(const zu::String& type) { setValue(keyAdapterType, type, true, false); }
 
-long long CVMDKDescriptor::getGeometrySectors() const { return zu::parseInt64(getValue(keyGeometrySectors), false); }
-long long CVMDKDescriptor::getGeometryHeads() const { return zu::parseInt64(getValue(keyGeometryHeads), false); }
+long long CVMDKDescriptor::getGeometrySectors() const
+{
+    return parsed(keyGeometrySectors, getValue(keyGeometrySectors), "a decimal number", parseDecimal);
+}
+long long CVMDKDescriptor::getGeometryHeads() const
+{
+    return parsed(keyGeometryHeads, getValue(keyGeometryHeads), "a decimal number", parseDecimal);
+}
 long long CVMDKDescriptor::getGeometryCylinders() const
 {
-    return zu::parseInt64(getValue(keyGeometryCylinders), false);
+    return parsed(keyGeometryCylinders, getValue(keyGeometryCylinders), "a decimal number", parseDecimal);
 }
 void CVMDKDescriptor::setGeometrySectors(long long sectors)
 {
@@ -286,7 +329,8 @@ void CVMDKDescriptor::setGeometryCylinders(long long cylinders)
 bool CVMDKDescriptor::getZuCreateExtentFilesOnDemand() const
 {
     zu::String value;
-    return tryGetValue(keyOnDemand, value) && zu::parseBool(value);
+    return tryGetValue(keyOnDemand, value) &&
+           parsed(keyOnDemand, value, "a boolean", [](const zu::String& text) { return zu::parseBool(text); });
 }
 void CVMDKDescriptor::setZuCreateExtentFilesOnDemand(bool onDemand)
 {
@@ -313,7 +357,10 @@ void CVMDKDescriptor::setZuEncryptionKeyDerivationAlgorithm(const zu::String& na
     setValue(keyEncKeyDerivAlg, name, false, true);
 }
 
-zu::TBuffer<unsigned char> CVMDKDescriptor::getZuEncryptionIV() const { return zu::hexDecode(getValue(keyEncIV)); }
+zu::TBuffer<unsigned char> CVMDKDescriptor::getZuEncryptionIV() const
+{
+    return parsed(keyEncIV, getValue(keyEncIV), "hexadecimal bytes", parseHexBytes);
+}
 void CVMDKDescriptor::setZuEncryptionIV(const zu::TBuffer<unsigned char>& iv)
 {
     setValue(keyEncIV, zu::hexEncode(iv), false, true);
@@ -321,7 +368,7 @@ void CVMDKDescriptor::setZuEncryptionIV(const zu::TBuffer<unsigned char>& iv)
 
 zu::TBuffer<unsigned char> CVMDKDescriptor::getZuEncryptedEncryptionKey() const
 {
-    return zu::hexDecode(getValue(keyEncEncKey));
+    return parsed(keyEncEncKey, getValue(keyEncEncKey), "hexadecimal bytes", parseHexBytes);
 }
 void CVMDKDescriptor::setZuEncryptedEncryptionKey(const zu::TBuffer<unsigned char>& key)
 {
@@ -330,7 +377,7 @@ void CVMDKDescriptor::setZuEncryptedEncryptionKey(const zu::TBuffer<unsigned cha
 
 zu::TBuffer<unsigned char> CVMDKDescriptor::getZuEncryptionKeyHash() const
 {
-    return zu::hexDecode(getValue(keyEncKeyHash));
+    return parsed(keyEncKeyHash, getValue(keyEncKeyHash), "hexadecimal bytes", parseHexBytes);
 }
 void CVMDKDescriptor::setZuEncryptionKeyHash(const zu::TBuffer<unsigned char>& hash)
 {
@@ -339,7 +386,7 @@ void CVMDKDescriptor::setZuEncryptionKeyHash(const zu::TBuffer<unsigned char>& h
 
 zu::TBuffer<unsigned char> CVMDKDescriptor::getZuEncryptionKeyDerivationSalt() const
 {
-    return zu::hexDecode(getValue(keyEncKeyDerivSalt));
+    return parsed(keyEncKeyDerivSalt, getValue(keyEncKeyDerivSalt), "hexadecimal bytes", parseHexBytes);
 }
 void CVMDKDescriptor::setZuEncryptionKeyDerivationSalt(const zu::TBuffer<unsigned char>& salt)
 {

@@ -54,10 +54,18 @@ public:
     // descriptor to itself leaves it empty.
     CVMDKDescriptor& operator=(const CVMDKDescriptor& other);
 
+    // The file the descriptor was read from, named ("uri") in the errors
+    // of the typed getters; empty for a descriptor made in memory.
+    void setSourceURI(const zu::CURI& uri) { sourceURI = uri; }
+    const zu::CURI& getSourceURI() const { return sourceURI; }
+
     bool hasValue(const zu::String& name) const;
     bool tryGetValue(const zu::String& name, zu::String& value) const;
     // Throws zu::CError "VMDK descriptor value '<name>' not found." when absent.
     zu::String getValue(const zu::String& name) const;
+
+    // The typed getters below throw zu::CIOError code 5 naming the key and
+    // the file when a value does not parse as its type.
     // Changes the first entry of that name (keeping its spelling and its
     // quoting), or adds a new one: at the header position when atHeader,
     // else at the end.
@@ -71,7 +79,8 @@ public:
     // Every line followed by "\n".
     zu::String toString() const;
     // Sets "encoding" to UTF-8, then writes the UTF-8 text and zero padding
-    // from padBuffer, exactly targetSize bytes.
+    // from padBuffer, exactly targetSize bytes. A text longer than that is
+    // zu::CIOError code 5 naming the stream's file, and nothing is written.
     void store(zu::IOutStream& stream, int targetSize, const zu::TBuffer<unsigned char>& padBuffer) override;
 
     int getEntryCount() const { return static_cast<int>(entries.size()); }
@@ -121,9 +130,16 @@ public:
 private:
     CNameValueEntry* findEntry(const zu::String& name) const;
     void parse(const zu::String& text);
+    zu::CProps sourceProps() const;
+    // parse(value), with a value it refuses reported as damage in the file:
+    // "VMDK descriptor value '<name>' is not <expected>: '<value>'."
+    template <class Parse>
+    auto parsed(const char* name, const zu::String& value, const char* expected, Parse parse) const
+        -> decltype(parse(value));
 
     std::vector<zu::P<CVMDKDescriptorEntry>> entries;
     int headerInsertIndex = 0;
+    zu::CURI sourceURI;
 };
 
 } // namespace kord

@@ -9,7 +9,9 @@
 #include "format/CVMDKSparseExtentHeader.h"
 #include "format/VMDKMarker.h"
 
+#include <algorithm>
 #include <climits>
+#include <cstring>
 
 namespace kord {
 
@@ -59,20 +61,42 @@ CVMDKDescriptorAccessor::CVMDKDescriptorAccessor(zu::IIOStream* stream, int acce
 {
     CPositionKeeper keeper(stream);
     locate();
-    zu::TBuffer<unsigned char> text(areaSize);
-    stream->seek(descriptorStart);
-    if (areaSize > 0) stream->read(text.getData(), static_cast<int>(areaSize));
+    zu::TBuffer<unsigned char> text = readText();
     checkLineCount(text);
     descriptor = zu::newObj<CVMDKDescriptor>(text);
+    descriptor->setSourceURI(stream->getURI());
 }
 
-// Every line becomes an object in memory: a descriptor of millions of empty
-// lines would take a hundred times its size.
+// The text up to the first zero byte (the rest of an area is padding),
+// read no further than one byte past the text limit.
+zu::TBuffer<unsigned char> CVMDKDescriptorAccessor::readText() const
+{
+    long long wanted = std::min(areaSize, maxDescriptorTextBytes + 1);
+    zu::TBuffer<unsigned char> text(wanted);
+    stream->seek(descriptorStart);
+    if (wanted > 0) stream->read(text.getData(), static_cast<int>(wanted));
+    const unsigned char* bytes = text.getData();
+    const void* end = wanted > 0 ? std::memchr(bytes, 0, static_cast<size_t>(wanted)) : nullptr;
+    long long length = end ? static_cast<const unsigned char*>(end) - bytes : wanted;
+    if (length > maxDescriptorTextBytes)
+        throw zu::CIOError(zu::CIOError::codeInvalidData,
+                           "VMDK descriptor text is too big (more than " + zu::toString(maxDescriptorTextBytes) +
+                               " bytes).",
+                           zu::CProps()
+                               .set("uri", uriText(stream))
+                               .set("areaSize", areaSize)
+                               .set("maxSize", maxDescriptorTextBytes));
+    text.setUsed(length);
+    return text;
+}
+
+// Every line becomes an object in memory: a descriptor of many short lines
+// would take a hundred times its size.
 void CVMDKDescriptorAccessor::checkLineCount(const zu::TBuffer<unsigned char>& text) const
 {
     const unsigned char* bytes = text.getData();
     long long lines = 0;
-    for (long long i = 0; i < text.getUsed() && bytes[i] != 0; ++i)
+    for (long long i = 0; i < text.getUsed(); ++i)
         if (bytes[i] == '\n') ++lines;
     if (lines > maxDescriptorLines)
         throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK descriptor has too many lines.",

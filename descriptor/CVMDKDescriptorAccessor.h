@@ -14,16 +14,21 @@ namespace kord {
 
 class CVMDKDescriptorAccessor : public zu::CBase {
 public:
-    // Descriptors larger than this are refused (5 MiB).
+    // Descriptor areas larger than this are refused (5 MiB).
     static constexpr long long maxDescriptorBytes = 0x500000;
-    // And those of more lines than this (far more than 65,536 extent lines
-    // and the usual keys need).
-    static constexpr long long maxDescriptorLines = 1 << 20;
+    // The text in the area (up to the first zero byte) is refused beyond
+    // these: real descriptors have a few hundred lines, and a line costs
+    // far more in memory than in the file. The limits are checked before
+    // the text is parsed, and the text is read only this far, so a hostile
+    // descriptor costs at most about 1 MiB to refuse.
+    static constexpr long long maxDescriptorTextBytes = 1 << 20;
+    static constexpr long long maxDescriptorLines = 8192;
 
     // Locates and loads the descriptor; the stream position is unchanged.
     // Throws zu::CIOError code 6 for an unsupported header version, code 5
     // when a sparse file has no descriptor, its area is invalid or lies past
-    // the end of the file, or the descriptor is too big.
+    // the end of the file, or the descriptor is too big or has too many
+    // lines.
     CVMDKDescriptorAccessor(zu::IIOStream* stream, int access);
 
     // The loaded descriptor; change it there and call storeDescriptor.
@@ -41,6 +46,7 @@ public:
 
 private:
     void locate();
+    zu::TBuffer<unsigned char> readText() const;
     void checkLineCount(const zu::TBuffer<unsigned char>& text) const;
 
     zu::P<zu::IIOStream> stream;

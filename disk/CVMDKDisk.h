@@ -71,8 +71,10 @@ public:
     static constexpr long long maxSplitExtentSectors = 4192256;
     // Sectors of the descriptor area embedded in a new single-file disk.
     static constexpr long long embeddedDescriptorSectors = 20;
-    // Limits on what a descriptor may ask for.
-    static constexpr int maxExtentLines = 65536;
+    // Limits on what a descriptor may ask for. 8000 extent lines of a split
+    // disk hold about 16 TiB and, with the usual keys, stay below the
+    // descriptor's line limit.
+    static constexpr int maxExtentLines = 8000;
     static constexpr long long maxKeyDerivationIterations = 10000000;
 
     // Opens an existing disk. access is zu::IIOStream::accessRead or
@@ -154,6 +156,9 @@ public:
     // The extent lines in file order, and the URI each resolves to.
     const zu::TArray<zu::P<CVMDKExtentInfo>>& getExtentInfos() const { return extentInfos; }
     zu::CURI getExtentURI(int index) const;
+    // Refuses (zu::CIOError code 5) an extent file to be made on demand
+    // that does not lie beside the main file.
+    void checkOnDemandExtentLocation(const zu::CURI& uri) const;
     // Disk-wide index of the first grain of the extent line.
     long long getExtentStartGrainIndex(int index) const;
     // The disk's own data key (empty when not encrypted). For tools that

@@ -98,9 +98,11 @@ TEST_P(DescriptorAccessorTest, textFileRewrittenWithinItsSize)
 
     // Longer than the file was: refused, the file is left as it was.
     accessor->getDescriptor()->setCreateType("twoGbMaxExtentSparse-and-then-some");
-    zu::CError e = expectThrows<zu::CError>([&] { accessor->storeDescriptor(true); });
-    EXPECT_NE(std::string::npos, msg(e).find("exceeds target size (actual size: ")) << msg(e);
-    EXPECT_NE(std::string::npos, msg(e).find(", target size: " + std::to_string(separateText.size()))) << msg(e);
+    zu::CIOError e = expectThrows<zu::CIOError>([&] { accessor->storeDescriptor(true); });
+    EXPECT_EQ("VMDK descriptor is larger than the room for it in the file (descriptor size: 140 bytes, room: " +
+                  std::to_string(separateText.size()) + " bytes).",
+              msg(e));
+    EXPECT_EQ(u.toString(true), e.getProp("uri"));
     accessor = nullptr;
     EXPECT_EQ(Bytes(shorter.begin(), shorter.end()), readAll(fs, u));
 
@@ -108,13 +110,23 @@ TEST_P(DescriptorAccessorTest, textFileRewrittenWithinItsSize)
     EXPECT_EQ(1, load(makeText("a="))->getDescriptor()->getEntryCount());
     EXPECT_EQ(0, load(makeText(""))->getDescriptor()->getEntryCount());
 
-    // The largest text file accepted is 5 MiB.
-    std::string big = "CID=1\n";
-    big.resize(5242880, '#');
+    // Text up to 1 MiB and 8192 lines is read; a larger area is read no
+    // further than the first zero byte or the limit; more is refused before
+    // it is parsed, and an area over 5 MiB before it is read.
+    std::string big = "CID=1\n" + std::string(8191, '\n');
+    big.resize(1 << 20, '#');
     EXPECT_EQ(1u, contentID(makeText(big)));
-    zu::CIOError tooBig = loadFails(makeText(big + '#'));
-    EXPECT_EQ(zu::CIOError::codeInvalidData, tooBig.getCode());
-    EXPECT_EQ("VMDK descriptor is too big (5242881 bytes).", msg(tooBig));
+    EXPECT_EQ(1u, contentID(makeText(big + std::string(5242880 - big.size(), '\0'))));
+    const std::pair<std::string, std::string> refused[] = {
+        {big + '#', "VMDK descriptor text is too big (more than 1048576 bytes)."},
+        {"CID=1" + std::string(8193, '\n'), "VMDK descriptor has too many lines."},
+        {big + std::string(5242881 - big.size(), '\0'), "VMDK descriptor is too big (5242881 bytes)."},
+    };
+    for (const auto& [text, message] : refused) {
+        zu::CIOError e = loadFails(makeText(text));
+        EXPECT_EQ(zu::CIOError::codeInvalidData, e.getCode());
+        EXPECT_EQ(message, msg(e));
+    }
 }
 
 TEST_P(DescriptorAccessorTest, hostileHeaderFieldsRefused)

@@ -8,6 +8,7 @@
 #include "descriptor/CVMDKDescriptor.h"
 
 #include <chrono>
+#include <functional>
 
 using kord::CVMDKDescriptor;
 using kord::CVMDKExtentInfo;
@@ -161,9 +162,11 @@ TEST(DescriptorTest, storeFillsTargetSizeExactly)
     EXPECT_EQ(expected, store(*d, size, 0));
     EXPECT_EQ(expected, text(*d));
 
-    EXPECT_EQ("Internal error: actual VMDK descriptor size exceeds target size (actual size: " +
-                  std::to_string(size) + ", target size: " + std::to_string(size - 1),
-              msg(expectThrows<zu::CError>([&] { store(*d, size - 1, 1000); })));
+    const zu::CIOError tooLong = expectThrows<zu::CIOError>([&] { store(*d, size - 1, 1000); });
+    EXPECT_EQ("VMDK descriptor is larger than the room for it in the file (descriptor size: " + std::to_string(size) +
+                  " bytes, room: " + std::to_string(size - 1) + " bytes).",
+              msg(tooLong));
+    EXPECT_EQ(zu::CIOError::codeInvalidData, tooLong.getCode());
     EXPECT_EQ("Internal error: pad buffer too small (size: 9, needed: 10",
               msg(expectThrows<zu::CError>([&] { store(*d, size + 10, 9); })));
 }
@@ -207,8 +210,25 @@ TEST(DescriptorTest, typedValuesUseTheirKeysAndFormats)
     zu::P<CVMDKDescriptor> hex = parse("CID=1FFFFFFFE\nparentCID=0xABCDEF01\n");
     EXPECT_EQ(0xfffffffeu, hex->getContentID());
     EXPECT_EQ(0xabcdef01u, hex->getParentContentID());
-    expectThrows<zu::CInvalidArgError>([] { parse("CID=0x12\n")->getContentID(); });
-    expectThrows<zu::CInvalidArgError>([] { parse("zuEncIV=abc\n")->getZuEncryptionIV(); });
+
+    // A value of the wrong type is damage in the file, named by key and value.
+    const std::pair<std::function<void(CVMDKDescriptor&)>, std::string> refused[] = {
+        {[](CVMDKDescriptor& x) { x.getContentID(); }, "'CID' is not a hexadecimal number: '0x12'."},
+        {[](CVMDKDescriptor& x) { x.getZuEncryptionIV(); }, "'zuEncIV' is not hexadecimal bytes: 'abc'."},
+        {[](CVMDKDescriptor& x) { x.getZuCreateExtentFilesOnDemand(); },
+         "'zuCreateExtentFilesOnDemand' is not a boolean: 'maybe'."},
+        {[](CVMDKDescriptor& x) { x.getVersion(); }, "'version' is not a 32-bit decimal number: '4294967297'."},
+        {[](CVMDKDescriptor& x) { x.getGeometryHeads(); }, "'ddb.geometry.heads' is not a decimal number: '1x'."},
+    };
+    zu::P<CVMDKDescriptor> bad = parse("CID=0x12\nzuEncIV=abc\nzuCreateExtentFilesOnDemand=maybe\n"
+                                       "version=4294967297\nddb.geometry.heads = \"1x\"\n");
+    bad->setSourceURI(zu::CURI("file:///vm/disk.vmdk"));
+    for (const auto& [get, message] : refused) {
+        const zu::CIOError e = expectThrows<zu::CIOError>([&] { get(*bad); });
+        EXPECT_EQ("VMDK descriptor value " + message, msg(e));
+        EXPECT_EQ(zu::CIOError::codeInvalidData, e.getCode());
+        EXPECT_EQ("file:///vm/disk.vmdk", str(e.getProp("uri")));
+    }
 
     // Missing keys: optional ones have defaults, mandatory ones raise.
     CVMDKDescriptor empty;
@@ -255,10 +275,8 @@ TEST(DescriptorTest, hostileTextParsesInLinearTime)
     zu::P<CVMDKDescriptor> d = parse("version=99999999999999999999\nCID=12345678901234567\n"
                                      "createType=\"monolithic\nRW 1 SPARSE \"x\n");
     EXPECT_EQ(4, d->getEntryCount());
-    expectThrows<zu::CInvalidArgError>([&] { d->getVersion(); });
-    expectThrows<zu::CInvalidArgError>([&] { d->getContentID(); });
-    // A version that fits 64 bits but not an int is not read as its low bits.
-    expectThrows<zu::CInvalidArgError>([] { parse("version=4294967297\n")->getVersion(); });
+    expectThrows<zu::CIOError>([&] { d->getVersion(); });
+    expectThrows<zu::CIOError>([&] { d->getContentID(); });
     EXPECT_EQ("\"monolithic", str(d->getCreateType()));
 
     const size_t big = 4u << 20;

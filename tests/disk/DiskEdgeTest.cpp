@@ -376,7 +376,7 @@ TEST_F(DiskEdgeTest, extentMapRefusesBadLinesAndMismatchedFiles)
     EXPECT_TRUE(readAt(*open("x.vmdk", R), splitSectors * sector - 10, 20) == kordtest::pattern(20, 8));
 
     std::string many = line2;
-    for (int i = 0; i < 65536; ++i) many += "\nRW 1 SPARSE \"e" + std::to_string(i) + ".vmdk\"";
+    for (int i = 0; i < CVMDKDisk::maxExtentLines; ++i) many += "\nRW 1 SPARSE \"e" + std::to_string(i) + ".vmdk\"";
     const std::vector<std::pair<std::string, std::string>> badLines = {
         {"RW -1 SPARSE \"y.vmdk\"\n" + line2, "VMDK disk has an extent of invalid size."},
         {"RW 9100000000000000 SPARSE \"y.vmdk\"\nRW 9100000000000000 SPARSE \"z.vmdk\"",

@@ -162,7 +162,7 @@ TEST_P(EmptyLayoutTest, failedCreationLeavesNoFileAndKeepsAnExistingOne)
     kord::CVMDKDescriptor descriptor;
     descriptor.setCreateType(zu::String(std::string(600, 'x')));
     zu::CError e = expectThrows<zu::CError>([&] { create(false, 16, 8, &descriptor, 1); });
-    EXPECT_EQ(0u, msg(e).find("Internal error: actual VMDK descriptor size exceeds target size (actual size: "));
+    EXPECT_EQ(0u, msg(e).find("VMDK descriptor is larger than the room for it in the file (descriptor size: "));
     EXPECT_FALSE(fs->exists(uri("x.vmdk")));
     ASSERT_EQ(1u, log.lines.size());
     EXPECT_NE(std::string::npos, log.lines[0].find("Error in CVMDKDisk::createEmptySparseExtentFile ('" +
