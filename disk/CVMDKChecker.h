@@ -3,13 +3,15 @@
 //
 // Each extent is opened read-only through the library's own reading code
 // (header, grain directory, grain tables, allocator); what those refuse to
-// open is itself a finding. On top of what opening checks, the walk looks
-// at every grain entry: where it points (into the metadata, past the end of
-// the file, over another grain), what a compressed grain's header says
-// (its first virtual sector and its size) and whether its slot holds it;
-// it compares the grain tables with their redundant copies, the header's
-// capacity with the descriptor's extent line, and the stream-optimized
-// trail, and reports extents left marked as not cleanly closed.
+// open is itself a finding. The rest are the very checks with which the
+// library refuses to read or write (CVMDKSparseExtentVerifier, the grain's
+// own checks of a compressed grain, the disk's checks of an extent), here
+// with a sink that lists each problem and goes on, so that the check finds
+// exactly what reading and writing refuse. On top of those it reports what
+// the library tolerates: grain tables that differ from their redundant
+// copies, a stream-optimized file without its trail, a compressed grain
+// whose header names another grain, extents left marked as not cleanly
+// closed and a parent changed under its child.
 //
 // Findings are damage in the files. What keeps the check from running at
 // all (a missing file, a wrong password, a lock held by another process, a
@@ -20,29 +22,16 @@
 #include "base/IFileSystem.h"
 #include "disk/CVMDKDisk.h"
 #include "extent/CVMDKSparseExtentFile.h"
+#include "extent/CVMDKSparseExtentVerifier.h"
 
 #include <functional>
-#include <set>
 #include <vector>
 
 namespace kord {
 
 class CVMDKChecker {
 public:
-    enum Kind {
-        kindRefused,              // the library refuses to open the disk or extent
-        kindDirectoriesDisagree,  // grain directory and redundant directory differ
-        kindTablesOverlap,        // two grain tables share sectors
-        kindGrainInMetadata,      // a grain entry points before the grain area
-        kindGrainPastEnd,         // a grain lies (partly) past the end of the file
-        kindGrainsOverlap,        // two grains' slots share sectors
-        kindBadGrainHeader,       // a compressed grain's LBA or size does not fit
-        kindSlotTooSmall,         // a slot is smaller than its grain's data
-        kindDamagedTrail,         // a stream-optimized file does not end with its trail
-        kindCapacityTooSmall,     // header capacity below the descriptor's extent line
-        kindUncleanShutdown,      // the extent was not closed cleanly
-        kindParentChanged,        // the parent's content ID is not the one the child expects
-    };
+    using Kind = CVMDKProblem::Kind;
 
     struct CFinding {
         Kind kind;
@@ -71,37 +60,33 @@ public:
     std::vector<CFinding> check();
 
     // "refused", "directoriesDisagree", ...: stable names for reports.
-    static const char* getKindName(Kind kind);
+    static const char* getKindName(Kind kind) { return CVMDKProblem::getKindName(kind); }
 
     // Extent line `index` of an open disk as a read-only sparse extent, for
     // inspection; null when the file does not exist yet because the disk
     // makes its extent files on demand. Throws what the extent's
-    // constructor throws.
-    static zu::P<CVMDKSparseExtentFile> openExtentForInspection(CVMDKDisk* disk, int index);
+    // constructor and the disk throw when opening it; what the disk checks
+    // of an open extent (its size, grain size and compression) goes to the
+    // sink.
+    static zu::P<CVMDKSparseExtentFile> openExtentForInspection(CVMDKDisk* disk, int index,
+                                                                const VMDKProblemSink& sink = throwVMDKProblem);
 
 private:
-    // Where a grain lies, for the overlap test: 8 bytes per written grain.
-    struct CPlacement {
-        std::uint32_t posSectors;
-        std::uint32_t slotSectors;
-        bool operator<(const CPlacement& other) const { return posSectors < other.posSectors; }
-    };
     struct CExtentContext;
 
     zu::P<CVMDKDisk> openDisk(const zu::CURI& uri);
     void checkDisk(CVMDKDisk* disk);
     void checkExtent(CVMDKDisk* disk, int index);
-    void checkHeader(CExtentContext& context, long long lineSectors);
-    void checkDirectories(CExtentContext& context);
+    void checkHeader(CExtentContext& context);
     void compareTableWithCopy(CExtentContext& context, long long tableIndex, long long redundantPosSectors);
-    void checkGrains(CExtentContext& context);
-    void checkGrain(CExtentContext& context, long long grainIndex, long long posSectors, long long slotSectors);
-    long long checkCompressedGrain(CExtentContext& context, long long grainIndex, long long posSectors);
-    void checkGrainOverlaps(CExtentContext& context);
+    void checkCompressedGrain(CExtentContext& context, long long grainIndex, long long posSectors,
+                              long long slotSectors);
     // The parent, opened read-only, and compared with what the child expects.
     zu::P<CVMDKDisk> openParent(CVMDKDisk* child);
     void addFinding(Kind kind, const zu::CURI& uri, const zu::String& message, const zu::CProps& props);
     void addRefusal(const zu::CIOError& error, const zu::CURI& fallbackURI);
+    // Lists the problems of the file at `uri`.
+    VMDKProblemSink sinkFor(const zu::CURI& uri);
     bool full() const { return findings.size() >= maxFindings; }
 
     zu::P<zu::IFileSystem> fileSystem;
@@ -109,8 +94,8 @@ private:
     zu::String password;
     ProgressFunction progress;
     std::vector<CFinding> findings;
-    // Reused from extent to extent.
-    std::vector<CPlacement> placements;
+    // One grain, reused from grain to grain.
+    std::vector<unsigned char> grainBuffer;
 };
 
 } // namespace kord

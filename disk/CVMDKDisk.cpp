@@ -227,7 +227,9 @@ void CVMDKDisk::buildExtentMap()
         throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK disk has too many extents.",
                            mainProps().set("extentCount", static_cast<long long>(extentInfos.size())).set("maxExtentCount", maxExtentLines));
     zu::CURI baseDirectory = mainURI.getParent();
-    std::set<zu::CURI> seen;
+    // Two lines may name one file by different names (a link): writes to
+    // one extent would change the other.
+    std::set<zu::String> seen;
     long long start = 0;
     for (const zu::P<CVMDKExtentInfo>& info : extentInfos) {
         if (info->type != zu::String("SPARSE"))
@@ -237,7 +239,8 @@ void CVMDKDisk::buildExtentMap()
             throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK disk has an extent of invalid size.",
                                mainProps().set("extentSize", info->sizeSectors).set("fileName", info->fileName));
         zu::CURI uri = vmdkFileReferenceToURI(baseDirectory, info->fileName);
-        if (!seen.insert(uri).second)
+        zu::String identity = fileSystem->exists(uri) ? fileSystem->getFileIdentity(uri) : uri.toNormalized().toString(true);
+        if (!seen.insert(identity).second)
             throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK disk names the same extent file twice.",
                                mainProps().set("fileName", info->fileName));
         if (firstExtentURI.isEmpty()) firstExtentURI = uri;
@@ -289,17 +292,22 @@ void CVMDKDisk::closeCurrentExtent()
     currentExtentSizeBytes = 0;
 }
 
+void CVMDKDisk::checkOnDemandExtentLocation(const zu::CURI& uri) const
+{
+    // Files are only ever created beside the disk's main file.
+    if (uri.toNormalized().getParent() != mainURI.getParent())
+        throw zu::CIOError(zu::CIOError::codeInvalidData,
+                           "VMDK extent file to be created on demand lies outside the disk's folder.",
+                           mainProps().set("extentURI", uri.toString(true)));
+}
+
 zu::P<IVMDKExtentFile> CVMDKDisk::openExtent(const CExtentKey& key, const CExtentValue& value)
 {
     zu::CURI uri = value.uri.toNormalized();
     zu::P<IVMDKExtentFile> extent;
     if (createExtentFilesOnDemand && !fileSystem->exists(uri)) {
         try {
-            // Files are only ever created beside the disk's main file.
-            if (uri.getParent() != mainURI.getParent())
-                throw zu::CIOError(zu::CIOError::codeInvalidData,
-                                   "VMDK extent file to be created on demand lies outside the disk's folder.",
-                                   mainProps().set("extentURI", uri.toString(true)));
+            checkOnDemandExtentLocation(uri);
             long long capacity = (key.sizeSectors + grainSizeSectors - 1) / grainSizeSectors * grainSizeSectors;
             extent = zu::newObj<CVMDKOnDemandExtentFile>(
                 fileSystem, uri, access, value.startGrainIndex, grainSizeSectors, capacity, key.sizeSectors, compressed,
@@ -315,7 +323,7 @@ zu::P<IVMDKExtentFile> CVMDKDisk::openExtent(const CExtentKey& key, const CExten
         zu::P<CVMDKSparseExtentFile> sparse = zu::newObj<CVMDKSparseExtentFile>(
             stream, access, value.startGrainIndex, compressionLevel, grainTableCache, parentDataProvider.get(),
             contentIDUpdater, cipher, encryptionKey, encryptionIV);
-        sparse->checkMatchesDisk(key.sizeSectors, grainSizeSectors, compressed);
+        sparse->checkMatchesDisk(key.sizeSectors, grainSizeSectors, compressed, throwVMDKProblem);
         extent = sparse;
     }
     return extent;

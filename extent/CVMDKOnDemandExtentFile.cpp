@@ -38,7 +38,7 @@ void CVMDKOnDemandExtentFile::updateInnerFileObject(bool missing)
         zu::P<CVMDKSparseExtentFile> sparse = zu::newObj<CVMDKSparseExtentFile>(
             stream, access, startGrainIndex, compressionLevel, grainTableCache, fallback, contentIDUpdater, cipher, key, iv);
         // Also a file that someone else made since the disk was opened.
-        sparse->checkMatchesDisk(sizeSectors, grainSizeSectors, compressed);
+        sparse->checkMatchesDisk(sizeSectors, grainSizeSectors, compressed, throwVMDKProblem);
         next = sparse;
     }
     fileMissing = missing;

@@ -6,6 +6,7 @@
 #include "base/CIOError.h"
 #include "base/Log.h"
 #include "crypto/CDigestType_SHA256.h"
+#include "extent/CVMDKSparseExtentVerifier.h"
 #include "format/VMDKEmptyLayout.h"
 #include "format/VMDKMarker.h"
 
@@ -63,6 +64,9 @@ CVMDKSparseExtentFile::CVMDKSparseExtentFile(zu::IIOStream* stream, int access, 
     grainAreaStartSectors = std::max(header->overHead, directory->getMetadataEndSectors());
     if (header->descriptorOffset > 0)
         grainAreaStartSectors = std::max(grainAreaStartSectors, header->descriptorOffset + header->descriptorSize);
+    // Reads check grain by grain; a writer must know at once that the
+    // tables it writes back land on nothing else.
+    if (access == zu::IIOStream::accessReadWrite) CVMDKSparseExtentVerifier(*this, throwVMDKProblem).verifyLayout();
 
     long long fileSize = bounds.fileSizeBytes;
     long long dataEnd = std::max(header->overHead * vmdkSectorSize,
@@ -177,19 +181,19 @@ zu::TBuffer<unsigned char> CVMDKSparseExtentFile::makeTrail() const
 }
 
 void CVMDKSparseExtentFile::checkMatchesDisk(long long lineSizeSectors, long long diskGrainSizeSectors,
-                                             bool diskCompressed) const
+                                             bool diskCompressed, const VMDKProblemSink& sink) const
 {
     if (header->capacity < lineSizeSectors)
-        throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK extent file is smaller than its extent line.",
-                           uriProps().set("capacity", header->capacity).set("extentSize", lineSizeSectors));
+        sink(CVMDKProblem{CVMDKProblem::kindCapacityTooSmall, "VMDK extent file is smaller than its extent line.",
+                          uriProps().set("capacity", header->capacity).set("extentSize", lineSizeSectors)});
     if (header->grainSize != diskGrainSizeSectors)
-        throw zu::CIOError(zu::CIOError::codeInvalidData,
-                           "VMDK extent file has another grain size than the disk's first extent.",
-                           uriProps().set("grainSize", header->grainSize).set("expectedGrainSize", diskGrainSizeSectors));
+        sink(CVMDKProblem{CVMDKProblem::kindExtentMismatch,
+                          "VMDK extent file has another grain size than the disk's first extent.",
+                          uriProps().set("grainSize", header->grainSize).set("expectedGrainSize", diskGrainSizeSectors)});
     if (compressed != diskCompressed)
-        throw zu::CIOError(zu::CIOError::codeInvalidData,
-                           "VMDK extent file differs in compression from the disk's first extent.",
-                           uriProps().set("compressed", compressed).set("expectedCompressed", diskCompressed));
+        sink(CVMDKProblem{CVMDKProblem::kindExtentMismatch,
+                          "VMDK extent file differs in compression from the disk's first extent.",
+                          uriProps().set("compressed", compressed).set("expectedCompressed", diskCompressed)});
 }
 
 void CVMDKSparseExtentFile::setFallbackDataProvider(IVMDKDataProvider* provider)
@@ -203,28 +207,11 @@ void CVMDKSparseExtentFile::getGrainInfo(long long extentGrainIndex, long long& 
     directory->getGrainInfo(extentGrainIndex, posSectors, slotSizeSectors);
 }
 
-// A table entry is a position the library reads grain data from and writes
-// grain data to: it must lie in the grain area and inside the file.
-void CVMDKSparseExtentFile::checkGrainPlacement(long long extentGrainIndex, long long posSectors,
-                                                long long slotSizeSectors) const
+void CVMDKSparseExtentFile::readStoredGrain(long long extentGrainIndex, long long posSectors, long long slotSizeSectors,
+                                            unsigned char* out)
 {
-    if (posSectors == 0) return;
-    long long fileSize = stream->getLength();
-    auto misplaced = [&](const char* message) {
-        return zu::CIOError(zu::CIOError::codeInvalidData, message,
-                            uriProps()
-                                .set("grainIndex", extentGrainIndex)
-                                .set("posSectors", posSectors)
-                                .set("slotSizeSectors", slotSizeSectors)
-                                .set("fileSize", fileSize)
-                                .set("grainAreaStart", grainAreaStartSectors));
-    };
-    if (posSectors < grainAreaStartSectors) throw misplaced("VMDK grain table entry points into the metadata.");
-    // A compressed grain's own size is checked when it is read; the rest
-    // must lie in the file whole.
-    long long neededSectors = compressed ? 1 : header->grainSize;
-    if (posSectors > fileSize / vmdkSectorSize - neededSectors)
-        throw misplaced("VMDK grain table entry points past the end of the extent file.");
+    grain->open(extentGrainIndex, startGrainIndex + extentGrainIndex, posSectors, slotSizeSectors);
+    grain->read(out, static_cast<int>(grainSizeBytes));
 }
 
 void CVMDKSparseExtentFile::seek(long long newPosition)
@@ -244,7 +231,8 @@ long long CVMDKSparseExtentFile::beginIOOp(long long bytes)
         long long posSectors = 0;
         long long slotSizeSectors = 0;
         directory->getGrainInfo(index, posSectors, slotSizeSectors);
-        checkGrainPlacement(index, posSectors, slotSizeSectors);
+        // Read and written through: it must lie where grain data may be.
+        CVMDKSparseExtentVerifier(*this, throwVMDKProblem).verifyGrainEntry(index, posSectors, slotSizeSectors);
         grain->open(index, startGrainIndex + index, posSectors, slotSizeSectors);
     }
     grain->seek(position % grainSizeBytes);
@@ -328,6 +316,7 @@ bool CVMDKSparseExtentFile::makeGrainIndependentOfParent(long long grainIndex)
     verifyHaveWriteAccess();
     seek(grainIndex * grainSizeBytes);
     beginIOOp(grainSizeBytes);
+    verifyForWriting();
     // The disk's contents do not change, so its content ID stays; but the
     // file does, so it is marked as being changed.
     markUnclean();
@@ -362,8 +351,20 @@ void CVMDKSparseExtentFile::onAboutToChange()
                          "ID updater.",
                          zu::String(), -1, uriProps());
     verifyHaveWriteAccess();
+    verifyForWriting();
     if (contentIDUpdater->isRenewalPending()) contentIDUpdater->onDiskAboutToChange(stream->getURI(), stream);
     markUnclean();
+}
+
+// Before the first change, every grain table is read once and checked, and
+// the allocator learns where the grains they reference end. A refused file
+// has not been touched: not even its content ID has changed.
+void CVMDKSparseExtentFile::verifyForWriting()
+{
+    if (verifiedForWriting) return;
+    CVMDKSparseExtentVerifier::CGrainScan scan = CVMDKSparseExtentVerifier(*this, throwVMDKProblem).verifyGrains();
+    allocator->setReferencedEnd(scan.referencedEndSectors * vmdkSectorSize);
+    verifiedForWriting = true;
 }
 
 // The header says "unclean" on disk before the first change after a flush.
@@ -408,21 +409,12 @@ zu::P<CVMDKSpaceInfo> CVMDKSparseExtentFile::gatherSpaceInfo()
         grain->flushChangesToStream();
         allocator->flushChangesToStream();
     }
+    // The scan refuses what would make the numbers wrong (grains in the
+    // metadata, past the end, or sharing sectors) with the damage named.
+    CVMDKSparseExtentVerifier::CGrainScan scan = CVMDKSparseExtentVerifier(*this, throwVMDKProblem).verifyGrains();
     zu::P<CVMDKSpaceInfo> info = zu::newObj<CVMDKSpaceInfo>();
-    int entriesPerTable = directory->getGrainTableEntryCount();
-    long long grains = directory->getGrainCount();
-    for (long long t = 0; t < directory->getGrainTableCount(); ++t) {
-        zu::P<CVMDKGrainTable> table = directory->getGrainTable(t);
-        long long inTable = std::min<long long>(entriesPerTable, grains - t * entriesPerTable);
-        for (long long i = 0; i < inTable; ++i) {
-            long long pos = 0;
-            long long slot = 0;
-            table->getGrainInfo(i, pos, slot);
-            if (pos == 0) continue;
-            info->payloadSize += grainSizeBytes;
-            info->payloadSizeInFile += slot * vmdkSectorSize;
-        }
-    }
+    info->payloadSize = scan.writtenGrains * grainSizeBytes;
+    info->payloadSizeInFile = scan.slotSectorsInFile * vmdkSectorSize;
     info->headerSize = header->overHead * vmdkSectorSize;
     long long fileSize = stream->getLength();
     info->deadSpace = fileSize - info->headerSize - info->payloadSizeInFile;

@@ -2,9 +2,11 @@
 // streamOptimized extents, and the extents of delta disks) as a byte stream
 // of the extent's capacity.
 //
-// Opening reads and checks the header and the metadata it points to; reads
-// and writes are split at grain boundaries and go through the one grain
-// object. Before the first change the content-ID updater is told and the
+// Opening reads and checks the header and the metadata it points to (for
+// writing also that no two metadata structures share sectors); the first
+// change reads and checks every grain table (CVMDKSparseExtentVerifier).
+// Reads and writes are split at grain boundaries and go through the one
+// grain object, after a check of the grain's table entry. Before the first change the content-ID updater is told and the
 // header's uncleanShutdown flag is set on disk; flushChanges writes grain
 // data, the trail, the grain tables and then the header with the flag
 // cleared, so that a flushed extent is consistent and marked clean.
@@ -61,25 +63,32 @@ public:
     const CVMDKSparseExtentHeader& getHeader() const { return *header; }
     CVMDKGrainDirectory* getGrainDirectory() const { return directory; }
     CVMDKGrainAllocator* getGrainAllocator() const { return allocator; }
+    CVMDKGrain* getGrain() const { return grain; }
     long long getSizeBytes() const { return sizeBytes; }
     // The first sector where grain data may lie.
     long long getGrainAreaStartSectors() const { return grainAreaStartSectors; }
     // Checks that the extent can serve an extent line of lineSizeSectors in
-    // a disk of that grain size and compression; zu::CIOError code 5 naming
-    // the file otherwise.
-    void checkMatchesDisk(long long lineSizeSectors, long long diskGrainSizeSectors, bool diskCompressed) const;
+    // a disk of that grain size and compression; what does not fit goes to
+    // the sink (throwVMDKProblem: zu::CIOError code 5 naming the file).
+    void checkMatchesDisk(long long lineSizeSectors, long long diskGrainSizeSectors, bool diskCompressed,
+                          const VMDKProblemSink& sink) const;
     // Position and slot of a grain (index within the extent), as recorded.
     void getGrainInfo(long long extentGrainIndex, long long& posSectors, long long& slotSizeSectors);
+    // Reads one grain's contents (grain size bytes) from where a table entry
+    // says it is stored, an entry the caller has checked: for checks that
+    // walk the tables themselves. Throws what reading the grain throws.
+    void readStoredGrain(long long extentGrainIndex, long long posSectors, long long slotSizeSectors,
+                         unsigned char* out);
 
 private:
     void checkEncryption(pell::ICipher* cipher, const zu::TCryptBuffer<unsigned char>& key,
                          const zu::TBuffer<unsigned char>& iv) const;
     void checkGeometry() const;
-    void checkGrainPlacement(long long extentGrainIndex, long long posSectors, long long slotSizeSectors) const;
     zu::TBuffer<unsigned char> makeTrail() const;
     long long beginIOOp(long long bytes);
     void verifyHaveWriteAccess() const;
     void onAboutToChange();
+    void verifyForWriting();
     void markUnclean();
     void storeHeader();
     zu::CProps uriProps() const;
@@ -103,6 +112,8 @@ private:
     long long position = 0;
     // Changes were made since the header last said the extent is clean.
     bool changedSinceFlush = false;
+    // Every grain table has been checked and the allocator knows their end.
+    bool verifiedForWriting = false;
 };
 
 } // namespace kord

@@ -128,30 +128,43 @@ void CVMDKGrain::readUncompressedGrain(unsigned char* target)
     }
 }
 
-void CVMDKGrain::readCompressedGrain(zu::TBuffer<unsigned char>& out)
+long long CVMDKGrain::checkStoredCompressedGrain(const unsigned char* firstSector, long long grainPosSectors,
+                                                 long long grainSlotSectors, const VMDKProblemSink& sink) const
 {
-    long long position = posSectors * vmdkSectorSize;
-    out.setUsed(vmdkSectorSize);
-    stream->seek(position);
-    stream->read(out.getData(), vmdkSectorSize);
-    long long size = static_cast<std::int32_t>(zu::loadLE32(out.getData() + 8));
-    auto corrupt = [&](const char* message) {
-        return zu::CIOError(zu::CIOError::codeInvalidData, message,
-                            zu::CProps()
-                                .set("compressedGrainSize", size)
-                                .set("position", position)
-                                .set("slotSizeSectors", slotSizeSectors)
-                                .set("fileSize", stream->getLength())
-                                .set("uri", stream->getURI().toString(true)));
+    long long position = grainPosSectors * vmdkSectorSize;
+    long long size = static_cast<std::int32_t>(zu::loadLE32(firstSector + 8));
+    long long fileSize = stream->getLength();
+    auto report = [&](CVMDKProblem::Kind kind, const char* message) {
+        sink(CVMDKProblem{kind, message,
+                          zu::CProps()
+                              .set("compressedGrainSize", size)
+                              .set("position", position)
+                              .set("slotSizeSectors", grainSlotSectors)
+                              .set("fileSize", fileSize)
+                              .set("uri", stream->getURI().toString(true))});
+        return -1LL;
     };
     if (size <= 0 || grainHeaderBytes + size > 2 * grainSize)
-        throw corrupt("Error reading compressed data from VMDK. Invalid compressed grain size.");
+        return report(CVMDKProblem::kindBadGrainHeader,
+                      "Error reading compressed data from VMDK. Invalid compressed grain size.");
     long long preparedBytes = roundUp(grainHeaderBytes + size, vmdkSectorSize);
     long long storedBytes = cipher ? grainHeaderBytes + roundUp(preparedBytes - grainHeaderBytes, cipher->getBlockSize())
                                    : grainHeaderBytes + size;
-    if (storedBytes > slotSizeSectors * vmdkSectorSize) throw corrupt("VMDK compressed grain runs past its slot.");
-    if (position + storedBytes > stream->getLength())
-        throw corrupt("VMDK compressed grain runs past the end of the extent file.");
+    if (storedBytes > grainSlotSectors * vmdkSectorSize)
+        return report(CVMDKProblem::kindSlotTooSmall, "VMDK compressed grain runs past its slot.");
+    if (position + storedBytes > fileSize)
+        return report(CVMDKProblem::kindGrainPastEnd, "VMDK compressed grain runs past the end of the extent file.");
+    return storedBytes;
+}
+
+void CVMDKGrain::readCompressedGrain(zu::TBuffer<unsigned char>& out)
+{
+    out.setUsed(vmdkSectorSize);
+    stream->seek(posSectors * vmdkSectorSize);
+    stream->read(out.getData(), vmdkSectorSize);
+    long long storedBytes = checkStoredCompressedGrain(out.getData(), posSectors, slotSizeSectors, throwVMDKProblem);
+    long long size = static_cast<std::int32_t>(zu::loadLE32(out.getData() + 8));
+    long long preparedBytes = roundUp(grainHeaderBytes + size, vmdkSectorSize);
     // Growing keeps the used bytes: the sector already read.
     out.setUsed(std::max(storedBytes, preparedBytes));
     if (storedBytes > vmdkSectorSize)

@@ -21,6 +21,7 @@
 #include "base/IIOStream.h"
 #include "base/TBuffer.h"
 #include "crypto/ICipher.h"
+#include "format/CVMDKProblem.h"
 #include "grain/CVMDKDataPreparer.h"
 #include "grain/IVMDKDataProvider.h"
 #include "grain/IVMDKGrainAllocator.h"
@@ -65,6 +66,13 @@ public:
     void setFallbackDataProvider(IVMDKDataProvider* provider) { fallback = provider; }
     zu::P<CVMDKDataPreparer> createDataPreparer() const;
     void flushChangesToStream();
+
+    // The bytes a stored compressed grain of this extent takes in the file,
+    // from the size in its first sector (layout in CVMDKDataPreparer.h).
+    // A size that is impossible, or runs past the slot or the end of the
+    // file, is reported to the sink (then -1 is returned).
+    long long checkStoredCompressedGrain(const unsigned char* firstSector, long long posSectors,
+                                         long long slotSizeSectors, const VMDKProblemSink& sink) const;
 
     // The largest slot a compressed (and maybe encrypted) grain can need.
     long long getMaxCompressedSlotSectors() const { return maxCompressedSlotSectors; }

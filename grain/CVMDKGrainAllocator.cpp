@@ -48,6 +48,12 @@ CVMDKGrainAllocator::~CVMDKGrainAllocator()
     }
 }
 
+void CVMDKGrainAllocator::setReferencedEnd(long long endBytes)
+{
+    allocationPoint = std::max(allocationPoint, (endBytes + vmdkSectorSize - 1) / vmdkSectorSize * vmdkSectorSize);
+    referencedEndKnown = true;
+}
+
 void CVMDKGrainAllocator::flushChangesToStream()
 {
     if (!trailNeedsWrite || trail.isEmpty()) return;
@@ -81,6 +87,9 @@ long long CVMDKGrainAllocator::allocNewGrainImpl(long long extentGrainIndex, con
     if (access != zu::IIOStream::accessReadWrite)
         throw zu::CError("Internal error: CVMDKGrainAllocator::allocNewGrain was called, but the grain allocator was "
                          "not opened for writing.");
+    if (!referencedEndKnown)
+        throw zu::CError("Internal error: CVMDKGrainAllocator::allocNewGrain was called before the end of the grain "
+                         "data that the grain tables reference was known.");
     // Grain table entries hold 32-bit sector numbers: a grain beyond them
     // could not be recorded.
     if (allocationPoint + slotBytes > vmdkMaxAddressableSectors * vmdkSectorSize)

@@ -2,6 +2,13 @@
 // file: every new grain goes to the end of the grain data, and its position
 // and slot size are recorded in the grain directory.
 //
+// The end of the grain data is the later of the file's end and the end of
+// every slot that a grain table references: a damaged table may name
+// sectors past the file's end, and a grain appended there would be read
+// back as that other grain too. The owner tells the allocator that end
+// (setReferencedEnd) after reading every table; until then it allocates
+// nothing.
+//
 // Stream-optimized files must end with a trail (footer marker, footer,
 // end-of-stream marker). New grains overwrite it and it is written again
 // behind them when the allocator is flushed. A file whose end is not the
@@ -28,6 +35,11 @@ public:
                         CVMDKGrainDirectory* directory, const zu::TBuffer<unsigned char>& trail);
     ~CVMDKGrainAllocator() override;
 
+    // Moves the allocation point to at least endBytes (rounded up to a
+    // sector), the end of every slot the grain tables reference, and
+    // allows allocation.
+    void setReferencedEnd(long long endBytes);
+
     void flushChangesToStream() override;
     long long allocNewGrain(long long extentGrainIndex, const void* data, int size, int slotSizeSectors) override;
     long long allocNewGrainKeepBuffer(long long extentGrainIndex, const zu::TConstBufferSlice<unsigned char>& data,
@@ -49,6 +61,7 @@ private:
     long long allocationPoint;
     bool trailIntact = true;
     bool trailNeedsWrite = false;
+    bool referencedEndKnown = false;
 };
 
 } // namespace kord

@@ -13,10 +13,11 @@ namespace {
 
 long long sectorsFor(long long bytes) { return (bytes + vmdkSectorSize - 1) / vmdkSectorSize; }
 
-// 16M grain tables: far beyond any extent that 32-bit sector numbers can
-// address with usual geometries, and a bound on what a hostile header can
-// make us allocate.
-constexpr long long maxDirectoryBytes = 64LL * 1024 * 1024;
+// 2M grain tables: as many as an extent of 2^32 sectors (all that 32-bit
+// sector numbers address) needs with grains of 4 sectors and up. A
+// directory must also lie in the file, so a small hostile file cannot make
+// us allocate much.
+constexpr long long maxDirectoryBytes = 8LL * 1024 * 1024;
 
 bool rangesOverlap(long long aStart, long long aLength, long long bStart, long long bLength)
 {
@@ -97,13 +98,17 @@ void CVMDKGrainDirectory::readDirectory(long long at, zu::TBuffer<unsigned int>&
         throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK " + zu::String(what) + " is too large.",
                            uriProps().set("tableCount", grainTableCount).set("maxTableCount", maxDirectoryBytes / 4));
     long long fileSectors = bounds.fileSizeBytes / vmdkSectorSize;
-    if (overlapsHeaderOrDescriptor(at, std::max(1LL, sectorsFor(bytes))) || at > fileSectors ||
-        bytes > bounds.fileSizeBytes - at * vmdkSectorSize)
+    long long sectors = std::max(1LL, sectorsFor(bytes));
+    zu::CProps props = uriProps().set("posSectors", at).set("tableCount", grainTableCount);
+    // Which of the two is wrong cannot be told; the message names both.
+    if (at >= 1 && bounds.descriptorOffsetSectors > 0 &&
+        rangesOverlap(at, sectors, bounds.descriptorOffsetSectors, bounds.descriptorSizeSectors))
+        throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK " + zu::String(what) + " overlaps the descriptor area.",
+                           props.set("descriptorOffset", bounds.descriptorOffsetSectors)
+                               .set("descriptorSize", bounds.descriptorSizeSectors));
+    if (overlapsHeaderOrDescriptor(at, sectors) || at > fileSectors || bytes > bounds.fileSizeBytes - at * vmdkSectorSize)
         throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK " + zu::String(what) + " position is invalid.",
-                           uriProps()
-                               .set("posSectors", at)
-                               .set("tableCount", grainTableCount)
-                               .set("fileSize", bounds.fileSizeBytes));
+                           props.set("fileSize", bounds.fileSizeBytes));
     metadataEndSectors = std::max(metadataEndSectors, at + sectorsFor(bytes));
     out.setUsed(grainTableCount);
     stream->seek(at * vmdkSectorSize);
@@ -204,6 +209,24 @@ zu::P<CVMDKGrainTable> CVMDKGrainDirectory::getGrainTable(long long tableIndex)
         throw zu::CError("Internal error: CVMDKGrainDirectory::getGrainTable updated the cache, but did not encounter "
                          "the requested table (requested index: " + zu::toString(tableIndex) + ")");
     return requested;
+}
+
+void CVMDKGrainDirectory::forEachGrainTable(const std::function<void(long long, const CVMDKGrainTable&)>& visit)
+{
+    zu::P<CVMDKGrainTable> scratch;
+    for (long long t = 0; t < grainTableCount; ++t) {
+        if (zu::P<CVMDKGrainTable> cached = cache->getCachedTable(this, t)) {
+            visit(t, *cached);
+            continue;
+        }
+        long long slotTable = slotSizeDirectory.getUsed() > 0 ? slotSizeDirectory[t] : 0;
+        if (scratch)
+            scratch->reload(entries[t], slotTable);
+        else
+            scratch = zu::newObj<CVMDKGrainTable>(stream, zu::IIOStream::accessRead, grainSizeSectors, entries[t], 0,
+                                                  slotTable, grainTableEntryCount);
+        visit(t, *scratch);
+    }
 }
 
 void CVMDKGrainDirectory::getGrainInfo(long long grainIndex, long long& pos, long long& slot)

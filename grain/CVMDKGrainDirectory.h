@@ -24,6 +24,8 @@
 #include "grain/CVMDKGrainTable.h"
 #include "grain/CVMDKGrainTableCache.h"
 
+#include <functional>
+
 namespace kord {
 
 class CVMDKGrainDirectory : public zu::CBase {
@@ -68,6 +70,12 @@ public:
     // From the cache, or loaded with its batch of 32 (tables of the batch
     // that are still cached are kept as they are).
     zu::P<CVMDKGrainTable> getGrainTable(long long tableIndex);
+    // Calls visit(tableIndex, table) for every grain table in index order:
+    // a cached table as it is in the cache (with changes not yet written),
+    // any other read into one reused table that is not cached. A scan of
+    // all tables so reads each table once, evicts nothing and allocates
+    // nothing per table.
+    void forEachGrainTable(const std::function<void(long long, const CVMDKGrainTable&)>& visit);
     void getGrainInfo(long long grainIndex, long long& posSectors, long long& slotSizeSectors);
     void setGrainInfo(long long grainIndex, long long posSectors, long long slotSizeSectors);
     void flushChangesToStream();

@@ -20,14 +20,28 @@ CVMDKGrainTable::CVMDKGrainTable(zu::IIOStream* stream, int access, long long gr
       redundantPosSectors(redundantPosSectors), slotSizeTablePosSectors(slotSizeTablePosSectors),
       entryCount(entryCount)
 {
+    load();
+}
+
+void CVMDKGrainTable::load()
+{
     entries.setUsed(entryCount);
     stream->seek(posSectors * vmdkSectorSize);
     stream->read(entries.getData(), entryCount * 4);
+    slotSizes.setUsed(slotSizeTablePosSectors > 0 ? entryCount : 0);
     if (slotSizeTablePosSectors > 0) {
-        slotSizes.setUsed(entryCount);
         stream->seek(slotSizeTablePosSectors * vmdkSectorSize);
         stream->read(slotSizes.getData(), entryCount * 2);
     }
+}
+
+void CVMDKGrainTable::reload(long long newPosSectors, long long newSlotSizeTablePosSectors)
+{
+    if (access == zu::IIOStream::accessReadWrite)
+        throw zu::CError("Internal error: CVMDKGrainTable::reload was called on a table opened for writing.");
+    posSectors = newPosSectors;
+    slotSizeTablePosSectors = newSlotSizeTablePosSectors;
+    load();
 }
 
 CVMDKGrainTable::~CVMDKGrainTable()

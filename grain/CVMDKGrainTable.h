@@ -22,6 +22,11 @@ public:
                     long long redundantPosSectors, long long slotSizeTablePosSectors, int entryCount);
     ~CVMDKGrainTable() override;
 
+    // Reads another table of the same file into this one, reusing its
+    // buffers: for scans of every table. Only for tables opened read-only,
+    // which never hold changes.
+    void reload(long long posSectors, long long slotSizeTablePosSectors);
+
     // Position 0 means not stored (slot 0 then); without slot-size table a
     // stored grain's slot is the grain size.
     void getGrainInfo(long long index, long long& posSectors, long long& slotSizeSectors) const;
@@ -33,6 +38,7 @@ public:
     void flushChangesToStream();
 
 private:
+    void load();
     zu::CProps uriProps() const;
 
     zu::P<zu::IIOStream> stream;

@@ -131,7 +131,7 @@ TEST_P(CheckerTest, findsEachKindOfDamage)
         {"copy", sparse, [&](auto& n) { patchGrainEntry(n, 700, 0, false); }, "directoriesDisagree", "",
          {{"grainIndex", "700"}, {"differingEntries", "1"}}},
         {"directory", sparse, [&](auto& n) { patch(n, extent(n)->getHeader().rgdOffset * 512, le32(firstTable(n))); },
-         "directoriesDisagree"},
+         "tablesOverlap"},
         // Empty tables, so that sharing one changes no grain.
         {"tables", "",
          [&](auto& n) {
@@ -139,7 +139,7 @@ TEST_P(CheckerTest, findsEachKindOfDamage)
              patch(n, extent(n)->getHeader().gdOffset * 512 + 4, le32(firstTable(n)));
          },
          "tablesOverlap"},
-        {"lba", stream, [&](auto& n) { patch(n, grainPos(n, 1) * 512, le64(12345)); }, "badGrainHeader", "",
+        {"lba", stream, [&](auto& n) { patch(n, grainPos(n, 1) * 512, le64(12345)); }, "grainLBAMismatch", "",
          {{"expectedLBA", std::to_string(grainSectors)}}},
         {"size", stream, [&](auto& n) { patch(n, grainPos(n, 700) * 512 + 8, le32(0xFFFFFFF0u)); }, "badGrainHeader"},
         // Grain 1's entry in the slot size table: 2 sectors.

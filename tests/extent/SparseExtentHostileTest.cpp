@@ -82,7 +82,6 @@ protected:
 TEST_P(SparseExtentHostileTest, hostileValuesAreRefused)
 {
     const std::string gdPos = "VMDK grain directory position is invalid.";
-    const std::string rgdPos = "VMDK redundant grain directory position is invalid.";
     const std::string gdEntry = "VMDK grain directory entry is invalid.";
     const std::string rgdEntry = "VMDK redundant grain directory entry is invalid.";
     const std::string intoMetadata = "VMDK grain table entry points into the metadata.";
@@ -120,10 +119,11 @@ TEST_P(SparseExtentHostileTest, hostileValuesAreRefused)
         {"directoryAtEnd", true, set(64, hdr::gdOffset, -1),
          "VMDK file uses an unsupported variant of the 'stream optimized' format."},
         {"directoryInHeader", false, set(64, hdr::gdOffset, 0), gdPos},
-        {"directoryInDescriptor", false, set(64, hdr::gdOffset, 5), gdPos},
+        {"directoryInDescriptor", false, set(64, hdr::gdOffset, 5), "VMDK grain directory overlaps the descriptor area."},
         {"directoryPastEnd", false, set(64, hdr::gdOffset, endPlus(0)), gdPos},
         {"directoryBeyondAddressableFile", true, set(64, hdr::gdOffset, 1LL << 60), gdPos},
-        {"redundantDirectoryInDescriptor", false, set(64, hdr::rgdOffset, 20), rgdPos},
+        {"redundantDirectoryInDescriptor", false, set(64, hdr::rgdOffset, 20),
+         "VMDK redundant grain directory overlaps the descriptor area."},
         {"tableInHeader", false, set(32, dirEntry(hdr::gdOffset, 1), 0), gdEntry},
         {"tableInDescriptor", true, set(32, dirEntry(hdr::gdOffset, 2), 3), gdEntry},
         {"tablePastEnd", false, set(32, dirEntry(hdr::gdOffset, 0), endPlus(-3)), gdEntry},

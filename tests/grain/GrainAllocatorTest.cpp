@@ -20,6 +20,7 @@ TEST_P(GrainAllocatorTest, grainBeyondAddressableSectorsIsRefused)
     const long long dataEnd = (kord::vmdkMaxAddressableSectors - 8) * 512;
     zu::P<kord::CVMDKGrainAllocator> allocator = zu::newObj<kord::CVMDKGrainAllocator>(
         extent->getStream(), rw, dataEnd, 0, extent->getGrainDirectory(), zu::TBuffer<unsigned char>());
+    allocator->setReferencedEnd(0);
     zu::CIOError e = expectError([&] { allocator->allocNewGrain(3, data.data(), 16 * 512, 16); },
                                  "VMDK extent file is full", zu::CIOError::codeWrite);
     EXPECT_EQ(file().toString(true), e.getProp("uri"));

@@ -1,0 +1,71 @@
+// The checks a sparse extent file must pass before the library writes to
+// it, shared by the extent (which refuses to write) and the checker (which
+// lists what it finds), so that the two always agree.
+//
+// The library writes grain tables back to the sectors the directories
+// name, rewrites grains in place at the sectors the tables name, and
+// appends new grains behind everything the tables reference. A damaged or
+// hostile file must therefore not let any of these land on other data:
+// - the layout: metadata structures (header, descriptor area, both
+//   directories, every grain table and its copy, the slot-size directory
+//   and tables) do not share sectors, and a stream-optimized file, which
+//   grows by whole sectors behind its trail, ends on a sector boundary;
+// - the grains: every written grain's slot lies in the grain area and in
+//   the file, has a size the grain fits, and shares no sector with another
+//   grain's slot.
+// Reads need less and check grain by grain (verifyGrainEntry), so that
+// what is intact in a damaged file can still be read.
+#pragma once
+
+#include "format/CVMDKProblem.h"
+
+#include <functional>
+
+namespace kord {
+
+class CVMDKSparseExtentFile;
+
+class CVMDKSparseExtentVerifier {
+public:
+    // What the scan of all grain tables found in the grains that pass.
+    struct CGrainScan {
+        long long writtenGrains = 0;
+        // A compressed grain's slot may end past the end of the file (its
+        // data is checked when it is read); only what lies in the file counts.
+        long long slotSectorsInFile = 0;
+        // The end of the grain area and of every slot a table references: no
+        // new grain may start before it.
+        long long referencedEndSectors = 0;
+    };
+    // Called for each written grain that passes, and after each table
+    // (with the number of tables done).
+    using GrainVisitor = std::function<void(long long grainIndex, long long posSectors, long long slotSectors)>;
+    using TableProgress = std::function<void(long long tablesDone)>;
+
+    // The extent must outlive the verifier. Problems go to the sink; with
+    // throwVMDKProblem the first one is thrown as zu::CIOError code 5.
+    CVMDKSparseExtentVerifier(const CVMDKSparseExtentFile& extent, const VMDKProblemSink& sink);
+
+    // One grain table entry: true when the grain is stored and its slot is
+    // where grain data may be; a misplaced one is reported (false).
+    bool verifyGrainEntry(long long grainIndex, long long posSectors, long long slotSectors) const;
+    // The layout, from what the directories hold in memory: no table I/O.
+    // Sorts the metadata structures once (16 bytes each).
+    void verifyLayout() const;
+    // Every grain table, read once (cached tables as they are in memory).
+    // Finds shared slots in one bit per grain of the file where all slots
+    // are one grain (uncompressed extents), else in 8 bytes per written
+    // grain.
+    CGrainScan verifyGrains(const GrainVisitor& onGrain = nullptr, const TableProgress& onTable = nullptr) const;
+
+private:
+    class COverlapFinder;
+
+    void report(CVMDKProblem::Kind kind, const zu::String& message, zu::CProps props) const;
+
+    const CVMDKSparseExtentFile& extent;
+    VMDKProblemSink sink;
+    long long fileSizeBytes;
+};
+
+} // namespace kord
