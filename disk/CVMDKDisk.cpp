@@ -389,6 +389,14 @@ void CVMDKDisk::verifyWritable(const char* operation) const
                          " was called, but the disk was not opened for writing.");
 }
 
+void CVMDKDisk::prepareDataWrite(const char* operation)
+{
+    verifyWritable(operation);
+    // A write may need the parent's data; a parent that cannot be opened
+    // is refused before anything of this disk changes.
+    if (parentDataProvider) parentDataProvider->getParentDisk();
+}
+
 void CVMDKDisk::write(const void* buffer, int bytes)
 {
     if (bytes < 0 || position + bytes > diskSizeBytes)
@@ -397,7 +405,7 @@ void CVMDKDisk::write(const void* buffer, int bytes)
                                .set("bytesToWrite", bytes)
                                .set("position", position)
                                .set("mainFileURI", mainURI.toString(true)));
-    verifyWritable("write");
+    prepareDataWrite("write");
     const auto* in = static_cast<const unsigned char*>(buffer);
     long long left = bytes;
     while (left > 0) {
@@ -456,7 +464,7 @@ void CVMDKDisk::checkPreparedGrainPosition(const char* kind) const
 void CVMDKDisk::writePreparedGrainData(const zu::TBuffer<unsigned char>& preparedData)
 {
     checkPreparedGrainPosition("write");
-    verifyWritable("write");
+    prepareDataWrite("write");
     zu::P<IVMDKExtentFile> extent;
     beginGrainOp("Internal error: CVMDKDisk::beginIOOp in CVMDKDisk::writePreparedGrainData returned less than the "
                  "grain size.",
@@ -478,7 +486,7 @@ void CVMDKDisk::readPreparedGrainData(zu::TBuffer<unsigned char>& preparedData)
 
 bool CVMDKDisk::makeGrainIndependentOfParent(long long grainIndex)
 {
-    verifyWritable("makeGrainIndependentOfParent");
+    prepareDataWrite("makeGrainIndependentOfParent");
     if (grainIndex < 0 || grainIndex > LLONG_MAX / grainSizeBytes)
         throw zu::CInvalidArgError("CVMDKDisk::makeGrainIndependentOfParent", "Invalid grain index: " + zu::toString(grainIndex),
                                    mainProps());

@@ -188,6 +188,7 @@ private:
     zu::P<CVMDKDescriptorAccessor> openDescriptorAccessor();
     zu::CProps mainProps() const;
     void verifyWritable(const char* operation) const;
+    void prepareDataWrite(const char* operation);
     void beginGrainOp(const char* internalMessage, zu::P<IVMDKExtentFile>& extent);
     zu::CProps preparedGrainProps() const;
     void checkPreparedGrainPosition(const char* kind) const;

@@ -1,0 +1,300 @@
+// Damaged and hostile disks, each made by patching a fresh disk: what a user
+// does with them (info, reading every grain, writing) either is refused
+// with the named damage and leaves every file as it was, or goes on and
+// changes no byte of the disk outside what was written. And the checker
+// finds damage exactly where the library refuses (or fails the same way
+// itself, for what keeps it from checking at all).
+#include "DiskTestUtil.h"
+
+#include "common/ExtentTestUtil.h"
+#include "disk/CVMDKChecker.h"
+
+#include <sys/stat.h>
+
+#include <filesystem>
+
+using namespace disktest;
+using kord::CVMDKChecker;
+using kord::CVMDKProblem;
+using kordtest::le32;
+using kordtest::le64;
+
+namespace {
+
+constexpr long long capacitySectors = 1024 * grainSectors; // two grain tables
+constexpr long long hdrGrainSize = 20, hdrDescriptorSize = 36, hdrRgdOffset = 48, hdrGdOffset = 56,
+                    hdrOverHead = 64, hdrUnclean = 72;
+
+// Damage the library tolerates (and repairs or ignores when it writes).
+bool isAdvisory(CVMDKProblem::Kind kind)
+{
+    return kind == CVMDKProblem::kindUncleanShutdown || kind == CVMDKProblem::kindDamagedTrail ||
+           kind == CVMDKProblem::kindDirectoriesDisagree || kind == CVMDKProblem::kindGrainLBAMismatch;
+}
+
+// What one attempt did: "" when it went through, else the error's message.
+std::string outcome(const std::function<void()>& action)
+{
+    try {
+        action();
+        return "";
+    } catch (const zu::CError& e) {
+        return kordtest::msg(e);
+    }
+}
+
+class HostileDiskTest : public testing::Test {
+protected:
+    std::string path(const std::string& name) const { return temp.file(name); }
+    zu::CURI uri(const std::string& name) const { return fileURI(temp.file(name)); }
+
+    Bytes file(const std::string& name) { return kordtest::readAll(fs, uri(name)); }
+    void putBytes(const std::string& name, const Bytes& bytes) { kordtest::writeAll(fs, uri(name), bytes); }
+    void patch(const std::string& name, long long offset, const Bytes& bytes)
+    {
+        kordtest::patchFile(fs, uri(name), offset, bytes);
+    }
+    long long field(const std::string& name, long long offset) { return kordtest::fileLE64(file(name), offset); }
+    unsigned entry(const std::string& name, long long offset) { return kordtest::fileLE32(file(name), offset); }
+    // Sector of grain table t, from the primary or redundant directory.
+    unsigned table(const std::string& name, long long t, bool redundant = false)
+    {
+        return entry(name, field(name, redundant ? hdrRgdOffset : hdrGdOffset) * sector + 4 * t);
+    }
+    unsigned grainPos(const std::string& name, long long grain) { return entry(name, table(name, grain / 512) * sector + grain % 512 * 4); }
+    // Points a grain's entry elsewhere, in both copies of its table.
+    void patchGrainEntry(const std::string& name, long long grain, unsigned posSectors)
+    {
+        for (bool redundant : {false, true})
+            patch(name, table(name, grain / 512, redundant) * sector + grain % 512 * 4, le32(posSectors));
+    }
+
+    // A disk with data in grains 0 and 1 (incompressible) and 700.
+    void make(const std::string& type, long long sectors = capacitySectors, const std::string& parent = "")
+    {
+        CVMDKDisk::CCreateParams p = params(type, parent.empty() ? sectors : 0, "", parent.empty() ? zu::CURI() : uri(parent));
+        zu::P<CVMDKDisk> disk = CVMDKDisk::create(fs, uri("d.vmdk"), p);
+        mirror = std::make_unique<Mirror>(disk->getDiskSizeBytes());
+        for (auto [pos, data] : {std::pair{0LL, kordtest::pattern(2 * grainBytes, 1)},
+                                 std::pair{700 * grainBytes + 100, Bytes(5000, 7)}}) {
+            writeAt(*disk, pos, data);
+            mirror->write(pos, data);
+        }
+    }
+
+    // Every grain of a small disk; the written ones and the last of a large one.
+    void readEverything(CVMDKDisk& disk)
+    {
+        long long grains = (disk.getDiskSizeBytes() + grainBytes - 1) / grainBytes;
+        for (long long g = 0; g < grains; g = g < 1024 ? g + 1 : grains - 1) {
+            long long n = std::min(grainBytes, disk.getDiskSizeBytes() - g * grainBytes);
+            readAt(disk, g * grainBytes, n);
+            if (g == grains - 1) break;
+        }
+    }
+
+    // The disk's last bytes (in the last extent), a change inside a written
+    // grain, and a new grain.
+    void writeSome(CVMDKDisk& disk)
+    {
+        for (auto [pos, data] : {std::pair{disk.getDiskSizeBytes() - 100, Bytes(100, 0xAF)},
+                                 std::pair{1000LL, Bytes(100, 0xA0)},
+                                 std::pair{2 * grainBytes + 50, Bytes(100, 0xA2)}}) {
+            writeAt(disk, pos, data);
+            mirror->write(pos, data);
+        }
+        disk.flushChanges();
+    }
+
+    std::map<std::string, std::string> files()
+    {
+        std::map<std::string, std::string> out = snapshot(temp.path());
+        for (auto it = out.begin(); it != out.end();)
+            it = it->first.size() > 5 && it->first.compare(it->first.size() - 5, 5, ".lock") == 0 ? out.erase(it)
+                                                                                                 : std::next(it);
+        return out;
+    }
+
+    kordtest::TempDir temp;
+    zu::P<zu::IFileSystem> fs = zu::newObj<zu::CLocalFileSystem>();
+    std::unique_ptr<Mirror> mirror;
+};
+
+struct Recipe {
+    std::string name;
+    // The damage, done to a fresh disk "d.vmdk".
+    std::function<void()> damage;
+    // The refusal of writing; with `writes`, that of info or reading.
+    std::string refusal;
+    // Writing goes on (the damage is where writing does not go).
+    bool writes = false;
+    // A grain that cannot be read back.
+    long long damagedGrain = -1;
+};
+
+} // namespace
+
+TEST_F(HostileDiskTest, refusedWhereDamagedAndCheckAgrees)
+{
+    const std::string d = "d.vmdk", s2 = "d-s002.vmdk";
+    const std::string sparse = "monolithicSparse", stream = "streamOptimized", split = "twoGbMaxExtentSparse";
+    const long long splitCapacity = splitSectors + 4 * grainSectors;
+    const std::string overlap = "VMDK metadata overlaps in the extent file: ";
+    const std::string pastEnd = "VMDK grain table entry points past the end of the extent file.";
+    auto fileSectors = [&](const std::string& n) { return static_cast<unsigned>(fs->getFileSize(uri(n)) / sector); };
+    auto fifo = [&](const std::string& n) {
+        std::filesystem::remove(path(n));
+        ASSERT_EQ(0, ::mkfifo(path(n).c_str(), 0600));
+    };
+    auto descriptorLines = [&](const std::string& lines) {
+        make(split, splitCapacity);
+        const std::string text = fileText(path(d));
+        putFile(path(d), text.substr(0, text.find('\0')) + lines);
+    };
+    const std::vector<Recipe> recipes = {
+        // Bytes inserted before an intact trail: new grains would land off
+        // the sectors their entries name.
+        {"partialSector",
+         [&] {
+             make(stream);
+             Bytes f = file(d);
+             f.insert(f.end() - 3 * sector, 100, 0x55);
+             putBytes(d, f);
+         },
+         "VMDK extent file size is not a whole number of sectors."},
+        // A trail found inside the metadata: new grains still go behind it.
+        {"trailInMetadata",
+         [&] {
+             CVMDKDisk::create(fs, uri(d), params(stream, capacitySectors));
+             mirror = std::make_unique<Mirror>(capacitySectors * sector);
+             Bytes f = file(d);
+             const long long grainArea = kordtest::fileLE64(f, hdrOverHead) * sector;
+             Bytes trail(f.end() - 3 * sector, f.end());
+             f.resize(grainArea + sector);
+             std::copy(trail.begin(), trail.end(), f.end() - 3 * sector);
+             putBytes(d, f);
+         },
+         "", true},
+        {"grainPastEnd", [&] { make(sparse), patchGrainEntry(d, 1, fileSectors(d) + 8); }, pastEnd},
+        {"truncated",
+         [&] {
+             make(sparse);
+             Bytes f = file(d);
+             f.resize(f.size() - 64 * sector);
+             putBytes(d, f);
+         },
+         pastEnd},
+        {"grainInMetadata", [&] { make(sparse), patchGrainEntry(d, 1, 2); },
+         "VMDK grain table entry points into the metadata."},
+        {"redundantEntryIsPrimaryTable", [&] { make(sparse), patch(d, field(d, hdrRgdOffset) * sector, le32(table(d, 0))); },
+         overlap + "grain table 0 and redundant grain table 0."},
+        {"directoryEntriesEqual", [&] { make(sparse), patch(d, field(d, hdrGdOffset) * sector + 4, le32(table(d, 0))); },
+         overlap + "grain table 0 and grain table 1."},
+        {"tableAtRedundantDirectory",
+         [&] { make(sparse), patch(d, field(d, hdrGdOffset) * sector, le32(static_cast<unsigned>(field(d, hdrRgdOffset)))); },
+         overlap + "the redundant grain directory and grain table 0."},
+        {"grainsShared", [&] { make(sparse), patchGrainEntry(d, 1, grainPos(d, 0)); },
+         "VMDK grains overlap in the extent file."},
+        {"descriptorAreaOverDirectory", [&] { make(sparse), patch(d, hdrDescriptorSize, le64(100)); },
+         "VMDK grain directory overlaps the descriptor area."},
+        {"compressedSlotZero",
+         [&] {
+             make(stream);
+             zu::P<kord::CVMDKSparseExtentFile> extent = zu::newObj<kord::CVMDKSparseExtentFile>(
+                 kord::openVMDKFileStream(fs, uri(d), R), R, 0, -1, zu::newObj<kord::CVMDKGrainTableCache>(64),
+                 nullptr, nullptr, nullptr, zu::TCryptBuffer<unsigned char>(), zu::TBuffer<unsigned char>());
+             patch(d, extent->getGrainDirectory()->getSlotSizeDirectory()[0] * sector + 2, {0, 0});
+         },
+         "VMDK grain table entry has a slot too small for its grain."},
+        {"compressedDataGarbage", [&] { make(stream), patch(d, grainPos(d, 1) * sector + 20, Bytes(64, 0xFF)); },
+         "Error reading compressed data from VMDK. The data cannot be decompressed.", true, 1},
+        {"symlinkedExtent",
+         [&] {
+             make(split, splitCapacity);
+             std::filesystem::remove(path(s2));
+             std::filesystem::create_symlink(path("d-s001.vmdk"), path(s2));
+         },
+         "VMDK disk names the same extent file twice."},
+        {"otherGrainSize", [&] { make(split, splitCapacity), patch(s2, hdrGrainSize, le64(64)); },
+         "VMDK extent file has another grain size than the disk's first extent."},
+        {"onDemandOutsideFolder",
+         [&] {
+             CVMDKDisk::CCreateParams p = params(split, splitCapacity);
+             p.createExtentFilesOnDemand = true;
+             CVMDKDisk::create(fs, uri(d), p);
+             mirror = std::make_unique<Mirror>(splitCapacity * sector);
+             putFile(path(d), replaced(fileText(path(d)), "\"d-s002.vmdk\"", "\"../elsewhere/d-s002.vmdk\""));
+         },
+         "VMDK extent file to be created on demand lies outside the disk's folder."},
+        {"fifoExtent", [&] { make(split, splitCapacity), fifo(s2); },
+         "Cannot open the file: it is a FIFO, not a regular file."},
+        {"fifoDescriptor", [&] { make(split, splitCapacity), fifo(d); },
+         "Cannot open the file: it is a FIFO, not a regular file."},
+        {"fifoParent",
+         [&] {
+             CVMDKDisk::create(fs, uri("p.vmdk"), params(sparse, capacitySectors));
+             make(sparse, 0, "p.vmdk");
+             fifo("p.vmdk");
+         },
+         "Cannot open the file: it is a FIFO, not a regular file."},
+        {"descriptorBadBoolean", [&] { descriptorLines("zuCreateExtentFilesOnDemand=\"maybe\"\n"); },
+         "VMDK descriptor value 'zuCreateExtentFilesOnDemand' is not a boolean: 'maybe'."},
+        {"descriptorEmptyLines", [&] { descriptorLines(std::string(1000000, '\n')); },
+         "VMDK descriptor has too many lines."},
+        {"descriptorManyKeys",
+         [&] {
+             std::string lines;
+             for (int i = 0; i < 1040000; ++i) lines += "a=b\n";
+             descriptorLines(lines);
+         },
+         "VMDK descriptor text is too big (more than 1048576 bytes)."},
+        {"descriptorManyExtents",
+         [&] {
+             std::string lines;
+             for (int i = 0; i < 300000; ++i) lines += "RW 1 SPARSE \"e\"\n";
+             descriptorLines(lines);
+         },
+         "VMDK descriptor text is too big (more than 1048576 bytes)."},
+        // Damage the library lives with.
+        {"tableCopyDiffers", [&] { make(sparse), patch(d, table(d, 1, true) * sector + 700 % 512 * 4, le32(0)); }, "",
+         true},
+        {"unclean", [&] { make(sparse), patch(d, hdrUnclean, {1}); }, "", true},
+    };
+    for (const Recipe& r : recipes) {
+        SCOPED_TRACE(r.name);
+        for (const auto& entry : std::filesystem::directory_iterator(temp.path())) std::filesystem::remove_all(entry);
+        r.damage();
+        const auto before = files();
+
+        const std::string info = outcome([&] { openDisk(fs, uri(d), R)->gatherSpaceInfo(); });
+        const std::string cat = outcome([&] { readEverything(*openDisk(fs, uri(d), R)); });
+        const std::string write = outcome([&] { writeSome(*openDisk(fs, uri(d), RW)); });
+        EXPECT_EQ(r.refusal, r.writes ? info + cat : write);
+        if (!r.writes) {
+            EXPECT_TRUE(before == files()) << "a refused disk must not be changed";
+        } else {
+            // Every byte written reads back, and no other byte changed.
+            EXPECT_EQ("", write);
+            EXPECT_EQ("", outcome([&] {
+                          zu::P<CVMDKDisk> disk = openDisk(fs, uri(d), R);
+                          for (long long g : mirror->touchedGrains()) {
+                              long long n = std::min(grainBytes, mirror->size() - g * grainBytes);
+                              bool same = g == r.damagedGrain ||
+                                          readAt(*disk, g * grainBytes, n) == mirror->read(g * grainBytes, n);
+                              EXPECT_TRUE(same) << "grain " << g;
+                          }
+                      }));
+        }
+
+        // The checker: a finding that the library would refuse exactly when
+        // the library refuses, or the same failure.
+        bool refused = !(info + cat + write).empty();
+        std::vector<CVMDKChecker::CFinding> findings;
+        const std::string check = outcome([&] { findings = CVMDKChecker(fs, uri(d), zu::String()).check(); });
+        bool found = std::any_of(findings.begin(), findings.end(), [](auto& f) { return !isAdvisory(f.kind); });
+        EXPECT_EQ(refused, found || !check.empty());
+        if (!check.empty()) {
+            EXPECT_TRUE(check == info || check == cat || check == write) << check;
+        }
+    }
+}
