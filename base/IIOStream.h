@@ -100,4 +100,15 @@ public:
     virtual void sync() = 0;
 };
 
+// Makes what was written to the stream durable where the stream can: its
+// sync() when it offers one, else its flush() (a stream in memory has
+// nothing more to do).
+inline void syncStream(IOutStream& stream)
+{
+    if (auto* durable = tryCast<IDurableStream>(static_cast<IBase*>(&stream)))
+        durable->sync();
+    else
+        stream.flush();
+}
+
 } // namespace zu

@@ -2,6 +2,7 @@
 
 #include "base/CError.h"
 
+#include <atomic>
 #include <cstdio>
 #include <mutex>
 #include <string>
@@ -68,6 +69,8 @@ void logWithError(LogLevel level, const std::exception& error, const String& mes
     }
 }
 
+std::atomic<long long> ignoredDestructorErrors{0};
+
 } // namespace
 
 LogSink setLogSink(LogSink sink)
@@ -94,11 +97,14 @@ void logError(const std::exception& error, const String& message, const String& 
 
 void onExceptionInDestructorIgnored(const String& where, const std::exception& error, bool logAsError)
 {
+    if (logAsError) ++ignoredDestructorErrors;
     try {
         emit(logAsError ? LogLevel::error : LogLevel::warning,
              "Exception ignored in destructor of " + where + ": " + describe(error));
     } catch (...) {
     }
 }
+
+long long getIgnoredDestructorErrorCount() { return ignoredDestructorErrors; }
 
 } // namespace zu

@@ -30,5 +30,9 @@ void logError(const std::exception& error, const String& message, const String& 
 // `where` names the class; with `logAsError` it is logged as an error,
 // otherwise as a warning.
 void onExceptionInDestructorIgnored(const String& where, const std::exception& error, bool logAsError = true);
+// How many errors destructors have reported so far (those logged as errors):
+// failures that nobody could be told of by an exception, for a program that
+// must not end as if all went well.
+long long getIgnoredDestructorErrorCount();
 
 } // namespace zu

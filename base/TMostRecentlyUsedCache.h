@@ -1,7 +1,9 @@
 // A bounded map that forgets its least recently used entries.
 //
 // Entries are shared objects (P<T>); eviction only drops the cache's
-// reference, so an object still held elsewhere lives on. Lookups are
+// reference, so an object still held elsewhere lives on. An optional filter
+// keeps entries that must not go yet (the cache may then stay over its
+// limit until they may). Lookups are
 // logarithmic (ordered map), recency updates and evictions constant time
 // (list relinking, no allocation on a hit).
 #pragma once
@@ -9,6 +11,7 @@
 #include "base/CBase.h"
 #include "base/TContainers.h"
 
+#include <functional>
 #include <list>
 #include <map>
 #include <utility>
@@ -19,6 +22,7 @@ template <class K, class T>
 class TMostRecentlyUsedCache : public CBase {
 public:
     using EvictedList = TList<std::pair<K, P<T>>>;
+    using EvictionFilter = std::function<bool(const T&)>;
 
     explicit TMostRecentlyUsedCache(int limit) : limit(limit) {}
 
@@ -69,19 +73,24 @@ public:
     }
     bool getAutoEnforceLimit() const { return autoEnforceLimit; }
 
-    // Evicts the least recently used entries until at most `limit` remain.
+    // Evicts the least recently used entries that the filter lets go until
+    // at most `limit` remain.
     void enforceLimit()
     {
-        while (!recency.empty() && static_cast<long long>(entries.size()) > limit) {
-            K victim = recency.back();
-            auto it = entries.find(victim);
+        auto node = recency.end();
+        while (node != recency.begin() && static_cast<long long>(entries.size()) > limit) {
+            --node;
+            auto it = entries.find(*node);
+            if (evictionFilter && !evictionFilter(*it->second.object)) continue;
+            K victim = *node;
             P<T> object = std::move(it->second.object);
             entries.erase(it);
-            recency.pop_back();
+            node = recency.erase(node);
             if (evictedSink) evictedSink->emplace_back(victim, std::move(object));
             // Otherwise `object` goes out of scope here: the cache's reference is dropped.
         }
     }
+    bool isOverLimit() const { return static_cast<long long>(entries.size()) > limit; }
 
     void clear()
     {
@@ -91,6 +100,8 @@ public:
 
     // Receives evicted entries instead of their being dropped (null: none).
     void setEvictedSink(EvictedList* sink) { evictedSink = sink; }
+    // Entries for which the filter says false are never evicted (empty: all may be).
+    void setEvictionFilter(EvictionFilter filter) { evictionFilter = std::move(filter); }
 
     // Visits entries in key order (for flushing); the visitor must not
     // change the cache.
@@ -118,6 +129,7 @@ private:
     std::list<K> recency;
     bool autoEnforceLimit = true;
     P<EvictedList> evictedSink;
+    EvictionFilter evictionFilter;
 };
 
 } // namespace zu

@@ -11,18 +11,19 @@ CVMDKContentIDUpdater::CVMDKContentIDUpdater(zu::IFileSystem* fileSystem, const 
 {
 }
 
-void CVMDKContentIDUpdater::onDiskAboutToChange(const zu::CURI& extentURI, zu::IIOStream* extentStream)
+void CVMDKContentIDUpdater::onDiskAboutToChange(const zu::CURI& extentURI, zu::IIOStream* extentStream, bool sync)
 {
     if (done || !enabled) return;
     zu::P<zu::IIOStream> stream;
-    if (extentURI.toNormalized() == descriptorFileURI)
+    bool embedded = extentURI.toNormalized() == descriptorFileURI;
+    if (embedded)
         stream = extentStream;
     else
         stream = openVMDKFileStream(fileSystem, descriptorFileURI, zu::IIOStream::accessReadWrite);
     // The descriptor is read as it is on disk now, and only its content ID changes.
     CVMDKDescriptorAccessor accessor(stream, zu::IIOStream::accessReadWrite);
     unsigned newContentID = accessor.changeContentID();
-    accessor.storeDescriptor(true);
+    accessor.storeDescriptor(sync && !embedded);
     descriptor->setContentID(newContentID);
     done = true;
 }

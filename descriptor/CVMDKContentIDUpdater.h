@@ -23,10 +23,11 @@ public:
 
     // Called by an extent file before it changes its content. When the
     // descriptor is embedded in that very file (same normalised URI), its
-    // open stream is used; otherwise the descriptor file is opened. Writes a
-    // new content ID in place and flushes it before returning; errors pass
-    // on and leave the renewal to be tried again at the next change.
-    void onDiskAboutToChange(const zu::CURI& extentURI, zu::IIOStream* extentStream);
+    // open stream is used and the extent makes it durable with its own
+    // changes; otherwise the descriptor file is opened, and with `sync` the
+    // new content ID is durable when this returns. Errors pass on and leave
+    // the renewal to be tried again at the next change.
+    void onDiskAboutToChange(const zu::CURI& extentURI, zu::IIOStream* extentStream, bool sync);
 
 private:
     zu::P<zu::IFileSystem> fileSystem;

@@ -1,5 +1,6 @@
 #include "descriptor/CVMDKDescriptorAccessor.h"
 
+#include "base/CBufferStream.h"
 #include "base/CDataInStream.h"
 #include "base/CIOError.h"
 #include "base/CMTRand.h"
@@ -61,9 +62,9 @@ CVMDKDescriptorAccessor::CVMDKDescriptorAccessor(zu::IIOStream* stream, int acce
 {
     CPositionKeeper keeper(stream);
     locate();
-    zu::TBuffer<unsigned char> text = readText();
-    checkLineCount(text);
-    descriptor = zu::newObj<CVMDKDescriptor>(text);
+    storedText = readText();
+    checkLineCount(storedText);
+    descriptor = zu::newObj<CVMDKDescriptor>(storedText);
     descriptor->setSourceURI(stream->getURI());
 }
 
@@ -148,17 +149,36 @@ void CVMDKDescriptorAccessor::locate()
     areaSize = header.descriptorSize * vmdkSectorSize;
 }
 
-void CVMDKDescriptorAccessor::storeDescriptor(bool flush)
+void CVMDKDescriptorAccessor::storeDescriptor(bool durable)
 {
     if (access != zu::IIOStream::accessReadWrite)
         throw zu::CError("Internal error: CVMDKDescriptorAccessor::storeDescriptor was called, but the accessor was "
                          "not opened for writing.");
-    CPositionKeeper keeper(stream);
-    stream->seek(descriptorStart);
+    zu::P<zu::TBuffer<unsigned char>> area = zu::newObj<zu::TBuffer<unsigned char>>();
+    area->ensureAllocated(areaSize);
     zu::TBuffer<unsigned char> pad;
     pad.setUsedFill(areaSize, 0);
-    descriptor->store(*stream, static_cast<int>(areaSize), pad);
-    if (flush) stream->flush();
+    zu::P<zu::CBufferStream> out = zu::newObj<zu::CBufferStream>(area, 2.0, stream->getURI());
+    descriptor->store(*out, static_cast<int>(areaSize), pad);
+    // Each text is followed by a zero byte (unless it fills the area); what
+    // lies behind that is never read.
+    const unsigned char* now = area->getData();
+    const void* nul = std::memchr(now, 0, static_cast<size_t>(areaSize));
+    long long length = nul ? static_cast<const unsigned char*>(nul) - now : areaSize;
+    long long oldLength = storedText.getUsed();
+    auto before = [&](long long i) { return i < oldLength ? storedText[i] : 0; };
+    long long end = std::min(areaSize, std::max(length, oldLength) + 1);
+    long long first = 0;
+    while (first < end && now[first] == before(first)) ++first;
+    while (end > first && now[end - 1] == before(end - 1)) --end;
+    CPositionKeeper keeper(stream);
+    if (end > first) {
+        stream->seek(descriptorStart + first);
+        stream->write(now + first, static_cast<int>(end - first));
+    }
+    stream->flush();
+    if (durable) zu::syncStream(*stream);
+    storedText.assign(now, length);
 }
 
 unsigned CVMDKDescriptorAccessor::changeContentID()
@@ -167,11 +187,16 @@ unsigned CVMDKDescriptorAccessor::changeContentID()
         throw zu::CError("Internal error: CVMDKDescriptorAccessor::changeContentID was called, but the accessor was "
                          "not opened for writing.");
     unsigned old = descriptor->getContentID();
+    // As many digits as the old one has characters: the text keeps its
+    // length and only the digits are rewritten.
+    int digits = static_cast<int>(std::min<size_t>(8, std::max<size_t>(1, descriptor->getValue("CID").length())));
+    unsigned low = digits == 1 ? 0 : 1u << (4 * (digits - 1));
+    unsigned span = digits == 8 ? 0xF0000000u : (1u << (4 * digits)) - low;
     unsigned value;
     {
         zu::CMutexLock lock(zu::getGlobalMutex());
         do {
-            value = zu::CMTRand::getGlobal().rand32();
+            value = low + zu::CMTRand::getGlobal().rand32() % span;
         } while (value == 0 || value == 0xFFFFFFFFu || value == old);
     }
     descriptor->setContentID(value);

@@ -5,6 +5,11 @@
 // The descriptor's room never changes: the embedded area keeps its sectors
 // and a text file keeps its size, so a longer descriptor than fits is an
 // error and a shorter one is followed by zero bytes.
+//
+// A store rewrites only the bytes that changed: a new content ID of the same
+// length touches its digits alone, lines added at the end only the zeros
+// behind the text, so that an interrupted store leaves text that still
+// reads (a content ID of old and new digits, or a last line cut short).
 #pragma once
 
 #include "base/IIOStream.h"
@@ -38,10 +43,12 @@ public:
     long long getDescriptorAreaSize() const { return areaSize; }
 
     // Writes the descriptor back into its area (zero-filled behind the
-    // text), then flushes the stream when `flush`. Needs read-write access.
-    void storeDescriptor(bool flush);
+    // text) and flushes the stream; with `durable` it is synced too. Needs
+    // read-write access.
+    void storeDescriptor(bool durable);
     // Gives the descriptor a new random content ID (never 0, ffffffff or the
-    // old one) in memory and returns it; the caller stores it.
+    // old one) of as many hexadecimal digits as the old one, in memory, and
+    // returns it; the caller stores it.
     unsigned changeContentID();
 
 private:
@@ -55,6 +62,8 @@ private:
     long long descriptorStart = 0;
     long long areaSize = 0;
     zu::P<CVMDKDescriptor> descriptor;
+    // The text as it is in the file (up to its first zero byte).
+    zu::TBuffer<unsigned char> storedText;
 };
 
 } // namespace kord

@@ -53,7 +53,7 @@ zu::P<CVMDKSparseExtentFile> CVMDKChecker::openExtentForInspection(CVMDKDisk* di
     zu::P<CVMDKSparseExtentFile> extent = zu::newObj<CVMDKSparseExtentFile>(
         stream, zu::IIOStream::accessRead, disk->getExtentStartGrainIndex(index), disk->getCompressionLevel(),
         disk->getGrainTableCache(), nullptr, nullptr, disk->getCipher(), disk->getEncryptionKey(),
-        disk->getEncryptionIV());
+        disk->getEncryptionIV(), disk->getExtentStartSector(index));
     extent->checkMatchesDisk(disk->getExtentInfos()[static_cast<size_t>(index)]->sizeSectors,
                              disk->getGrainSizeSectors(), disk->getCompressed(), sink);
     return extent;

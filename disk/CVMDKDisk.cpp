@@ -265,8 +265,16 @@ void CVMDKDisk::learnGrainGeometry()
         compressed = first.getCompressed();
     }
     grainSizeBytes = grainSizeSectors * vmdkSectorSize;
-    for (auto& entry : extents)
-        entry.second.startGrainIndex = (entry.first.startSector + grainSizeSectors - 1) / grainSizeSectors;
+    // Grains are numbered across the extents in order, so that each grain of
+    // the disk gets its own number (and IV) even where an extent does not
+    // begin on a grain boundary; where all do, this is start / grain size.
+    long long grains = 0;
+    for (size_t i = 0; i < extentInfos.size(); ++i) {
+        extentStartGrains.push_back(grains);
+        long long sizeSectors = extentInfos[i]->sizeSectors;
+        if (sizeSectors > 0) extents[CExtentKey{extentStartSectors[i], sizeSectors}].startGrainIndex = grains;
+        grains += (sizeSectors + grainSizeSectors - 1) / grainSizeSectors;
+    }
 }
 
 zu::CURI CVMDKDisk::getExtentURI(int index) const
@@ -276,9 +284,10 @@ zu::CURI CVMDKDisk::getExtentURI(int index) const
 
 long long CVMDKDisk::getExtentStartGrainIndex(int index) const
 {
-    long long start = extentStartSectors.at(static_cast<size_t>(index));
-    return (start + grainSizeSectors - 1) / grainSizeSectors;
+    return extentStartGrains.at(static_cast<size_t>(index));
 }
+
+long long CVMDKDisk::getExtentStartSector(int index) const { return extentStartSectors.at(static_cast<size_t>(index)); }
 
 CVMDKDisk* CVMDKDisk::getParentDisk() { return parentDataProvider ? parentDataProvider->getParentDisk() : nullptr; }
 
@@ -310,9 +319,9 @@ zu::P<IVMDKExtentFile> CVMDKDisk::openExtent(const CExtentKey& key, const CExten
             checkOnDemandExtentLocation(uri);
             long long capacity = (key.sizeSectors + grainSizeSectors - 1) / grainSizeSectors * grainSizeSectors;
             extent = zu::newObj<CVMDKOnDemandExtentFile>(
-                fileSystem, uri, access, value.startGrainIndex, grainSizeSectors, capacity, key.sizeSectors, compressed,
-                compressionLevel, parentDataProvider.get(), grainTableCache, contentIDUpdater, cipher, encryptionKey,
-                encryptionIV, encryptionKeyHash);
+                fileSystem, uri, access, value.startGrainIndex, key.startSector, grainSizeSectors, capacity,
+                key.sizeSectors, compressed, compressionLevel, parentDataProvider.get(), grainTableCache,
+                contentIDUpdater, cipher, encryptionKey, encryptionIV, encryptionKeyHash);
         } catch (const std::exception& e) {
             zu::logError(e, "Error opening VMDK extent file on demand (path: '" + uri.toString(true) +
                                 "'). Letting exception through.");
@@ -322,10 +331,11 @@ zu::P<IVMDKExtentFile> CVMDKDisk::openExtent(const CExtentKey& key, const CExten
         zu::P<zu::IIOStream> stream = openVMDKFileStream(fileSystem, uri, access);
         zu::P<CVMDKSparseExtentFile> sparse = zu::newObj<CVMDKSparseExtentFile>(
             stream, access, value.startGrainIndex, compressionLevel, grainTableCache, parentDataProvider.get(),
-            contentIDUpdater, cipher, encryptionKey, encryptionIV);
+            contentIDUpdater, cipher, encryptionKey, encryptionIV, key.startSector);
         sparse->checkMatchesDisk(key.sizeSectors, grainSizeSectors, compressed, throwVMDKProblem);
         extent = sparse;
     }
+    extent->setSyncEnabled(syncEnabled);
     return extent;
 }
 
@@ -424,6 +434,28 @@ void CVMDKDisk::flushChanges()
     if (access == zu::IIOStream::accessRead) return;
     if (currentExtent) currentExtent->flushChanges();
 }
+
+void CVMDKDisk::setSyncEnabled(bool enabled)
+{
+    syncEnabled = enabled;
+    if (currentExtent) currentExtent->setSyncEnabled(enabled);
+}
+
+void CVMDKDisk::syncFiles()
+{
+    flushChanges();
+    std::vector<zu::CURI> files{mainURI};
+    for (int i = 0; i < static_cast<int>(extentInfos.size()); ++i) files.push_back(getExtentURI(i).toNormalized());
+    std::sort(files.begin(), files.end());
+    files.erase(std::unique(files.begin(), files.end()), files.end());
+    for (const zu::CURI& file : files) {
+        if (!fileSystem->exists(file)) continue;
+        // Syncing a file makes what any stream wrote to it durable.
+        zu::P<zu::IIOStream> stream = fileSystem->openStream(file, zu::IIOStream::accessRead, zu::CProps());
+        zu::syncStream(*stream);
+    }
+}
+
 
 zu::P<CVMDKDataPreparer> CVMDKDisk::createDataPreparer()
 {

@@ -42,7 +42,8 @@ public:
     };
     struct CExtentValue {
         zu::CURI uri;
-        // Disk-wide index of the extent's first grain (rounded up).
+        // Disk-wide number of the extent's first grain: the grains of the
+        // extent lines before it, each line's rounded up.
         long long startGrainIndex;
     };
 
@@ -113,7 +114,19 @@ public:
     long long getPosition() const { return position; }
     void read(void* buffer, int bytes);
     void write(const void* buffer, int bytes);
+    // Makes the changes durable: grain data, then the metadata that points
+    // at it, then the headers marked clean, each synced before the next, so
+    // that a crash at any point leaves every byte old or new. A disk
+    // without changes writes and syncs nothing. After a failed write the
+    // changes stay pending and the next flushChanges retries them; after a
+    // failed sync the disk refuses every later change (open it again).
     void flushChanges();
+    // Off: flushChanges writes in the same order but syncs nothing, for a
+    // new disk that is put in place only when complete; syncFiles then
+    // makes it durable in one go. On by default.
+    void setSyncEnabled(bool enabled);
+    // Flushes, then syncs every file of the disk that exists.
+    void syncFiles();
 
     // Whole grains in prepared form (compressed and/or as stored, not
     // encrypted), at grain boundaries; each advances by one grain.
@@ -159,8 +172,10 @@ public:
     // Refuses (zu::CIOError code 5) an extent file to be made on demand
     // that does not lie beside the main file.
     void checkOnDemandExtentLocation(const zu::CURI& uri) const;
-    // Disk-wide index of the first grain of the extent line.
+    // Disk-wide number of the first grain of the extent line, and the
+    // sector where the line's extent begins in the disk.
     long long getExtentStartGrainIndex(int index) const;
+    long long getExtentStartSector(int index) const;
     // The disk's own data key (empty when not encrypted). For tools that
     // re-wrap the key under a new password.
     const zu::TCryptBuffer<unsigned char>& getEncryptionKey() const { return encryptionKey; }
@@ -203,8 +218,9 @@ private:
     zu::P<CVMDKParentDiskDataProvider> parentDataProvider;
     zu::P<CVMDKDescriptor> descriptor;
     zu::TArray<zu::P<CVMDKExtentInfo>> extentInfos;
-    // First sector of each extent line in the disk, in file order.
+    // First sector and first grain number of each extent line, in file order.
     std::vector<long long> extentStartSectors;
+    std::vector<long long> extentStartGrains;
     zu::TMap<CExtentKey, CExtentValue> extents;
     long long diskSizeSectors = 0;
     long long diskSizeBytes = 0;
@@ -218,6 +234,7 @@ private:
     long long currentExtentSizeBytes = 0;
     zu::P<CVMDKContentIDUpdater> contentIDUpdater;
     bool createExtentFilesOnDemand = false;
+    bool syncEnabled = true;
     zu::P<zu::CLockFile> lockFile;
     zu::P<pell::ICipher> cipher;
     zu::TCryptBuffer<unsigned char> encryptionKey;

@@ -190,13 +190,13 @@ void CVMDKDiskCreator::createSplitFiles()
                                         grainSizeSectors, zeros, nullptr, 0, keyHash);
         createdFiles.push_back(extentURI);
     }
-    zu::P<zu::IIOStream> stream = openVMDKFileStream(fileSystem, uri, zu::IIOStream::accessCreateNew);
-    createdFiles.push_back(uri);
     descriptor->setEncodingUTF8();
     long long textBytes = static_cast<long long>(descriptor->toString().toUTF8().size());
     long long fileBytes = roundUp(textBytes + descriptorFileRoomBytes, vmdkSectorSize);
-    descriptor->store(*stream, static_cast<int>(fileBytes), zeros);
-    stream->close();
+    createVMDKFileAtomically(fileSystem, uri, [&](zu::IIOStream& stream) {
+        descriptor->store(stream, static_cast<int>(fileBytes), zeros);
+    });
+    createdFiles.push_back(uri);
 }
 
 void CVMDKDiskCreator::createFiles()

@@ -4,6 +4,7 @@
 #include "base/Log.h"
 #include "disk/CVMDKDisk.h"
 #include "format/VMDKFileReference.h"
+#include "format/VMDKMarker.h"
 
 #include <algorithm>
 #include <cstring>
@@ -90,9 +91,15 @@ void CVMDKParentDiskDataProvider::getData(long long position, void* buffer, int 
 bool CVMDKParentDiskDataProvider::isGrainWritten(long long position)
 {
     ensureParentDiskOpen();
-    if (position >= parentDiskSize) return false;
-    parentDisk->seek(position);
-    return parentDisk->isGrainWritten();
+    // A child grain that does not begin on a grain boundary of the parent
+    // (its extent does not) covers two of the parent's grains.
+    long long end = std::min(parentDiskSize, position + grainSizeSectors * vmdkSectorSize);
+    long long parentGrainBytes = parentDisk->getGrainSizeBytes();
+    for (long long at = position; at < end; at = (at / parentGrainBytes + 1) * parentGrainBytes) {
+        parentDisk->seek(at);
+        if (parentDisk->isGrainWritten()) return true;
+    }
+    return false;
 }
 
 void CVMDKParentDiskDataProvider::getPreparedGrainData(long long position, zu::TBuffer<unsigned char>& preparedData,
@@ -108,9 +115,10 @@ void CVMDKParentDiskDataProvider::getPreparedGrainData(long long position, zu::T
                              .set("expectedGrainSize", grainSizeBytes)
                              .set("childURI", childURI.toString(true))
                              .set("parentURI", parentURI.toString(true)));
-    // A last grain that the parent holds only in part is passed as plain
-    // data prepared here, like the grains past the parent's end.
-    if (position + grainSizeBytes <= parentDiskSize) {
+    // A last grain that the parent holds only in part, or one that lies
+    // across two of the parent's grains, is passed as plain data prepared
+    // here, like the grains past the parent's end.
+    if (position + grainSizeBytes <= parentDiskSize && position % grainSizeBytes == 0) {
         parentDisk->seek(position);
         parentDisk->readPreparedGrainData(preparedData);
         return;

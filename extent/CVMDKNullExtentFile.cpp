@@ -9,10 +9,11 @@
 
 namespace kord {
 
-CVMDKNullExtentFile::CVMDKNullExtentFile(const zu::CURI& uri, long long startGrainIndex, long long grainSizeSectors,
-                                         long long capacitySectors, long long sizeSectors, bool compressed,
-                                         int compressionLevel, IVMDKDataProvider* fallback)
-    : uri(uri), startGrainIndex(startGrainIndex), grainSizeSectors(grainSizeSectors), compressed(compressed),
+CVMDKNullExtentFile::CVMDKNullExtentFile(const zu::CURI& uri, long long startGrainIndex, long long startSector,
+                                         long long grainSizeSectors, long long capacitySectors, long long sizeSectors,
+                                         bool compressed, int compressionLevel, IVMDKDataProvider* fallback)
+    : uri(uri), startGrainIndex(startGrainIndex), startSector(startSector), grainSizeSectors(grainSizeSectors),
+      compressed(compressed),
       compressionLevel(compressionLevel), sizeBytes(std::min(capacitySectors, sizeSectors) * vmdkSectorSize),
       fallback(fallback)
 {
@@ -80,7 +81,7 @@ void CVMDKNullExtentFile::readPreparedGrainData(zu::TBuffer<unsigned char>& out)
             if (prepared.get() != preparedZeroGrain.get()) preparedZeroGrain = prepared;
         }
         out.assign(preparedZeroGrain->getData(), preparedZeroGrain->getUsed());
-        preparer->patchGrainIndexInPreparedGrainData(out, diskPosition() / grainBytes);
+        preparer->patchGrainIndexInPreparedGrainData(out, startGrainIndex + position / grainBytes);
     }
     position += grainBytes;
 }

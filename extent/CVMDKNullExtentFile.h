@@ -9,11 +9,12 @@ namespace kord {
 
 class CVMDKNullExtentFile : public zu::CBase, public IVMDKExtentFile {
 public:
-    // The extent holds sizeSectors sectors; capacitySectors (the size the
-    // file will have, a whole number of grains) only has to be at least that.
-    CVMDKNullExtentFile(const zu::CURI& uri, long long startGrainIndex, long long grainSizeSectors,
-                        long long capacitySectors, long long sizeSectors, bool compressed, int compressionLevel,
-                        IVMDKDataProvider* fallback);
+    // The extent holds sizeSectors sectors from startSector of the disk on;
+    // capacitySectors (the size the file will have, a whole number of
+    // grains) only has to be at least that.
+    CVMDKNullExtentFile(const zu::CURI& uri, long long startGrainIndex, long long startSector,
+                        long long grainSizeSectors, long long capacitySectors, long long sizeSectors, bool compressed,
+                        int compressionLevel, IVMDKDataProvider* fallback);
 
     void setFallbackDataProvider(IVMDKDataProvider* provider) override { fallback = provider; }
     long long getStartGrainIndex() const override { return startGrainIndex; }
@@ -25,6 +26,7 @@ public:
     int read(void* data, int bytes) override;
     void write(const void* data, int bytes) override;
     void flushChanges() override {}
+    void setSyncEnabled(bool) override {}
     zu::P<CVMDKDataPreparer> createDataPreparer() override;
     void writePreparedGrainData(const zu::TBuffer<unsigned char>& preparedData) override;
     void readPreparedGrainData(zu::TBuffer<unsigned char>& preparedData) override;
@@ -35,10 +37,11 @@ public:
 
 private:
     zu::CProps uriProps() const { return zu::CProps().set("uri", uri.toString(true)); }
-    long long diskPosition() const { return startGrainIndex * grainSizeSectors * 512 + position; }
+    long long diskPosition() const { return startSector * 512 + position; }
 
     zu::CURI uri;
     long long startGrainIndex;
+    long long startSector;
     long long grainSizeSectors;
     bool compressed;
     int compressionLevel;

@@ -9,15 +9,16 @@
 namespace kord {
 
 CVMDKOnDemandExtentFile::CVMDKOnDemandExtentFile(zu::IFileSystem* fileSystem, const zu::CURI& uri, int access,
-                                                 long long startGrainIndex, long long grainSizeSectors,
-                                                 long long capacitySectors, long long sizeSectors, bool compressed,
+                                                 long long startGrainIndex, long long startSector,
+                                                 long long grainSizeSectors, long long capacitySectors,
+                                                 long long sizeSectors, bool compressed,
                                                  int compressionLevel, IVMDKDataProvider* fallback,
                                                  CVMDKGrainTableCache* grainTableCache,
                                                  CVMDKContentIDUpdater* contentIDUpdater, pell::ICipher* cipher,
                                                  const zu::TCryptBuffer<unsigned char>& key,
                                                  const zu::TBuffer<unsigned char>& iv,
                                                  const zu::TBuffer<unsigned char>& keyHash)
-    : fileSystem(fileSystem), uri(uri), access(access), startGrainIndex(startGrainIndex),
+    : fileSystem(fileSystem), uri(uri), access(access), startGrainIndex(startGrainIndex), startSector(startSector),
       grainSizeSectors(grainSizeSectors), capacitySectors(capacitySectors), sizeSectors(sizeSectors),
       compressed(compressed), compressionLevel(compressionLevel), fallback(fallback),
       grainTableCache(grainTableCache), contentIDUpdater(contentIDUpdater), cipher(cipher), key(key), iv(iv),
@@ -31,19 +32,27 @@ void CVMDKOnDemandExtentFile::updateInnerFileObject(bool missing)
     long long position = inner ? inner->getPosition() : -1;
     zu::P<IVMDKExtentFile> next;
     if (missing) {
-        next = zu::newObj<CVMDKNullExtentFile>(uri, startGrainIndex, grainSizeSectors, capacitySectors, sizeSectors,
-                                               compressed, compressionLevel, fallback);
+        next = zu::newObj<CVMDKNullExtentFile>(uri, startGrainIndex, startSector, grainSizeSectors, capacitySectors,
+                                               sizeSectors, compressed, compressionLevel, fallback);
     } else {
         zu::P<zu::IIOStream> stream = openVMDKFileStream(fileSystem, uri, access);
         zu::P<CVMDKSparseExtentFile> sparse = zu::newObj<CVMDKSparseExtentFile>(
-            stream, access, startGrainIndex, compressionLevel, grainTableCache, fallback, contentIDUpdater, cipher, key, iv);
+            stream, access, startGrainIndex, compressionLevel, grainTableCache, fallback, contentIDUpdater, cipher, key, iv,
+            startSector);
         // Also a file that someone else made since the disk was opened.
         sparse->checkMatchesDisk(sizeSectors, grainSizeSectors, compressed, throwVMDKProblem);
         next = sparse;
     }
     fileMissing = missing;
     inner = next;
+    inner->setSyncEnabled(syncEnabled);
     if (position >= 0) inner->seek(position);
+}
+
+void CVMDKOnDemandExtentFile::setSyncEnabled(bool enabled)
+{
+    syncEnabled = enabled;
+    inner->setSyncEnabled(enabled);
 }
 
 void CVMDKOnDemandExtentFile::prepareWrite()

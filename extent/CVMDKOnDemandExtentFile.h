@@ -16,10 +16,12 @@ namespace kord {
 class CVMDKOnDemandExtentFile : public zu::CBase, public IVMDKExtentFile {
 public:
     // capacitySectors (a whole number of grains) becomes the new file's
-    // capacity; sizeSectors is the extent line's size. keyHash is the disk
-    // key's hash, written into the new file's header of an encrypted disk.
+    // capacity; sizeSectors is the extent line's size, from startSector of
+    // the disk on. keyHash is the disk key's hash, written into the new
+    // file's header of an encrypted disk.
     CVMDKOnDemandExtentFile(zu::IFileSystem* fileSystem, const zu::CURI& uri, int access, long long startGrainIndex,
-                            long long grainSizeSectors, long long capacitySectors, long long sizeSectors,
+                            long long startSector, long long grainSizeSectors, long long capacitySectors,
+                            long long sizeSectors,
                             bool compressed, int compressionLevel, IVMDKDataProvider* fallback,
                             CVMDKGrainTableCache* grainTableCache, CVMDKContentIDUpdater* contentIDUpdater,
                             pell::ICipher* cipher, const zu::TCryptBuffer<unsigned char>& key,
@@ -35,6 +37,7 @@ public:
     int read(void* data, int bytes) override { return inner->read(data, bytes); }
     void write(const void* data, int bytes) override;
     void flushChanges() override { inner->flushChanges(); }
+    void setSyncEnabled(bool enabled) override;
     zu::P<CVMDKDataPreparer> createDataPreparer() override { return inner->createDataPreparer(); }
     void writePreparedGrainData(const zu::TBuffer<unsigned char>& preparedData) override;
     void readPreparedGrainData(zu::TBuffer<unsigned char>& preparedData) override
@@ -58,6 +61,7 @@ private:
     zu::CURI uri;
     int access;
     long long startGrainIndex;
+    long long startSector;
     long long grainSizeSectors;
     long long capacitySectors;
     long long sizeSectors;
@@ -71,6 +75,7 @@ private:
     zu::TBuffer<unsigned char> iv;
     zu::TBuffer<unsigned char> keyHash;
     bool fileMissing = true;
+    bool syncEnabled = true;
     zu::P<IVMDKExtentFile> inner;
 };
 

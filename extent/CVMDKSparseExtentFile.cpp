@@ -27,7 +27,7 @@ CVMDKSparseExtentFile::CVMDKSparseExtentFile(zu::IIOStream* stream, int access, 
                                              int compressionLevel, CVMDKGrainTableCache* grainTableCache,
                                              IVMDKDataProvider* fallback, CVMDKContentIDUpdater* contentIDUpdater,
                                              pell::ICipher* cipher, const zu::TCryptBuffer<unsigned char>& key,
-                                             const zu::TBuffer<unsigned char>& iv)
+                                             const zu::TBuffer<unsigned char>& iv, long long startSector)
     : stream(stream), access(access), startGrainIndex(startGrainIndex), compressionLevel(compressionLevel),
       grainTableCache(grainTableCache), fallback(fallback), contentIDUpdater(contentIDUpdater),
       header(zu::newObj<CVMDKSparseExtentHeader>())
@@ -68,13 +68,12 @@ CVMDKSparseExtentFile::CVMDKSparseExtentFile(zu::IIOStream* stream, int access, 
     // tables it writes back land on nothing else.
     if (access == zu::IIOStream::accessReadWrite) CVMDKSparseExtentVerifier(*this, throwVMDKProblem).verifyLayout();
 
-    long long fileSize = bounds.fileSizeBytes;
-    long long dataEnd = std::max(header->overHead * vmdkSectorSize,
-                                 (fileSize + vmdkSectorSize - 1) / vmdkSectorSize * vmdkSectorSize);
     zu::TBuffer<unsigned char> trail = compressed ? makeTrail() : zu::TBuffer<unsigned char>();
-    allocator = zu::newObj<CVMDKGrainAllocator>(stream, access, dataEnd, fileSize - trail.getUsed(), directory, trail);
+    allocator = zu::newObj<CVMDKGrainAllocator>(stream, access, grainAreaStartSectors * vmdkSectorSize,
+                                                bounds.fileSizeBytes - trail.getUsed(), directory, trail);
+    long long startBytes = (startSector >= 0 ? startSector : startGrainIndex * header->grainSize) * vmdkSectorSize;
     grain = zu::newObj<CVMDKGrain>(stream, access, header->grainSize, allocator, compressed, compressionLevel, fallback,
-                                   cipher, key, iv);
+                                   cipher, key, iv, startBytes);
 }
 
 CVMDKSparseExtentFile::~CVMDKSparseExtentFile()
@@ -264,6 +263,7 @@ void CVMDKSparseExtentFile::write(const void* data, int bytes)
     if (bytes < 0 || position + bytes > sizeBytes)
         throw zu::CIOError(zu::CIOError::codeWrite, "Write exceeded VMDK extent size.",
                            uriProps().set("bytesToWrite", bytes).set("position", position));
+    flushIfCacheFull();
     onAboutToChange();
     const auto* in = static_cast<const unsigned char*>(data);
     long long done = 0;
@@ -299,6 +299,7 @@ void CVMDKSparseExtentFile::checkPreparedGrainOp(bool write)
 void CVMDKSparseExtentFile::writePreparedGrainData(const zu::TBuffer<unsigned char>& preparedData)
 {
     checkPreparedGrainOp(true);
+    flushIfCacheFull();
     onAboutToChange();
     grain->writePreparedGrainData(preparedData);
     position += grainSizeBytes;
@@ -314,12 +315,14 @@ void CVMDKSparseExtentFile::readPreparedGrainData(zu::TBuffer<unsigned char>& pr
 bool CVMDKSparseExtentFile::makeGrainIndependentOfParent(long long grainIndex)
 {
     verifyHaveWriteAccess();
+    throwIfFailed();
     seek(grainIndex * grainSizeBytes);
     beginIOOp(grainSizeBytes);
     verifyForWriting();
     // The disk's contents do not change, so its content ID stays; but the
     // file does, so it is marked as being changed.
-    markUnclean();
+    flushIfCacheFull();
+    beginChange(false);
     long long covered = grain->makeIndependentOfParent();
     position += grainSizeBytes;
     return covered > 0;
@@ -351,9 +354,11 @@ void CVMDKSparseExtentFile::onAboutToChange()
                          "ID updater.",
                          zu::String(), -1, uriProps());
     verifyHaveWriteAccess();
+    throwIfFailed();
     verifyForWriting();
-    if (contentIDUpdater->isRenewalPending()) contentIDUpdater->onDiskAboutToChange(stream->getURI(), stream);
-    markUnclean();
+    bool renewing = contentIDUpdater->isRenewalPending();
+    if (renewing) contentIDUpdater->onDiskAboutToChange(stream->getURI(), stream, syncEnabled);
+    beginChange(renewing);
 }
 
 // Before the first change, every grain table is read once and checked, and
@@ -367,15 +372,17 @@ void CVMDKSparseExtentFile::verifyForWriting()
     verifiedForWriting = true;
 }
 
-// The header says "unclean" on disk before the first change after a flush.
-void CVMDKSparseExtentFile::markUnclean()
+// Before the first change after a flush the header says "unclean" on disk,
+// and that (with a content ID just renewed in this file) is durable before
+// any grain changes.
+void CVMDKSparseExtentFile::beginChange(bool streamChanged)
 {
-    if (changedSinceFlush) return;
+    if (changedSinceFlush && !streamChanged) return;
     if (header->uncleanShutdown == 0) {
         header->uncleanShutdown = 1;
         storeHeader();
-        stream->flush();
     }
+    barrier();
     changedSinceFlush = true;
 }
 
@@ -386,20 +393,65 @@ void CVMDKSparseExtentFile::storeHeader()
     header->store(out);
 }
 
+void CVMDKSparseExtentFile::barrier()
+{
+    // A write that fails here leaves the changes pending: a later flush retries.
+    stream->flush();
+    if (!syncEnabled) return;
+    try {
+        zu::syncStream(*stream);
+    } catch (const std::exception& e) {
+        // What was written since the last sync may be lost without a trace
+        // (the system may have dropped it): nothing that could point at it
+        // may be written any more.
+        failure = std::make_shared<zu::CIOError>(
+            zu::CIOError::codeWrite,
+            "VMDK extent file could not be made durable; changes since the last flush may be lost. Open the disk "
+            "again to write to it.",
+            uriProps(), &e);
+        throw *failure;
+    }
+}
+
+void CVMDKSparseExtentFile::throwIfFailed() const
+{
+    if (failure) throw *failure;
+}
+
 void CVMDKSparseExtentFile::flushChanges()
 {
     if (access != zu::IIOStream::accessReadWrite) return;
-    // Data before the metadata that points to it, and the clean mark last.
+    throwIfFailed();
+    if (!changedSinceFlush) return;
+    writeChangesInOrder();
+    header->uncleanShutdown = 0;
+    storeHeader();
+    barrier();
+    changedSinceFlush = false;
+}
+
+// Grain data and the trail behind it, then the slot sizes, then the grain
+// tables: each durable before anything that points at it is written.
+void CVMDKSparseExtentFile::writeChangesInOrder()
+{
     grain->flushChangesToStream();
     allocator->flushChangesToStream();
-    directory->flushChangesToStream();
-    if (changedSinceFlush) {
-        header->uncleanShutdown = 0;
-        storeHeader();
-        changedSinceFlush = false;
-    }
-    stream->flush();
+    barrier();
+    allocator->beginCommit();
+    if (directory->flushChangesToStream([this] { barrier(); })) barrier();
+    allocator->commit();
 }
+
+// Tables with changes are never evicted from the cache; when they keep it
+// over its limit they are written now, so that it can shrink again.
+void CVMDKSparseExtentFile::flushIfCacheFull()
+{
+    if (!grainTableCache->isOverLimit() || !directory->hasChangedTables()) return;
+    writeChangesInOrder();
+    grainTableCache->enforceLimit();
+}
+
+void CVMDKSparseExtentFile::setSyncEnabled(bool enabled) { syncEnabled = enabled; }
 
 zu::P<CVMDKSpaceInfo> CVMDKSparseExtentFile::gatherSpaceInfo()
 {

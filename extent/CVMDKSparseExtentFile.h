@@ -6,16 +6,29 @@
 // writing also that no two metadata structures share sectors); the first
 // change reads and checks every grain table (CVMDKSparseExtentVerifier).
 // Reads and writes are split at grain boundaries and go through the one
-// grain object, after a check of the grain's table entry. Before the first change the content-ID updater is told and the
-// header's uncleanShutdown flag is set on disk; flushChanges writes grain
-// data, the trail, the grain tables and then the header with the flag
-// cleared, so that a flushed extent is consistent and marked clean.
+// grain object, after a check of the grain's table entry.
+//
+// Changes reach the disk in an order that keeps every crash point
+// consistent, each step made durable (synced) before the next: before the
+// first change after a flush, the renewed content ID and the header's
+// uncleanShutdown flag; then, at flushChanges, the grain data (with the
+// trail of a stream-optimized file), the slot-size tables, the grain tables
+// with their redundant copies, and last the header marked clean. An extent
+// without changes writes and syncs nothing. The same order is followed
+// when tables with changes fill the grain table cache.
+//
+// A write that fails leaves the changes pending: the next flushChanges
+// retries them all. A sync that fails means the system may have dropped
+// what was written since the last one; the extent then refuses every later
+// change and flush with that error, and only a fresh open of the disk
+// writes to it again.
 //
 // Made by the disk (and the on-demand extent); it holds its stream, header,
 // grain directory, allocator and grain, and shares the grain table cache,
 // the fallback provider, the content-ID updater and the cipher.
 #pragma once
 
+#include "base/CIOError.h"
 #include "base/IIOStream.h"
 #include "crypto/ICipher.h"
 #include "descriptor/CVMDKContentIDUpdater.h"
@@ -26,19 +39,25 @@
 #include "grain/CVMDKGrainDirectory.h"
 #include "grain/CVMDKGrainTableCache.h"
 
+#include <memory>
+
 namespace kord {
 
 class CVMDKSparseExtentFile : public zu::CBase, public IVMDKExtentFile {
 public:
     // Opens the extent on its stream. compressionLevel is handed to the
     // grains' compressor; cipher, key and iv are those of an encrypted disk
-    // (null, empty, empty otherwise). Throws zu::CIOError (code 5 corrupt,
-    // code 6 unsupported) or the encryption errors when the extent cannot be
-    // used; nothing is written while opening.
+    // (null, empty, empty otherwise). startGrainIndex numbers the extent's
+    // grains among the disk's (for their IVs); startSector is where the
+    // extent begins in the disk, for the fallback's data (-1: at grain
+    // startGrainIndex, for extents that begin on a grain boundary). Throws
+    // zu::CIOError (code 5 corrupt, code 6 unsupported) or the encryption
+    // errors when the extent cannot be used; nothing is written while opening.
     CVMDKSparseExtentFile(zu::IIOStream* stream, int access, long long startGrainIndex, int compressionLevel,
                           CVMDKGrainTableCache* grainTableCache, IVMDKDataProvider* fallback,
                           CVMDKContentIDUpdater* contentIDUpdater, pell::ICipher* cipher,
-                          const zu::TCryptBuffer<unsigned char>& key, const zu::TBuffer<unsigned char>& iv);
+                          const zu::TCryptBuffer<unsigned char>& key, const zu::TBuffer<unsigned char>& iv,
+                          long long startSector = -1);
     ~CVMDKSparseExtentFile() override;
 
     void setFallbackDataProvider(IVMDKDataProvider* provider) override;
@@ -52,6 +71,9 @@ public:
     void write(const void* data, int bytes) override;
     void flushChanges() override;
     zu::P<CVMDKDataPreparer> createDataPreparer() override { return grain->createDataPreparer(); }
+    // Off: changes are written in the same order but nothing is synced (for
+    // a new file that is made durable and put in place only when complete).
+    void setSyncEnabled(bool enabled) override;
     void writePreparedGrainData(const zu::TBuffer<unsigned char>& preparedData) override;
     void readPreparedGrainData(zu::TBuffer<unsigned char>& preparedData) override;
     bool makeGrainIndependentOfParent(long long grainIndex) override;
@@ -89,8 +111,12 @@ private:
     void verifyHaveWriteAccess() const;
     void onAboutToChange();
     void verifyForWriting();
-    void markUnclean();
+    void beginChange(bool streamChanged);
     void storeHeader();
+    void barrier();
+    void throwIfFailed() const;
+    void writeChangesInOrder();
+    void flushIfCacheFull();
     zu::CProps uriProps() const;
     void checkPreparedGrainOp(bool write);
 
@@ -114,6 +140,9 @@ private:
     bool changedSinceFlush = false;
     // Every grain table has been checked and the allocator knows their end.
     bool verifiedForWriting = false;
+    bool syncEnabled = true;
+    // The failed sync that stops every later change.
+    std::shared_ptr<const zu::CIOError> failure;
 };
 
 } // namespace kord

@@ -166,14 +166,6 @@ bool CVMDKSparseExtentVerifier::verifyGrainEntry(long long grainIndex, long long
 
 void CVMDKSparseExtentVerifier::verifyLayout() const
 {
-    long long fileSize = fileSizeBytes;
-    // New grains and the trail are appended at the end of a stream-optimized
-    // file; a partial sector there would put them off the sectors the tables
-    // can name.
-    if (extent.getCompressed() && fileSize % vmdkSectorSize != 0)
-        report(CVMDKProblem::kindPartialSector, "VMDK extent file size is not a whole number of sectors.",
-               zu::CProps().set("fileSize", fileSize));
-
     const CVMDKSparseExtentHeader& header = extent.getHeader();
     CVMDKGrainDirectory* directory = extent.getGrainDirectory();
     const zu::TBuffer<unsigned int>& entries = directory->getEntries();

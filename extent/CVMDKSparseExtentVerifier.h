@@ -8,8 +8,7 @@
 // hostile file must therefore not let any of these land on other data:
 // - the layout: metadata structures (header, descriptor area, both
 //   directories, every grain table and its copy, the slot-size directory
-//   and tables) do not share sectors, and a stream-optimized file, which
-//   grows by whole sectors behind its trail, ends on a sector boundary;
+//   and tables) do not share sectors;
 // - the grains: every written grain's slot lies in the grain area and in
 //   the file, has a size the grain fits, and shares no sector with another
 //   grain's slot.

@@ -26,8 +26,11 @@ public:
     virtual long long getPosition() const = 0;
     virtual int read(void* data, int bytes) = 0;
     virtual void write(const void* data, int bytes) = 0;
-    // Writes cached data and metadata to the file.
+    // Writes cached data and metadata to the file, durably in a crash-safe
+    // order (see CVMDKSparseExtentFile).
     virtual void flushChanges() = 0;
+    // Off: changes are written in the same order but nothing is synced.
+    virtual void setSyncEnabled(bool enabled) = 0;
     virtual zu::P<CVMDKDataPreparer> createDataPreparer() = 0;
     // One whole grain in prepared form, at a grain boundary; advances by one grain.
     virtual void writePreparedGrainData(const zu::TBuffer<unsigned char>& preparedData) = 0;

@@ -1,5 +1,7 @@
 #include "format/CVMDKLowLevelFileStream.h"
 
+#include "base/Log.h"
+
 namespace kord {
 
 namespace {
@@ -19,6 +21,31 @@ CVMDKLowLevelFileStream::CVMDKLowLevelFileStream(zu::IFileSystem* fileSystem, co
 zu::P<zu::IIOStream> openVMDKFileStream(zu::IFileSystem* fileSystem, const zu::CURI& uri, int access)
 {
     return zu::newObj<CVMDKLowLevelFileStream>(fileSystem, uri, access);
+}
+
+void createVMDKFileAtomically(zu::IFileSystem* fileSystem, const zu::CURI& uri,
+                              const std::function<void(zu::IIOStream& stream)>& fill)
+{
+    if (fileSystem->exists(uri))
+        throw zu::CFileSystemError(zu::CFileSystemError::problemAlreadyExists, "Cannot create the file: it exists.",
+                                   zu::CProps().set("uri", uri.toString(true)));
+    zu::CURI temporary(uri.getParent(), uri.getName() + ".kord-tmp");
+    fileSystem->deleteFile(temporary, true);
+    zu::P<zu::IIOStream> stream = openVMDKFileStream(fileSystem, temporary, zu::IIOStream::accessCreateNew);
+    try {
+        fill(*stream);
+        zu::syncStream(*stream);
+        stream->close();
+        fileSystem->renameFile(temporary, uri);
+    } catch (const std::exception&) {
+        try {
+            stream->close();
+            fileSystem->deleteFile(temporary, true);
+        } catch (const std::exception& e) {
+            zu::logError(e, "Error deleting a temporary file. Ignoring.");
+        }
+        throw;
+    }
 }
 
 } // namespace kord

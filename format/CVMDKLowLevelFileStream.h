@@ -6,6 +6,8 @@
 #include "base/COptimizingIOStream.h"
 #include "base/IFileSystem.h"
 
+#include <functional>
+
 namespace kord {
 
 class CVMDKLowLevelFileStream : public zu::COptimizingIOStream {
@@ -15,5 +17,14 @@ public:
 };
 
 zu::P<zu::IIOStream> openVMDKFileStream(zu::IFileSystem* fileSystem, const zu::CURI& uri, int access);
+
+// Makes the new file `uri` so that it appears whole or not at all: `fill`
+// writes the content into a stream on a temporary file beside it (the name
+// plus ".kord-tmp", replacing one an earlier attempt left), which is then
+// synced and renamed into place, durably. An existing file is not replaced:
+// zu::CFileSystemError problemAlreadyExists. On failure the temporary file
+// is deleted and the error passed on.
+void createVMDKFileAtomically(zu::IFileSystem* fileSystem, const zu::CURI& uri,
+                              const std::function<void(zu::IIOStream& stream)>& fill);
 
 } // namespace kord

@@ -17,7 +17,6 @@ const char* CVMDKProblem::getKindName(Kind kind)
     case kindCapacityTooSmall: return "capacityTooSmall";
     case kindUncleanShutdown: return "uncleanShutdown";
     case kindParentChanged: return "parentChanged";
-    case kindPartialSector: return "partialSector";
     case kindExtentMismatch: return "extentMismatch";
     case kindBadGrainData: return "badGrainData";
     case kindGrainLBAMismatch: return "grainLBAMismatch";

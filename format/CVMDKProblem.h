@@ -30,7 +30,6 @@ struct CVMDKProblem {
         kindCapacityTooSmall,    // header capacity below the descriptor's extent line
         kindUncleanShutdown,     // the extent was not closed cleanly
         kindParentChanged,       // the parent's content ID is not the one the child expects
-        kindPartialSector,       // a file that grows by whole sectors does not end on one
         kindExtentMismatch,      // an extent's grain size or compression differs from the disk's
         kindBadGrainData,        // a compressed grain's data does not expand to a grain
         kindGrainLBAMismatch,    // a compressed grain's header names another grain

@@ -166,26 +166,18 @@ void createEmptyVMDKSparseExtentFile(zu::IFileSystem* fileSystem, const zu::CURI
                                      long long descriptorSizeSectors, const zu::TBuffer<unsigned char>& keyHash)
 {
     checkLayoutArguments(grainCount, grainSizeSectors, descriptor != nullptr, descriptorSizeSectors, zeros, keyHash);
-    // A file that exists already is not ours to delete: the open fails first.
-    zu::P<zu::IIOStream> stream = openVMDKFileStream(fileSystem, uri, zu::IIOStream::accessCreateNew);
     try {
-        zu::CDataOutStream out(stream);
-        writeLayout(out, streamOptimized, grainCount, grainSizeSectors, zeros, descriptor, descriptorSizeSectors,
-                    keyHash);
-        stream->close();
+        createVMDKFileAtomically(fileSystem, uri, [&](zu::IIOStream& stream) {
+            zu::CDataOutStream out(&stream);
+            writeLayout(out, streamOptimized, grainCount, grainSizeSectors, zeros, descriptor, descriptorSizeSectors,
+                        keyHash);
+        });
     } catch (const std::exception& e) {
-        zu::logError(e, "Error in CVMDKDisk::createEmptySparseExtentFile ('" + uri.toString(true) +
-                            "'). Deleting file and letting error through.");
-        try {
-            stream->close();
-        } catch (const std::exception&) {
-            // The file is deleted below; what could not be written no longer matters.
-        }
-        try {
-            fileSystem->deleteFile(uri, true);
-        } catch (const std::exception& deleteError) {
-            zu::logError(deleteError, "Error deleting half-finished extent file. Ignoring.");
-        }
+        // A file that exists already is left alone, and its refusal is not news.
+        const auto* fileSystemError = dynamic_cast<const zu::CFileSystemError*>(&e);
+        if (!fileSystemError || fileSystemError->getProblem() != zu::CFileSystemError::problemAlreadyExists)
+            zu::logError(e, "Error in CVMDKDisk::createEmptySparseExtentFile ('" + uri.toString(true) +
+                                "'). Deleting file and letting error through.");
         throw;
     }
 }

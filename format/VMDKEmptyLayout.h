@@ -47,8 +47,9 @@ void writeEmptyVMDKSlotSizeDirectoryWithMarkerAndTablesWithMarkers(zu::CDataOutS
 // Creates a new extent file (it must not exist) with its complete empty
 // layout. `descriptor` may be null (no embedded descriptor); an empty
 // keyHash makes an unencrypted extent, a non-empty one an extended header
-// carrying it. On failure the half-written file is deleted and the error
-// passed on.
+// carrying it. The file appears whole and durable or not at all (it is
+// written under a temporary name and renamed into place); on failure the
+// half-written file is deleted and the error passed on.
 void createEmptyVMDKSparseExtentFile(zu::IFileSystem* fileSystem, const zu::CURI& uri, bool streamOptimized,
                                      long long grainCount, long long grainSizeSectors,
                                      const zu::TBuffer<unsigned char>& zeros, IVMDKDescriptorText* descriptor,

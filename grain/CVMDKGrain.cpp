@@ -2,9 +2,9 @@
 
 #include "base/CIOError.h"
 #include "base/Endian.h"
-#include "base/Log.h"
 #include "format/VMDKMarker.h"
 
+#include <algorithm>
 #include <cstring>
 
 namespace kord {
@@ -32,10 +32,11 @@ bool isAllZero(const unsigned char* p, long long bytes)
 
 CVMDKGrain::CVMDKGrain(zu::IIOStream* stream, int access, long long grainSizeSectors, IVMDKGrainAllocator* allocator,
                        bool compressed, int compressionLevel, IVMDKDataProvider* fallback, pell::ICipher* cipher,
-                       const zu::TCryptBuffer<unsigned char>& key, const zu::TBuffer<unsigned char>& diskIV)
+                       const zu::TCryptBuffer<unsigned char>& key, const zu::TBuffer<unsigned char>& diskIV,
+                       long long extentStartBytes)
     : stream(stream), access(access), allocator(allocator), grainSizeSectors(grainSizeSectors),
       grainSize(grainSizeSectors * vmdkSectorSize), compressed(compressed), compressionLevel(compressionLevel),
-      fallback(fallback), cipher(cipher), key(key), diskIV(diskIV),
+      fallback(fallback), cipher(cipher), key(key), diskIV(diskIV), extentStartBytes(extentStartBytes),
       preparer(zu::newObj<CVMDKDataPreparer>(grainSizeSectors, compressed, compressionLevel))
 {
     long long maxPreparedBytes = preparer->getMaxPreparedSectors() * vmdkSectorSize;
@@ -44,15 +45,6 @@ CVMDKGrain::CVMDKGrain(zu::IIOStream* stream, int access, long long grainSizeSec
         maxPreparedBytes = roundUp(maxPreparedBytes - header, cipher->getBlockSize()) + header;
     }
     maxCompressedSlotSectors = roundUp(maxPreparedBytes, vmdkSectorSize) / vmdkSectorSize;
-}
-
-CVMDKGrain::~CVMDKGrain()
-{
-    try {
-        flushChangesToStream();
-    } catch (const std::exception& e) {
-        zu::onExceptionInDestructorIgnored("kord::CVMDKGrain", e);
-    }
 }
 
 void CVMDKGrain::makeGrainEncryptIV(zu::TBuffer<unsigned char>& iv, const zu::TBuffer<unsigned char>& diskIV,
@@ -186,7 +178,7 @@ void CVMDKGrain::loadContents(unsigned char* target)
     try {
         if (posSectors <= 0) {
             if (fallback)
-                fallback->getData(diskGrainIndex * grainSize, target, static_cast<int>(grainSize));
+                fallback->getData(fallbackPosition(), target, static_cast<int>(grainSize));
             else
                 std::memset(target, 0, static_cast<size_t>(grainSize));
         } else if (compressed) {
@@ -285,7 +277,7 @@ void CVMDKGrain::write(const void* source, int bytes)
 bool CVMDKGrain::needsStoring(const unsigned char* plain) const
 {
     if (posSectors != 0 || !isAllZero(plain, grainSize)) return true;
-    return fallback && fallback->isGrainWritten(diskGrainIndex * grainSize);
+    return fallback && fallback->isGrainWritten(fallbackPosition());
 }
 
 void CVMDKGrain::storePlain(const unsigned char* plain)
@@ -378,7 +370,12 @@ void CVMDKGrain::writePreparedGrainDataInternal(const unsigned char* source, lon
         keep = nullptr;
     }
     long long sectors = roundUp(size, vmdkSectorSize) / vmdkSectorSize;
-    bool inPlace = posSectors > 0 && (!compressed || sectors <= slotSizeSectors);
+    // A torn write leaves every byte of a plain grain old or new, but makes
+    // a compressed or encrypted grain unreadable: those are rewritten in
+    // place only where no durable table points at them.
+    bool tearSafe = !compressed && !cipher;
+    bool inPlace = posSectors > 0 && (!compressed || sectors <= slotSizeSectors) &&
+                   (tearSafe || allocator->isSlotUncommitted(posSectors));
     if (inPlace) {
         stream->seek(posSectors * vmdkSectorSize);
         if (keep)
@@ -387,10 +384,17 @@ void CVMDKGrain::writePreparedGrainDataInternal(const unsigned char* source, lon
             stream->write(source, static_cast<int>(size));
         return;
     }
-    long long slot = compressed ? maxCompressedSlotSectors : grainSizeSectors;
+    // A moved grain's new slot is at least its old one: its slot size may
+    // become durable before the grain table entry that points at the new
+    // place, and the old grain must still fit in between.
+    long long slot = compressed ? std::max(maxCompressedSlotSectors, posSectors > 0 ? slotSizeSectors : 0)
+                                : grainSizeSectors;
+    long long oldPosSectors = posSectors;
+    long long oldSlotSizeSectors = slotSizeSectors;
     posSectors = keep ? allocator->allocNewGrainKeepBuffer(extentGrainIndex, *keep, static_cast<int>(slot))
                       : allocator->allocNewGrain(extentGrainIndex, source, static_cast<int>(size), static_cast<int>(slot));
     slotSizeSectors = slot;
+    if (oldPosSectors > 0) allocator->releaseSlot(oldPosSectors, oldSlotSizeSectors);
 }
 
 void CVMDKGrain::initZeroGrainData()
@@ -415,7 +419,7 @@ void CVMDKGrain::readPreparedGrainData(zu::TBuffer<unsigned char>& out)
     flushChangesToStream();
     if (posSectors <= 0) {
         if (fallback) {
-            fallback->getPreparedGrainData(diskGrainIndex * grainSize, out, static_cast<int>(grainSize), compressed);
+            fallback->getPreparedGrainData(fallbackPosition(), out, static_cast<int>(grainSize), compressed);
         } else {
             initZeroGrainData();
             out.assign(zeroGrainPrepared->getData(), zeroGrainPrepared->getUsed());
@@ -451,7 +455,7 @@ long long CVMDKGrain::makeIndependentOfParent()
     if (!fallback) return 0;
     long long result = grainSize;
     if (posSectors <= 0 && !dirty) {
-        fallback->getPreparedGrainData(diskGrainIndex * grainSize, parentGrain, static_cast<int>(grainSize), compressed);
+        fallback->getPreparedGrainData(fallbackPosition(), parentGrain, static_cast<int>(grainSize), compressed);
         writePreparedGrainData(parentGrain);
         result = parentGrain.getUsed();
     }
@@ -462,7 +466,7 @@ long long CVMDKGrain::makeIndependentOfParent()
 bool CVMDKGrain::isGrainWritten()
 {
     if (dirty || posSectors > 0) return true;
-    return fallback && fallback->isGrainWritten(diskGrainIndex * grainSize);
+    return fallback && fallback->isGrainWritten(fallbackPosition());
 }
 
 zu::P<CVMDKDataPreparer> CVMDKGrain::createDataPreparer() const

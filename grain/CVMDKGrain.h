@@ -11,6 +11,13 @@
 // change). Grains the extent does not hold read from the fallback data
 // provider (the parent disk) or as zeros.
 //
+// A rewrite stores in place only where a torn write cannot lose the grain:
+// plain grains, whose bytes each end up old or new, and slots that no
+// durable grain table points at yet. Compressed and encrypted grains
+// otherwise move to a fresh slot and give the old one back to the
+// allocator. Changes are stored when the grain is closed or flushed, never
+// by the destructor (the extent flushes in its order).
+//
 // Encrypted grains (AES-256-CBC, per-grain IV from makeGrainEncryptIV):
 // uncompressed grains are encrypted whole; compressed grains keep their
 // 12-byte header in the clear and have the rest (padded with zeros to the
@@ -30,10 +37,13 @@ namespace kord {
 
 class CVMDKGrain : public zu::CBase {
 public:
+    // extentStartBytes: where the extent begins in the disk, so that a grain
+    // the extent does not hold reads the fallback's data at its own place
+    // (an extent need not begin on a grain boundary of the disk).
     CVMDKGrain(zu::IIOStream* stream, int access, long long grainSizeSectors, IVMDKGrainAllocator* allocator,
                bool compressed, int compressionLevel, IVMDKDataProvider* fallback, pell::ICipher* cipher,
-               const zu::TCryptBuffer<unsigned char>& key, const zu::TBuffer<unsigned char>& diskIV);
-    ~CVMDKGrain() override;
+               const zu::TCryptBuffer<unsigned char>& key, const zu::TBuffer<unsigned char>& diskIV,
+               long long extentStartBytes);
 
     // The per-grain IV: the disk IV with the grain index's eight
     // little-endian bytes XORed in, repeated every eight bytes.
@@ -79,6 +89,8 @@ public:
 
 private:
     zu::CProps grainProps() const;
+    // The disk position of the grain, where the fallback provider has its data.
+    long long fallbackPosition() const { return extentStartBytes + extentGrainIndex * grainSize; }
     void dropCachedBuffers();
     void loadContents(unsigned char* target);
     void readUncompressedGrain(unsigned char* target);
@@ -106,6 +118,7 @@ private:
     zu::P<pell::ICipher> cipher;
     zu::TCryptBuffer<unsigned char> key;
     zu::TBuffer<unsigned char> diskIV;
+    long long extentStartBytes;
     zu::P<CVMDKDataPreparer> preparer;
 
     long long extentGrainIndex = -1;

@@ -55,13 +55,8 @@ CVMDKGrainDirectory::CVMDKGrainDirectory(zu::IIOStream* stream, int access, long
 
 CVMDKGrainDirectory::~CVMDKGrainDirectory()
 {
-    try {
-        flushChangesToStream();
-    } catch (const std::exception& e) {
-        zu::onExceptionInDestructorIgnored("kord::CVMDKGrainDirectory", e);
-    }
-    // Also when writing failed: a table left under this address would be
-    // taken for a table of the next directory made at the same address.
+    // A table left under this address would be taken for a table of the
+    // next directory made at the same address.
     try {
         cache->removeCachedTablesFromDirectory(this);
     } catch (const std::exception& e) {
@@ -201,13 +196,18 @@ zu::P<CVMDKGrainTable> CVMDKGrainDirectory::getGrainTable(long long tableIndex)
             long long slotTable = slotSizeDirectory.getUsed() > 0 ? slotSizeDirectory[i] : 0;
             table = zu::newObj<CVMDKGrainTable>(stream, access, grainSizeSectors, entries[i], redundant, slotTable,
                                                 grainTableEntryCount);
-            cache->setCachedTable(this, i, table);
+            if (table->hasUnflushedChanges()) staleRedundantTables.insert(i);
         }
-        if (i == tableIndex) requested = table;
+        if (i == tableIndex)
+            requested = table;
+        else
+            cache->setCachedTable(this, i, table);
     }
     if (!requested)
         throw zu::CError("Internal error: CVMDKGrainDirectory::getGrainTable updated the cache, but did not encounter "
                          "the requested table (requested index: " + zu::toString(tableIndex) + ")");
+    // Last, so that the rest of the batch cannot push it out at once.
+    cache->setCachedTable(this, tableIndex, requested);
     return requested;
 }
 
@@ -236,9 +236,22 @@ void CVMDKGrainDirectory::getGrainInfo(long long grainIndex, long long& pos, lon
 
 void CVMDKGrainDirectory::setGrainInfo(long long grainIndex, long long pos, long long slot)
 {
-    getGrainTable(grainIndex / grainTableEntryCount)->setGrainInfo(grainIndex % grainTableEntryCount, pos, slot);
+    long long tableIndex = grainIndex / grainTableEntryCount;
+    zu::P<CVMDKGrainTable> table = getGrainTable(tableIndex);
+    table->setGrainInfo(grainIndex % grainTableEntryCount, pos, slot);
+    // A changed table must be in the cache, where the flush finds it, even
+    // if a small cache let it go since it was loaded.
+    if (table->hasChanges()) cache->setCachedTable(this, tableIndex, table);
 }
 
-void CVMDKGrainDirectory::flushChangesToStream() { cache->flushCachedTablesFromDirectoryToStream(this); }
+bool CVMDKGrainDirectory::flushChangesToStream(const std::function<void()>& barrier)
+{
+    bool written = cache->flushCachedTablesFromDirectoryToStream(this, barrier);
+    // Stale copies of tables the cache has let go since: loaded again, they
+    // find their copy stale again.
+    for (auto it = staleRedundantTables.begin(); it != staleRedundantTables.end(); it = staleRedundantTables.erase(it))
+        written = getGrainTable(*it)->flushEntriesToStream() || written;
+    return written;
+}
 
 } // namespace kord

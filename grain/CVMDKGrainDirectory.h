@@ -16,7 +16,9 @@
 // or the descriptor area, or past the end of the file, is refused before
 // anything is written. Grain tables are loaded on demand, 32 at a time, into
 // the shared grain table cache. Directory entries never change after the
-// file is laid out.
+// file is laid out. Tables are written only by flushChangesToStream, which
+// the extent calls in its crash-safe order; dropping the directory drops
+// unflushed changes.
 #pragma once
 
 #include "base/IIOStream.h"
@@ -25,6 +27,7 @@
 #include "grain/CVMDKGrainTableCache.h"
 
 #include <functional>
+#include <set>
 
 namespace kord {
 
@@ -78,7 +81,14 @@ public:
     void forEachGrainTable(const std::function<void(long long, const CVMDKGrainTable&)>& visit);
     void getGrainInfo(long long grainIndex, long long& posSectors, long long& slotSizeSectors);
     void setGrainInfo(long long grainIndex, long long posSectors, long long slotSizeSectors);
-    void flushChangesToStream();
+    // Writes the changed slot-size tables, calls `barrier` when there were
+    // any (a grain table must not reach the disk before the slot sizes of
+    // the grains it points at), then writes the changed grain tables and
+    // their redundant copies, and the redundant copies found out of date
+    // since the last flush. Returns whether grain tables were written.
+    bool flushChangesToStream(const std::function<void()>& barrier);
+    // Some of its tables hold changes not yet written.
+    bool hasChangedTables() { return cache->hasChangedTablesFromDirectory(this); }
 
 private:
     void readDirectory(long long posSectors, zu::TBuffer<unsigned int>& out, const char* what);
@@ -104,6 +114,8 @@ private:
     long long capacitySectors;
     CBounds bounds;
     long long metadataEndSectors = 1;
+    // Tables loaded for writing whose redundant copy differed.
+    std::set<long long> staleRedundantTables;
 };
 
 } // namespace kord

@@ -1,7 +1,6 @@
 #include "grain/CVMDKGrainTable.h"
 
 #include "base/CError.h"
-#include "base/Log.h"
 #include "format/VMDKMarker.h"
 
 namespace kord {
@@ -21,6 +20,12 @@ CVMDKGrainTable::CVMDKGrainTable(zu::IIOStream* stream, int access, long long gr
       entryCount(entryCount)
 {
     load();
+    if (redundantPosSectors > 0 && access == zu::IIOStream::accessReadWrite) {
+        zu::TBuffer<unsigned int> copy(entryCount);
+        stream->seek(redundantPosSectors * vmdkSectorSize);
+        stream->read(copy.getData(), entryCount * 4);
+        redundantStale = copy != entries;
+    }
 }
 
 void CVMDKGrainTable::load()
@@ -42,15 +47,6 @@ void CVMDKGrainTable::reload(long long newPosSectors, long long newSlotSizeTable
     posSectors = newPosSectors;
     slotSizeTablePosSectors = newSlotSizeTablePosSectors;
     load();
-}
-
-CVMDKGrainTable::~CVMDKGrainTable()
-{
-    try {
-        flushChangesToStream();
-    } catch (const std::exception& e) {
-        zu::onExceptionInDestructorIgnored("kord::CVMDKGrainTable", e, true);
-    }
 }
 
 zu::CProps CVMDKGrainTable::uriProps() const { return zu::CProps().set("uri", stream->getURI().toString(true)); }
@@ -96,22 +92,29 @@ void CVMDKGrainTable::setGrainInfo(long long index, long long pos, long long slo
     }
 }
 
-void CVMDKGrainTable::flushChangesToStream()
+bool CVMDKGrainTable::flushSlotSizesToStream()
 {
+    if (!slotSizesDirty) return false;
+    stream->seek(slotSizeTablePosSectors * vmdkSectorSize);
+    stream->write(slotSizes.getData(), entryCount * 2);
+    slotSizesDirty = false;
+    return true;
+}
+
+bool CVMDKGrainTable::flushEntriesToStream()
+{
+    if (!entriesDirty && !redundantStale) return false;
     if (entriesDirty) {
         stream->seek(posSectors * vmdkSectorSize);
         stream->write(entries.getData(), entryCount * 4);
-        if (redundantPosSectors > 0) {
-            stream->seek(redundantPosSectors * vmdkSectorSize);
-            stream->write(entries.getData(), entryCount * 4);
-        }
-        entriesDirty = false;
     }
-    if (slotSizesDirty) {
-        stream->seek(slotSizeTablePosSectors * vmdkSectorSize);
-        stream->write(slotSizes.getData(), entryCount * 2);
-        slotSizesDirty = false;
+    if (redundantPosSectors > 0) {
+        stream->seek(redundantPosSectors * vmdkSectorSize);
+        stream->write(entries.getData(), entryCount * 4);
     }
+    entriesDirty = false;
+    redundantStale = false;
+    return true;
 }
 
 } // namespace kord

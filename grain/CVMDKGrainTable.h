@@ -6,8 +6,15 @@
 //   grain table      4 bytes per grain  sector of the grain's data, 0 = none
 //   slot-size table  2 bytes per grain  sectors of the grain's slot
 // Tables are made by the grain directory, which checked their positions,
-// and live in the grain table cache, which decides when they are written
-// back and dropped. The destructor writes unflushed changes.
+// and live in the grain table cache. They are written only when their
+// extent flushes, in its crash-safe order (slot-size tables before the grain
+// tables that point at them, both after the grain data): a table never
+// writes itself, not even when dropped, since a table written out of that
+// order could point at grain data that never reached the disk.
+//
+// A table loaded for writing compares its redundant copy with the entries:
+// a copy left behind by a write that failed or was cut short is written
+// again with the next flush.
 #pragma once
 
 #include "base/IIOStream.h"
@@ -20,7 +27,6 @@ public:
     // Loads the table (one read per buffer). Stream errors pass through.
     CVMDKGrainTable(zu::IIOStream* stream, int access, long long grainSizeSectors, long long posSectors,
                     long long redundantPosSectors, long long slotSizeTablePosSectors, int entryCount);
-    ~CVMDKGrainTable() override;
 
     // Reads another table of the same file into this one, reusing its
     // buffers: for scans of every table. Only for tables opened read-only,
@@ -32,10 +38,22 @@ public:
     void getGrainInfo(long long index, long long& posSectors, long long& slotSizeSectors) const;
     // Marks the table dirty only where a value changes.
     void setGrainInfo(long long index, long long posSectors, long long slotSizeSectors);
-    bool hasUnflushedChanges() const { return entriesDirty || slotSizesDirty; }
+    // Changes made here and not yet written.
+    bool hasChanges() const { return entriesDirty || slotSizesDirty; }
+    // Those, or a redundant copy found out of date.
+    bool hasUnflushedChanges() const { return hasChanges() || redundantStale; }
     bool hasSlotSizes() const { return slotSizes.getUsed() > 0; }
-    // Writes the dirty buffers (the entries also to the redundant copy).
-    void flushChangesToStream();
+    // Each writes its part when it has changes and says whether it wrote;
+    // a part stays dirty until its writes succeeded, so a later flush retries.
+    bool flushSlotSizesToStream();
+    // The entries, to the table and its redundant copy (the copy alone when
+    // only it is out of date).
+    bool flushEntriesToStream();
+    void flushChangesToStream()
+    {
+        flushSlotSizesToStream();
+        flushEntriesToStream();
+    }
 
 private:
     void load();
@@ -50,6 +68,8 @@ private:
     int entryCount;
     zu::TBuffer<unsigned int> entries;
     bool entriesDirty = false;
+    // The redundant copy on disk differs from the entries.
+    bool redundantStale = false;
     zu::TBuffer<unsigned short> slotSizes;
     bool slotSizesDirty = false;
 };

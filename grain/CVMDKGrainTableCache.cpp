@@ -16,6 +16,9 @@ CVMDKGrainTableCache::CKey lastKey(CVMDKGrainDirectory* directory) { return {dir
 CVMDKGrainTableCache::CVMDKGrainTableCache(int limit)
     : cache(zu::newObj<zu::TMostRecentlyUsedCache<CKey, CVMDKGrainTable>>(limit))
 {
+    // A stale redundant copy alone is no reason to keep a table: it is found
+    // again when the table is loaded again.
+    cache->setEvictionFilter([](const CVMDKGrainTable& table) { return !table.hasChanges(); });
 }
 
 zu::P<CVMDKGrainTable> CVMDKGrainTableCache::getCachedTable(CVMDKGrainDirectory* directory, long long tableIndex)
@@ -28,6 +31,14 @@ void CVMDKGrainTableCache::setCachedTable(CVMDKGrainDirectory* directory, long l
     cache->set(CKey{directory, tableIndex}, table);
 }
 
+bool CVMDKGrainTableCache::hasChangedTablesFromDirectory(CVMDKGrainDirectory* directory) const
+{
+    bool changed = false;
+    cache->forEachInRange(firstKey(directory), lastKey(directory),
+                          [&changed](const CKey&, CVMDKGrainTable* table) { changed = changed || table->hasChanges(); });
+    return changed;
+}
+
 void CVMDKGrainTableCache::removeCachedTablesFromDirectory(CVMDKGrainDirectory* directory)
 {
     zu::TList<CKey> keys;
@@ -36,10 +47,19 @@ void CVMDKGrainTableCache::removeCachedTablesFromDirectory(CVMDKGrainDirectory* 
     for (const CKey& key : keys) cache->remove(key);
 }
 
-void CVMDKGrainTableCache::flushCachedTablesFromDirectoryToStream(CVMDKGrainDirectory* directory)
+bool CVMDKGrainTableCache::flushCachedTablesFromDirectoryToStream(CVMDKGrainDirectory* directory,
+                                                                  const std::function<void()>& barrier)
 {
-    cache->forEachInRange(firstKey(directory), lastKey(directory),
-                          [](const CKey&, CVMDKGrainTable* table) { table->flushChangesToStream(); });
+    bool slotSizes = false;
+    bool entries = false;
+    cache->forEachInRange(firstKey(directory), lastKey(directory), [&slotSizes](const CKey&, CVMDKGrainTable* table) {
+        slotSizes = table->flushSlotSizesToStream() || slotSizes;
+    });
+    if (slotSizes) barrier();
+    cache->forEachInRange(firstKey(directory), lastKey(directory), [&entries](const CKey&, CVMDKGrainTable* table) {
+        entries = table->flushEntriesToStream() || entries;
+    });
+    return entries;
 }
 
 } // namespace kord

@@ -2,16 +2,19 @@
 // shares the cache), in a bounded most-recently-used cache, so that memory
 // stays bounded however large the disk is. The limit counts tables.
 //
-// Evicting a table drops the cache's reference; a dirty table writes itself
-// back when its last reference goes. Switching automatic limiting off lets
-// the cache grow (no table is evicted, hence none written) until it is
-// switched on again or the tables are flushed.
+// Evicting a table drops the cache's reference. Tables with unflushed
+// changes are never evicted: they are written only by their extent's flush,
+// in its crash-safe order, so the cache may hold more than its limit until
+// the extent flushes (it does so when it sees the cache over its limit).
+// Switching automatic limiting off lets the cache grow until it is switched
+// on again.
 #pragma once
 
 #include "base/TMostRecentlyUsedCache.h"
 #include "grain/CVMDKGrainTable.h"
 
 #include <cstdint>
+#include <functional>
 
 namespace kord {
 
@@ -44,11 +47,18 @@ public:
     int getCachedTableCount() const { return cache->getCount(); }
     void setAutoEnforceLimit(bool enabled) { cache->setAutoEnforceLimit(enabled); }
     void enforceLimit() { cache->enforceLimit(); }
+    // More tables are held than the limit allows, because tables with
+    // unflushed changes may not go (only while automatic limiting is on).
+    bool isOverLimit() const { return cache->getAutoEnforceLimit() && cache->isOverLimit(); }
+    bool hasChangedTablesFromDirectory(CVMDKGrainDirectory* directory) const;
     // Drops the directory's tables without writing them (callers flush first).
     void removeCachedTablesFromDirectory(CVMDKGrainDirectory* directory);
-    // Writes the directory's dirty tables in ascending table order; the
-    // first error stops and propagates.
-    void flushCachedTablesFromDirectoryToStream(CVMDKGrainDirectory* directory);
+    // Writes the directory's dirty slot-size tables, then, once `barrier`
+    // has made them durable, its dirty grain tables, each pass in ascending
+    // table order; the first error stops and propagates. Returns whether
+    // any grain table was written (the caller's barrier comes next).
+    bool flushCachedTablesFromDirectoryToStream(CVMDKGrainDirectory* directory,
+                                                const std::function<void()>& barrier);
     void clear() { cache->clear(); }
 
 private:

@@ -1,4 +1,5 @@
-// Hands out file space for grains that have none yet.
+// Hands out file space for grains that have none yet, and takes back the
+// space of grains that moved.
 #pragma once
 
 #include "base/CBase.h"
@@ -18,6 +19,13 @@ public:
     virtual long long allocNewGrainKeepBuffer(long long extentGrainIndex,
                                               const zu::TConstBufferSlice<unsigned char>& data,
                                               int slotSizeSectors) = 0;
+    // Whether no durable grain table can point at the slot: it was handed
+    // out since the tables last became durable. Such a slot may be
+    // rewritten in place even where a torn write would destroy the grain.
+    virtual bool isSlotUncommitted(long long posSectors) const = 0;
+    // The grain left this slot for another; the slot is handed out again
+    // once no durable grain table can point at it any more.
+    virtual void releaseSlot(long long posSectors, long long slotSizeSectors) = 0;
 };
 
 } // namespace kord

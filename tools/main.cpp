@@ -1,6 +1,7 @@
 // kord: reads, writes, makes, converts and checks VMDK virtual disks
 // through libkord. Every error ends the program with one line on standard
-// error ("kord: <message> <properties>") and exit status 2.
+// error ("kord: <message> <properties>") and exit status 2; so does a
+// failure that the library could only report from a destructor.
 #include "CatCommand.h"
 #include "CheckCommand.h"
 #include "ConvertCommand.h"
@@ -10,6 +11,8 @@
 #include "PasswdCommand.h"
 #include "ToolSupport.h"
 #include "WriteCommand.h"
+
+#include "base/Log.h"
 
 #include <CLI/CLI.hpp>
 
@@ -40,5 +43,6 @@ int main(int argc, char** argv)
         return kordtool::exitFailure;
     }
     log.printHeldErrors();
+    if (zu::getIgnoredDestructorErrorCount() > 0) return kordtool::exitFailure;
     return exitCode;
 }

@@ -48,12 +48,14 @@ TEST(Log, sinkReceivesLinesAndIsRestored)
 TEST(Log, destructorIgnoredNamesClassAndWholeErrorAndSurvivesABrokenSink)
 {
     CaptureLog log;
+    const long long errorsBefore = zu::getIgnoredDestructorErrorCount();
     zu::CError cause("Disk full.");
     zu::CIOError error(zu::CIOError::codeWrite, "", zu::CProps().set("uri", "file:///x.vmdk"), &cause);
     zu::onExceptionInDestructorIgnored("kord::CVMDKGrain", error);
     zu::onExceptionInDestructorIgnored("kord::CVMDKDisk", std::runtime_error("plain"), false);
     zu::setLogSink([](zu::LogLevel, const zu::String&) { throw std::runtime_error("sink broken"); });
     zu::onExceptionInDestructorIgnored("kord::CVMDKDisk", error); // a failing sink is swallowed
+    EXPECT_EQ(errorsBefore + 2, zu::getIgnoredDestructorErrorCount()) << "errors are counted, warnings not";
     EXPECT_EQ(log.lines,
               (std::vector<std::string>{
                   "E Exception ignored in destructor of kord::CVMDKGrain: Error writing data. uri=file:///x.vmdk <- Disk full.",

@@ -182,14 +182,21 @@ TEST_P(DescriptorAccessorTest, contentIdChangesOnlyWithWriteAccess)
     const zu::CURI u = makeSparse("disk.vmdk");
     zu::P<CVMDKDescriptorAccessor> accessor = load(u);
     zu::P<CVMDKDescriptor> d = accessor->getDescriptor();
-    // The value the generator gives next is made the old one: it must be skipped.
+    // The value the generator gives next is made the old one: it must be
+    // skipped. Eight digits stay eight, so that the text keeps its length.
+    const auto eightDigits = [](unsigned r) { return 0x10000000u + r % 0xF0000000u; };
     {
         zu::CMutexLock lock(zu::getGlobalMutex());
         zu::CMTRand next(zu::CMTRand::getGlobal());
-        d->setContentID(next.rand32());
-        const unsigned fresh = next.rand32();
+        d->setContentID(eightDigits(next.rand32()));
+        const unsigned fresh = eightDigits(next.rand32());
         EXPECT_EQ(fresh, accessor->changeContentID());
         EXPECT_EQ(fresh, d->getContentID());
+    }
+    d->setContentID(0x2a);
+    for (int i = 0; i < 50; ++i) {
+        const unsigned old = d->getContentID(), renewed = accessor->changeContentID();
+        EXPECT_TRUE(renewed >= 0x10 && renewed <= 0xff && renewed != old) << renewed;
     }
 
     zu::P<CVMDKDescriptorAccessor> readOnly = load(u, zu::IIOStream::accessRead);
@@ -210,13 +217,13 @@ TEST_P(DescriptorAccessorTest, updaterRenewsContentIdOnceInTheRightFileThroughTh
     zu::P<kord::CVMDKContentIDUpdater> updater = zu::newObj<kord::CVMDKContentIDUpdater>(fs, spelled, disk);
     zu::P<zu::IIOStream> extent = kord::openVMDKFileStream(fs, u, zu::IIOStream::accessReadWrite);
     updater->setContentIDUpdatesEnabled(false);
-    updater->onDiskAboutToChange(u, extent);
+    updater->onDiskAboutToChange(u, extent, true);
     EXPECT_FALSE(updater->isDone());
     EXPECT_EQ(sparseCID, contentID(u));
     updater->setContentIDUpdatesEnabled(true);
-    updater->onDiskAboutToChange(u, extent);
+    updater->onDiskAboutToChange(u, extent, true);
     const unsigned renewed = contentID(u);
-    updater->onDiskAboutToChange(u, extent);   // a second change renews nothing
+    updater->onDiskAboutToChange(u, extent, true);   // a second change renews nothing
     EXPECT_TRUE(updater->isDone());
     EXPECT_NE(sparseCID, renewed);
     EXPECT_EQ(renewed, contentID(u));
@@ -229,7 +236,7 @@ TEST_P(DescriptorAccessorTest, updaterRenewsContentIdOnceInTheRightFileThroughTh
     zu::P<zu::TBuffer<unsigned char>> image = zu::newObj<zu::TBuffer<unsigned char>>(bytes.data(), bytes.size());
     const zu::CURI ghost = uri("ghost.vmdk");
     updater = zu::newObj<kord::CVMDKContentIDUpdater>(fs, ghost, disk);
-    updater->onDiskAboutToChange(ghost, zu::newObj<zu::CBufferStream>(image, 2.0, ghost));
+    updater->onDiskAboutToChange(ghost, zu::newObj<zu::CBufferStream>(image, 2.0, ghost), true);
     EXPECT_FALSE(fs->exists(ghost));
     EXPECT_NE(renewed, disk->getContentID());
     EXPECT_NE(bytes, Bytes(image->getData(), image->getData() + image->getUsed()));
@@ -246,17 +253,19 @@ TEST_P(DescriptorAccessorTest, updaterRewritesSeparateDescriptorFileInPlace)
     // A failed renewal is tried again at the next change.
     fs->deleteFile(u, false);
     zu::P<kord::CVMDKContentIDUpdater> updater = zu::newObj<kord::CVMDKContentIDUpdater>(fs, u, disk);
-    expectThrows<zu::CFileSystemError>([&] { updater->onDiskAboutToChange(uri("disk-s001.vmdk"), extentStream); });
+    expectThrows<zu::CFileSystemError>(
+        [&] { updater->onDiskAboutToChange(uri("disk-s001.vmdk"), extentStream, true); });
     EXPECT_FALSE(updater->isDone());
     makeText(separateText);
-    updater->onDiskAboutToChange(uri("disk-s001.vmdk"), extentStream);
+    updater->onDiskAboutToChange(uri("disk-s001.vmdk"), extentStream, true);
     EXPECT_TRUE(updater->isDone());
 
-    // Only the CID line changed, the size did not.
+    // Only the CID's digits changed, to as many digits.
     std::string expected = separateText;
-    expected.replace(expected.find("12345678"), 8, zu::toHexString(disk->getContentID()).toUTF8());
+    const std::string renewed = zu::toHexString(disk->getContentID()).toUTF8();
+    ASSERT_EQ(8u, renewed.size());
+    expected.replace(expected.find("12345678"), 8, renewed);
     EXPECT_NE(separateText, expected);
-    expected.resize(separateText.size(), '\0');   // a shorter hex number leaves zeros at the end
     EXPECT_EQ(Bytes(expected.begin(), expected.end()), readAll(fs, u));
 }
 

@@ -30,7 +30,7 @@ E expectError(const std::function<void()>& f, const std::string& message, long l
 std::string prop(const zu::CError& e, const char* name) { return e.getProp(name).toUTF8(); }
 
 // The local file system, failing where a test says: creating one named
-// file, or taking any lock.
+// file (under its name or a temporary one), or taking any lock.
 class FaultyFileSystem : public zu::CLocalFileSystem {
 public:
     FaultyFileSystem(const std::string& failCreating, bool failLocks) : failCreating(failCreating), failLocks(failLocks)
@@ -38,7 +38,9 @@ public:
     }
     zu::P<zu::IIOStream> openStream(const zu::CURI& uri, int access, const zu::CProps& options) override
     {
-        if ((access & zu::IIOStream::accessBitCreate) && uri.getName().toUTF8() == failCreating)
+        // The file itself, or the temporary file it is made under.
+        if ((access & zu::IIOStream::accessBitCreate) && !failCreating.empty() &&
+            uri.getName().toUTF8().rfind(failCreating, 0) == 0)
             throw zu::CFileSystemError(zu::CFileSystemError::problemNoSpace, "No space left on the test medium.");
         return CLocalFileSystem::openStream(uri, access, options);
     }
@@ -274,6 +276,77 @@ TEST_F(DiskEdgeTest, parentThatChangedShrankOrVanishedIsHandledOnFirstUse)
                                "VMDK parent disk has changed, but a child disk depended on it.", -1);
     EXPECT_EQ(newID, std::stoul(prop(e, "actualContentID"), nullptr, 16));
     EXPECT_EQ(originalID, std::stoul(prop(e, "expectedContentID"), nullptr, 16));
+}
+
+// Delta disks made elsewhere may have extents that do not begin on a grain
+// boundary: an unwritten grain reads the parent's sectors at its own place,
+// and every grain gets its own number (and so its own IV).
+TEST_F(DiskEdgeTest, deltaExtentsOffGrainBoundariesReadTheirOwnParentSectorsAndIVs)
+{
+    const long long sectors = 8 * grainSectors;
+    Bytes parentData = kordtest::pattern(sectors * sector, 11);
+    std::fill(parentData.begin() + 256 * sector, parentData.begin() + 384 * sector, 0);
+    const Bytes same = kordtest::pattern(127 * sector, 12);
+    Bytes expected = parentData;
+    std::fill_n(expected.begin() + 100 * sector, 10, 0xEE);
+    std::copy(same.begin(), same.end(), expected.begin() + 129 * sector);
+    std::copy(same.begin(), same.end(), expected.begin() + 256 * sector);
+    for (const std::string pass : {"", password}) {
+        SCOPED_TRACE(pass);
+        writeAt(*create("p.vmdk", "monolithicSparse", sectors, pass), 0, parentData);
+        create("c.vmdk", "twoGbMaxExtentSparse", 0, pass, "p.vmdk");
+        // Three extents of 1, 255 and 768 sectors, each file a copy of the
+        // child's empty extent (its capacity is the whole disk).
+        const std::string emptyExtent = fileText(path("c-s001.vmdk"));
+        putFile(path("c.vmdk"), replaced(fileText(path("c.vmdk")), "RW 1024 SPARSE \"c-s001.vmdk\"",
+                                         "RW 1 SPARSE \"e1.vmdk\"\nRW 255 SPARSE \"e2.vmdk\"\nRW 768 SPARSE \"e3.vmdk\""));
+        for (const char* name : {"e1.vmdk", "e2.vmdk", "e3.vmdk"}) putFile(path(name), emptyExtent);
+        {
+            zu::P<CVMDKDisk> child = open("c.vmdk", RW, pass);
+            EXPECT_EQ(3, child->getExtentStartGrainIndex(2)) << "grains numbered across the extents";
+            EXPECT_TRUE(readAt(*child, 0, sectors * sector) == parentData);
+            // The last grain of the second extent and the first of the third
+            // get the same bytes (the rest of both comes from the parent's
+            // zeros): stored alike only if they shared an IV.
+            writeAt(*child, 129 * sector, same);
+            writeAt(*child, 256 * sector, same);
+            writeAt(*child, 100 * sector, Bytes(10, 0xEE));
+        }
+        EXPECT_TRUE(readAt(*open("c.vmdk", R, pass), 0, sectors * sector) == expected);
+        const std::string e2 = fileText(path("e2.vmdk")), e3 = fileText(path("e3.vmdk"));
+        if (!pass.empty()) {
+            EXPECT_NE(e2.substr(e2.size() - grainBytes), e3.substr(e3.size() - grainBytes));
+        }
+        for (const char* name : {"p.vmdk", "c.vmdk", "c-s001.vmdk", "e1.vmdk", "e2.vmdk", "e3.vmdk"})
+            std::filesystem::remove(path(name));
+    }
+}
+
+// Every check that can refuse a change runs before the content ID is
+// renewed: a delta disk whose parent is missing or changed keeps its ID.
+TEST_F(DiskEdgeTest, refusedWriteKeepsTheContentID)
+{
+    writeAt(*create("p.vmdk", "monolithicSparse", 4 * grainSectors), 0, Bytes(100, 1));
+    create("c.vmdk", "monolithicSparse", 0, "", "p.vmdk");
+    const unsigned id = contentID(path("c.vmdk"));
+    const Bytes whole(grainBytes, 7);
+    std::filesystem::rename(path("p.vmdk"), path("p.away"));
+    for (const auto& change : std::vector<std::function<void(CVMDKDisk&)>>{
+             [&](CVMDKDisk& d) { writeAt(d, 10, Bytes(5, 2)); }, [&](CVMDKDisk& d) { writeAt(d, grainBytes, whole); },
+             [&](CVMDKDisk& d) {
+                 zu::TBuffer<unsigned char> prepared(whole.data(), grainBytes);
+                 d.writePreparedGrainData(prepared);
+             }}) {
+        zu::P<CVMDKDisk> child = open("c.vmdk", RW);
+        EXPECT_THROW(change(*child), zu::CFileSystemError);
+        child = nullptr;
+        EXPECT_EQ(id, contentID(path("c.vmdk")));
+    }
+    std::filesystem::rename(path("p.away"), path("p.vmdk"));
+    writeAt(*open("p.vmdk", RW), 0, Bytes(1, 9));
+    expectError([&] { writeAt(*open("c.vmdk", RW), grainBytes, whole); },
+                "VMDK parent disk has changed, but a child disk depended on it.", -1);
+    EXPECT_EQ(id, contentID(path("c.vmdk")));
 }
 
 TEST_F(DiskEdgeTest, parentChainLoopsAndExcessiveDepthAreRefused)

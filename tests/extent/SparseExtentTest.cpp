@@ -1,7 +1,8 @@
 // Sparse extent files through CVMDKSparseExtentFile on both file systems, in
 // every kind the library writes (plain, compressed, encrypted, both): random
-// I/O against a mirror, the stored form of grains, compressed grains
-// rewritten in place or moved, zero writes that allocate nothing, the trail
+// I/O against a mirror, the stored form of grains, rewrites of compressed and
+// encrypted grains that move and slots reused, zero writes that allocate
+// nothing, the trail
 // of stream-optimized files, the clean-shutdown flag, and the refusals of
 // misused extents. (Parent data is covered through whole disks.)
 #include "common/ExtentTestUtil.h"
@@ -108,42 +109,50 @@ TEST_P(SparseExtentTest, grainsAreStoredInTheFormatsLayoutAndCounted)
     }
 }
 
-TEST_P(SparseExtentTest, compressedGrainIsRewrittenInPlaceWhenItFitsAndMovedWhenNot)
+TEST_P(SparseExtentTest, rewritesMoveWhereATornWriteWouldLoseTheGrainAndFreedSlotsAreReused)
 {
-    create(compressedKind, 64);
     const Bytes random = pattern(grainBytes, 4);
-    long long pos5;
-    {
-        zu::P<kord::CVMDKSparseExtentFile> extent = open(compressedKind);
-        writeAt(*extent, 2 * grainBytes, compressible(grainBytes, 1));
-        extent->flushChanges();
-        const long long pos2 = grainPos(*extent, 2);
-        writeAt(*extent, 2 * grainBytes, compressible(grainBytes, 2));
-        extent->flushChanges();
-        EXPECT_EQ(pos2, grainPos(*extent, 2)) << "smaller data fits the slot";
-        writeAt(*extent, 2 * grainBytes, random);
-        extent->flushChanges();
-        EXPECT_EQ(pos2, grainPos(*extent, 2)) << "our slots hold incompressible grains too";
-
-        // A grain stored with a slot of exactly its data's size.
-        zu::P<kord::CVMDKDataPreparer> preparer = extent->createDataPreparer();
-        zu::TBuffer<unsigned char> source = toBuffer(compressible(grainBytes, 3)), prepared;
-        preparer->prepareGrainData(&source, 5, &prepared);
-        kord::CVMDKGrainAllocator* allocator = extent->getGrainAllocator();
-        const int bytes = static_cast<int>(prepared.getUsed());
-        pos5 = allocator->allocNewGrain(5, prepared.getData(), bytes, bytes / 512);
-        EXPECT_EQ(compressible(grainBytes, 3), readAt(*extent, 5 * grainBytes, grainBytes));
-        const long long end = allocator->getAllocationPointBytes();
-        writeAt(*extent, 5 * grainBytes, random);
-        extent->flushChanges();
-        long long slot;
-        EXPECT_EQ(end / 512, grainPos(*extent, 5, &slot)) << "larger data moves to new storage";
-        EXPECT_EQ(preparer->getMaxPreparedSectors(), slot);
+    for (const ExtentKind& kind : allExtentKinds) {
+        SCOPED_TRACE(kind.name);
+        create(kind, 64);
+        const bool moves = kind.streamOptimized || kind.encrypted;
+        {
+            zu::P<kord::CVMDKSparseExtentFile> extent = open(kind);
+            writeAt(*extent, 2 * grainBytes, compressible(grainBytes, 1));
+            extent->flushChanges();
+            const long long durable = grainPos(*extent, 2);
+            writeAt(*extent, 2 * grainBytes, compressible(grainBytes, 2));
+            const long long moved = grainPos(*extent, 2);
+            EXPECT_EQ(moves, moved != durable) << "a durable compressed or encrypted grain is never overwritten";
+            writeAt(*extent, 2 * grainBytes, random);
+            EXPECT_EQ(moved, grainPos(*extent, 2)) << "a slot no durable table points at is rewritten in place";
+            extent->flushChanges();
+            writeAt(*extent, 9 * grainBytes, compressible(grainBytes, 3));
+            EXPECT_EQ(moves ? durable : moved + 16, grainPos(*extent, 9))
+                << "the old slot is handed out again once the move is durable";
+            if (kind.streamOptimized) {
+                // A grain stored with a slot of exactly its data's size moves
+                // when its data grows, to a slot no smaller than before.
+                zu::P<kord::CVMDKDataPreparer> preparer = extent->createDataPreparer();
+                zu::TBuffer<unsigned char> source = toBuffer(compressible(grainBytes, 3)), prepared;
+                preparer->prepareGrainData(&source, 5, &prepared);
+                const int bytes = static_cast<int>(prepared.getUsed());
+                const long long pos5 =
+                    extent->getGrainAllocator()->allocNewGrain(5, prepared.getData(), bytes, bytes / 512);
+                extent->flushChanges();
+                writeAt(*extent, 5 * grainBytes, random);
+                long long slot;
+                EXPECT_NE(pos5, grainPos(*extent, 5, &slot));
+                EXPECT_LE(bytes / 512, slot);
+            }
+        }
+        zu::P<kord::CVMDKSparseExtentFile> extent = open(kind, zu::IIOStream::accessRead);
+        EXPECT_EQ(random, readAt(*extent, 2 * grainBytes, grainBytes));
+        EXPECT_EQ(compressible(grainBytes, 3), readAt(*extent, 9 * grainBytes, grainBytes));
+        if (kind.streamOptimized) {
+            EXPECT_EQ(random, readAt(*extent, 5 * grainBytes, grainBytes));
+        }
     }
-    zu::P<kord::CVMDKSparseExtentFile> extent = open(compressedKind, zu::IIOStream::accessRead);
-    EXPECT_EQ(random, readAt(*extent, 2 * grainBytes, grainBytes));
-    EXPECT_EQ(random, readAt(*extent, 5 * grainBytes, grainBytes));
-    EXPECT_NE(pos5, grainPos(*extent, 5));
 }
 
 TEST_P(SparseExtentTest, zeroWritesToUnwrittenGrainsAllocateNothing)

@@ -1,0 +1,177 @@
+// What flushChanges promises: the changes survive a power loss once it has
+// returned, it syncs nothing when nothing changed, a write error anywhere
+// (tables written because the cache is full included) reaches the caller
+// and leaves the changes for a retry, and the metadata that a failed or cut
+// write left behind (a stream-optimized trail, a redundant grain table) is
+// put right by the next flush.
+#include "DiskTestUtil.h"
+
+#include "common/CFaultFileSystem.h"
+#include "disk/CVMDKChecker.h"
+
+#include <algorithm>
+
+using namespace disktest;
+using kordtest::CFaultFileSystem;
+using Fault = CFaultFileSystem::Fault;
+
+namespace {
+
+const zu::CURI diskURI{zu::String("file:///durable/disk.vmdk")};
+
+class DurabilityTest : public testing::Test {
+protected:
+    zu::P<CFaultFileSystem> make(const std::string& type, long long sectors = 3 * 512 * grainSectors)
+    {
+        zu::P<CFaultFileSystem> fs = zu::newObj<CFaultFileSystem>();
+        writeAt(*CVMDKDisk::create(fs, diskURI, params(type, sectors)), 0, kordtest::pattern(grainBytes, 1));
+        return fs;
+    }
+    zu::P<CFaultFileSystem> copy(CFaultFileSystem& fs) { return zu::newObj<CFaultFileSystem>(fs.getFiles()); }
+    long long count(CFaultFileSystem& fs, const std::string& kind)
+    {
+        std::vector<std::string> kinds = fs.getCallKinds();
+        return std::count(kinds.begin(), kinds.end(), kind);
+    }
+    std::vector<std::string> findings(zu::IFileSystem* fs)
+    {
+        std::vector<std::string> out;
+        for (const auto& f : kord::CVMDKChecker(fs, diskURI, "").check())
+            out.push_back(kord::CVMDKChecker::getKindName(f.kind));
+        return out;
+    }
+};
+
+} // namespace
+
+TEST_F(DurabilityTest, flushedChangesSurviveAPowerLossAndUnchangedDisksSyncNothing)
+{
+    for (const std::string type : {"monolithicSparse", "streamOptimized", "twoGbMaxExtentSparse"}) {
+        SCOPED_TRACE(type);
+        zu::P<CFaultFileSystem> fs = make(type);
+        const Bytes data = kordtest::pattern(3 * grainBytes + 77, 2);
+        zu::P<CVMDKDisk> disk = openDisk(fs, diskURI, RW);
+        const long long opened = fs->getCallCount();
+        disk->flushChanges();
+        EXPECT_EQ(opened, fs->getCallCount()) << "nothing changed, nothing written or synced";
+        writeAt(*disk, 700 * grainBytes - 5, data);
+        disk->flushChanges();
+        // The content ID and the unclean mark, the grain data, the tables,
+        // the clean header: each durable before the next.
+        EXPECT_LE(4, count(*fs, "sync"));
+        for (unsigned seed : {0u, 2u}) {
+            zu::P<CFaultFileSystem> after = zu::newObj<CFaultFileSystem>(fs->getFilesAfterPowerLoss(seed));
+            EXPECT_TRUE(readAt(*openDisk(after, diskURI, R), 700 * grainBytes - 5, data.size()) == data) << seed;
+            EXPECT_TRUE(findings(after).empty()) << seed;
+        }
+        const long long flushed = fs->getCallCount();
+        disk = nullptr;
+        EXPECT_EQ(flushed, fs->getCallCount()) << "closing a flushed disk writes nothing";
+    }
+}
+
+// Writes spread over more grain tables than the cache holds: tables are
+// written while the disk is in use, and an error there is not lost.
+TEST_F(DurabilityTest, writeErrorsReachTheCallerAndARetryKeepsEveryChange)
+{
+    const zu::P<CFaultFileSystem> base = make("monolithicSparse");
+    const std::vector<long long> grains = {3, 600, 1100, 40, 1200};
+    const auto workload = [&](CVMDKDisk& disk) {
+        for (long long g : grains) writeAt(disk, g * grainBytes + 9, kordtest::pattern(grainBytes, g));
+    };
+    const auto expectData = [&](zu::IFileSystem* fs) {
+        zu::P<CVMDKDisk> disk = openDisk(fs, diskURI, R);
+        for (long long g : grains)
+            EXPECT_TRUE(readAt(*disk, g * grainBytes + 9, grainBytes) == kordtest::pattern(grainBytes, g)) << g;
+    };
+    zu::P<CFaultFileSystem> counting = copy(*base);
+    zu::P<kord::CVMDKGrainTableCache> cache = zu::newObj<kord::CVMDKGrainTableCache>(1);
+    workload(*zu::newObj<CVMDKDisk>(counting, diskURI, RW, "", -1, cache, nullptr));
+    const std::vector<std::string> kinds = counting->getCallKinds();
+    for (long long call = 1; call <= static_cast<long long>(kinds.size()); ++call) {
+        if (kinds[static_cast<size_t>(call - 1)] != "write") continue;
+        SCOPED_TRACE(call);
+        zu::P<CFaultFileSystem> fs = copy(*base);
+        fs->arm(call, Fault::ioError);
+        cache = zu::newObj<kord::CVMDKGrainTableCache>(1);
+        zu::P<CVMDKDisk> disk = zu::newObj<CVMDKDisk>(fs, diskURI, RW, "", -1, cache, nullptr);
+        bool failed = false;
+        try {
+            workload(*disk);
+            disk->flushChanges();
+        } catch (const zu::CIOError&) {
+            failed = true;
+        }
+        EXPECT_TRUE(failed) << "the injected error must be reported";
+        // The fault is gone: what was written, and what is written now, lands.
+        workload(*disk);
+        disk->flushChanges();
+        disk = nullptr;
+        expectData(fs);
+        EXPECT_TRUE(findings(fs).empty());
+    }
+}
+
+TEST_F(DurabilityTest, trailAndRedundantTablesLeftBehindAreRepairedByTheNextFlush)
+{
+    const Bytes data = kordtest::pattern(grainBytes, 3);
+    for (const std::string type : {"streamOptimized", "monolithicSparse"}) {
+        SCOPED_TRACE(type);
+        const zu::P<CFaultFileSystem> base = make(type, 64 * grainSectors);
+        const std::string key = diskURI.toString(false).toUTF8();
+        const long long size = static_cast<long long>(base->getFiles().at(key).size());
+        const long long trailAt = size - 1536;
+        std::vector<std::pair<std::string, std::function<void(CFaultFileSystem::Files&)>>> damages = {
+            // A write of the trail cut short: the trail is written again in
+            // its place.
+            {"cut trail", [&](CFaultFileSystem::Files& f) { f.at(key).resize(static_cast<size_t>(size - 700)); }},
+            // Grain data written over the trail, then lost: kept, as it
+            // cannot be told from someone's data, and the trail goes after it.
+            {"lost trail",
+             [&](CFaultFileSystem::Files& f) {
+                 Bytes& file = f.at(key);
+                 file.resize(static_cast<size_t>(trailAt));
+                 const Bytes junk = kordtest::pattern(3000, 9);
+                 file.insert(file.end(), junk.begin(), junk.end());
+             }},
+            // A redundant grain table that missed its last write.
+            {"stale redundant table", [&](CFaultFileSystem::Files& f) {
+                 zu::P<CFaultFileSystem> fs = zu::newObj<CFaultFileSystem>(f);
+                 zu::P<CVMDKDisk> disk = openDisk(fs, diskURI, R);
+                 zu::P<kord::CVMDKSparseExtentFile> extent = kord::CVMDKChecker::openExtentForInspection(disk, 0);
+                 const long long at = extent->getGrainDirectory()->getRedundantEntries()[0] * sector;
+                 std::fill_n(f.at(key).begin() + at, 4, 0);
+             }}};
+        for (const auto& [name, damage] : damages) {
+            if (type != "streamOptimized" && name != "stale redundant table") continue;
+            SCOPED_TRACE(name);
+            CFaultFileSystem::Files files = base->getFiles();
+            damage(files);
+            zu::P<CFaultFileSystem> fs = zu::newObj<CFaultFileSystem>(files);
+            EXPECT_FALSE(findings(fs).empty());
+            writeAt(*openDisk(fs, diskURI, RW), 5 * grainBytes, data);
+            EXPECT_TRUE(findings(fs).empty());
+            zu::P<CVMDKDisk> disk = openDisk(fs, diskURI, R);
+            EXPECT_TRUE(readAt(*disk, 5 * grainBytes, grainBytes) == data);
+            EXPECT_TRUE(readAt(*disk, 0, grainBytes) == kordtest::pattern(grainBytes, 1));
+            long long pos = 0, slot = 0;
+            kord::CVMDKChecker::openExtentForInspection(disk, 0)->getGrainInfo(5, pos, slot);
+            // The new grain takes the cut trail's place, or goes after what is kept.
+            const long long expectedAt = name == "cut trail" ? trailAt : trailAt + 3072;
+            if (name != "stale redundant table") {
+                EXPECT_EQ(expectedAt, pos * sector);
+            }
+        }
+    }
+
+    // A write of the trail that fails is retried by the next flush.
+    zu::P<CFaultFileSystem> fs = make("streamOptimized", 64 * grainSectors);
+    zu::P<CVMDKDisk> disk = openDisk(fs, diskURI, RW);
+    writeAt(*disk, 9 * grainBytes, data);
+    fs->arm(fs->getCallCount() + 1, Fault::ioError); // the grain and the trail go out as the first write
+    EXPECT_THROW(disk->flushChanges(), zu::CIOError);
+    disk->flushChanges();
+    disk = nullptr;
+    EXPECT_TRUE(findings(fs).empty());
+    EXPECT_TRUE(readAt(*openDisk(fs, diskURI, R), 9 * grainBytes, grainBytes) == data);
+}
