@@ -28,6 +28,9 @@ const char* const keyEncIV = "zuEncIV";
 const char* const keyEncEncKey = "zuEncEncKey";
 const char* const keyEncKeyHash = "zuEncKeyHash";
 const char* const keyEncKeyDerivSalt = "zuEncKeyDerivSalt";
+const char* const keyEncNextKeyDerivAlg = "zuEncNextKeyDerivAlg";
+const char* const keyEncNextKeyDerivSalt = "zuEncNextKeyDerivSalt";
+const char* const keyEncNextEncKey = "zuEncNextEncKey";
 const char* const keyEncoding = "encoding";
 
 long long parseDecimal(const zu::String& text) { return zu::parseInt64(text, false); }
@@ -394,5 +397,57 @@ void CVMDKDescriptor::setZuEncryptionKeyDerivationSalt(const zu::TBuffer<unsigne
 }
 
 void CVMDKDescriptor::setEncodingUTF8() { setValue(keyEncoding, "UTF-8", true, true); }
+
+CVMDKDescriptor::CKeyWrapping CVMDKDescriptor::getZuKeyWrapping() const
+{
+    return CKeyWrapping{getZuEncryptionKeyDerivationAlgorithm(), getZuEncryptionKeyDerivationSalt(),
+                        getZuEncryptedEncryptionKey()};
+}
+
+void CVMDKDescriptor::setZuKeyWrapping(const CKeyWrapping& wrapping)
+{
+    setZuEncryptionKeyDerivationAlgorithm(wrapping.derivationAlgorithm);
+    setZuEncryptionKeyDerivationSalt(wrapping.salt);
+    setZuEncryptedEncryptionKey(wrapping.wrappedKey);
+}
+
+bool CVMDKDescriptor::hasZuNextKeyWrapping() const
+{
+    return hasValue(keyEncNextKeyDerivAlg) || hasValue(keyEncNextKeyDerivSalt) || hasValue(keyEncNextEncKey);
+}
+
+CVMDKDescriptor::CKeyWrapping CVMDKDescriptor::getZuNextKeyWrapping() const
+{
+    return CKeyWrapping{getValue(keyEncNextKeyDerivAlg),
+                        parsed(keyEncNextKeyDerivSalt, getValue(keyEncNextKeyDerivSalt), "hexadecimal bytes",
+                               parseHexBytes),
+                        parsed(keyEncNextEncKey, getValue(keyEncNextEncKey), "hexadecimal bytes", parseHexBytes)};
+}
+
+void CVMDKDescriptor::setZuNextKeyWrapping(const CKeyWrapping& wrapping)
+{
+    setValue(keyEncNextKeyDerivAlg, wrapping.derivationAlgorithm, false, false);
+    setValue(keyEncNextKeyDerivSalt, zu::hexEncode(wrapping.salt), false, false);
+    setValue(keyEncNextEncKey, zu::hexEncode(wrapping.wrappedKey), false, false);
+}
+
+void CVMDKDescriptor::removeZuNextKeyWrapping()
+{
+    for (const char* key : {keyEncNextKeyDerivAlg, keyEncNextKeyDerivSalt, keyEncNextEncKey}) removeValue(key);
+}
+
+void CVMDKDescriptor::removeValue(const zu::String& name)
+{
+    for (auto it = entries.begin(); it != entries.end();) {
+        auto* nameValue = zu::tryCast<CNameValueEntry>(it->get());
+        if (!nameValue || !nameValue->name.equalsIgnoreCaseASCII(name)) {
+            ++it;
+            continue;
+        }
+        int index = static_cast<int>(it - entries.begin());
+        if (index < headerInsertIndex) --headerInsertIndex;
+        it = entries.erase(it);
+    }
+}
 
 } // namespace kord

@@ -127,6 +127,27 @@ public:
     void setZuEncryptionKeyDerivationSalt(const zu::TBuffer<unsigned char>& salt);
     void setEncodingUTF8();
 
+    // The data key wrapped under a password: the derivation of the
+    // password's key, its salt and the wrapped key. While a disk's password
+    // is being changed it carries a second wrapping, for the new password,
+    // as the descriptor's last lines ("zuEncNextKeyDerivAlg",
+    // "zuEncNextKeyDerivSalt", "zuEncNextEncKey"), so that it opens with
+    // either password. A wrapping cut short by an interrupted store reads
+    // as one that no password unwraps.
+    struct CKeyWrapping {
+        zu::String derivationAlgorithm;
+        zu::TBuffer<unsigned char> salt;
+        zu::TBuffer<unsigned char> wrappedKey;
+    };
+    CKeyWrapping getZuKeyWrapping() const;
+    void setZuKeyWrapping(const CKeyWrapping& wrapping);
+    bool hasZuNextKeyWrapping() const;
+    CKeyWrapping getZuNextKeyWrapping() const;
+    void setZuNextKeyWrapping(const CKeyWrapping& wrapping);
+    void removeZuNextKeyWrapping();
+    // Removes every line of that name.
+    void removeValue(const zu::String& name);
+
 private:
     CNameValueEntry* findEntry(const zu::String& name) const;
     void parse(const zu::String& text);

@@ -157,36 +157,74 @@ void CVMDKDisk::setUpEncryption(const zu::String& password)
     if (algorithm != zu::String("aes256cbc"))
         throw zu::CError("Unsupported encryption algorithm used in VMDK: " + algorithm, zu::String(), -1, mainProps());
     cipher = zu::newObj<pell::CCipher_AES256CBC>();
-    if (password.empty()) throw zu::CError("VMDK is encrypted but no password provided", zu::String(), -1, mainProps());
+    if (password.empty()) throw zu::CError(noPasswordMessage, zu::String(), -1, mainProps());
 
-    zu::TCryptBuffer<unsigned char> passwordKey;
-    deriveEncryptKey(passwordKey, cipher->getKeySize(), password, descriptor->getZuEncryptionKeyDerivationAlgorithm(),
-                     descriptor->getZuEncryptionKeyDerivationSalt());
-    zu::TBuffer<unsigned char> wrapped = descriptor->getZuEncryptedEncryptionKey();
     encryptionIV = descriptor->getZuEncryptionIV();
     if (encryptionIV.getUsed() != cipher->getIVSize())
         throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK encryption IV has an invalid size.",
                            mainProps().set("ivSize", encryptionIV.getUsed()).set("expectedIVSize", cipher->getIVSize()));
+    if (tryUnwrapKey(descriptor->getZuKeyWrapping(), password)) return;
+    // While the password is being changed, the new one opens the disk too.
+    if (!unwrapsWithNextPassword(password))
+        throw zu::CError(wrongPasswordMessage, zu::String(), -1, mainProps());
+}
+
+bool CVMDKDisk::tryUnwrapKey(const CVMDKDescriptor::CKeyWrapping& wrapping, const zu::String& password)
+{
+    zu::TCryptBuffer<unsigned char> passwordKey;
+    deriveEncryptKey(passwordKey, cipher->getKeySize(), password, wrapping.derivationAlgorithm, wrapping.salt);
     // The data key is wrapped with padding: one block more than the key.
     long long wrappedSize = (cipher->getKeySize() / cipher->getBlockSize() + 1) * cipher->getBlockSize();
-    if (wrapped.getUsed() != wrappedSize)
+    if (wrapping.wrappedKey.getUsed() != wrappedSize)
         throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK encrypted encryption key has an invalid size.",
-                           mainProps().set("keySize", wrapped.getUsed()).set("expectedKeySize", wrappedSize));
-    zu::CError wrongPassword("Specified VMDK encryption password is not correct.", zu::String(), -1, mainProps());
+                           mainProps().set("keySize", wrapping.wrappedKey.getUsed()).set("expectedKeySize", wrappedSize));
+    zu::TCryptBuffer<unsigned char> key;
     try {
-        cipher->decrypt(passwordKey.getData(), wrapped.getData(), static_cast<int>(wrapped.getUsed()), encryptionKey, 0,
-                        encryptionIV.getData());
+        cipher->decrypt(passwordKey.getData(), wrapping.wrappedKey.getData(),
+                        static_cast<int>(wrapping.wrappedKey.getUsed()), key, 0, encryptionIV.getData());
     } catch (const zu::CError&) {
         // Wrong padding after unwrapping: the password key was wrong.
-        throw wrongPassword;
+        return false;
     }
     zu::String hashAlgorithm = descriptor->getZuEncryptionKeyHashAlgorithm();
     if (hashAlgorithm != zu::String("sha256"))
         throw zu::CError("Unsupported key hash algorithm used in VMDK: " + hashAlgorithm, zu::String(), -1, mainProps());
-    zu::TBuffer<unsigned char> digest = pell::CDigestType_SHA256::hash(encryptionKey.getData(), encryptionKey.getUsed());
     encryptionKeyHash = descriptor->getZuEncryptionKeyHash();
-    if (digest != encryptionKeyHash) throw wrongPassword;
+    if (pell::CDigestType_SHA256::hash(key.getData(), key.getUsed()) != encryptionKeyHash) return false;
+    encryptionKey = key;
+    return true;
 }
+
+// A second wrapping cut short by an interrupted store unwraps nothing.
+bool CVMDKDisk::unwrapsWithNextPassword(const zu::String& password)
+{
+    if (!descriptor->hasZuNextKeyWrapping()) return false;
+    try {
+        return tryUnwrapKey(descriptor->getZuNextKeyWrapping(), password);
+    } catch (const zu::CError&) {
+        return false;
+    }
+}
+
+namespace {
+
+// The data key wrapped under a password's key, made with a new random salt
+// of saltBytes and the given derivation.
+CVMDKDescriptor::CKeyWrapping wrapKey(const zu::TCryptBuffer<unsigned char>& dataKey,
+                                      const zu::TBuffer<unsigned char>& iv, const zu::String& password,
+                                      const zu::String& derivation, long long saltBytes)
+{
+    pell::CCipher_AES256CBC cipher;
+    CVMDKDescriptor::CKeyWrapping wrapping{derivation, zu::TBuffer<unsigned char>(saltBytes), {}};
+    zu::randData(wrapping.salt.getData(), static_cast<int>(saltBytes));
+    zu::TCryptBuffer<unsigned char> passwordKey;
+    CVMDKDisk::deriveEncryptKey(passwordKey, cipher.getKeySize(), password, derivation, wrapping.salt);
+    cipher.encrypt(passwordKey.getData(), dataKey.getData(), static_cast<int>(dataKey.getUsed()), wrapping.wrappedKey,
+                   0, iv.getData());
+    return wrapping;
+}
+
+} // namespace
 
 void CVMDKDisk::storeEncryptionKeys(CVMDKDescriptor& target, const zu::TCryptBuffer<unsigned char>& dataKey,
                                     const zu::TBuffer<unsigned char>& iv, const zu::String& password)
@@ -194,31 +232,51 @@ void CVMDKDisk::storeEncryptionKeys(CVMDKDescriptor& target, const zu::TCryptBuf
     pell::CCipher_AES256CBC cipher;
     target.setZuEncryptionAlgorithm(cipher.getID());
     target.setZuEncryptionIV(iv);
-    zu::String derivation = derivationPrefix + zu::toString(newDiskIterations);
-    target.setZuEncryptionKeyDerivationAlgorithm(derivation);
-    zu::TBuffer<unsigned char> salt(cipher.getKeySize());
-    zu::randData(salt.getData(), static_cast<int>(salt.getUsed()));
-    target.setZuEncryptionKeyDerivationSalt(salt);
-    zu::TCryptBuffer<unsigned char> passwordKey;
-    deriveEncryptKey(passwordKey, cipher.getKeySize(), password, derivation, salt);
-    zu::TBuffer<unsigned char> wrapped;
-    cipher.encrypt(passwordKey.getData(), dataKey.getData(), static_cast<int>(dataKey.getUsed()), wrapped, 0,
-                   iv.getData());
-    target.setZuEncryptedEncryptionKey(wrapped);
+    target.setZuKeyWrapping(wrapKey(dataKey, iv, password, derivationPrefix + zu::toString(newDiskIterations),
+                                    cipher.getKeySize()));
     target.setZuEncryptionKeyHashAlgorithm("sha256");
     target.setZuEncryptionKeyHash(pell::CDigestType_SHA256::hash(dataKey.getData(), dataKey.getUsed()));
 }
 
-void CVMDKDisk::changePassword(const zu::String& newPassword)
+void CVMDKDisk::verifyPasswordChange(const zu::String& newPassword) const
 {
     verifyWritable("changePassword");
     if (!cipher)
         throw zu::CError("VMDK disk is not encrypted, so it has no password to change.", zu::String(), -1, mainProps());
     if (newPassword.empty())
         throw zu::CInvalidArgError("CVMDKDisk::changePassword", "the new password must not be empty", mainProps());
-    storeEncryptionKeys(*descriptor, encryptionKey, encryptionIV, newPassword);
+}
+
+bool CVMDKDisk::hasPasswordOnly(const zu::String& password)
+{
+    return !descriptor->hasZuNextKeyWrapping() && tryUnwrapKey(descriptor->getZuKeyWrapping(), password);
+}
+
+void CVMDKDisk::stagePasswordChange(const zu::String& newPassword)
+{
+    verifyPasswordChange(newPassword);
+    if (unwrapsWithNextPassword(newPassword) || hasPasswordOnly(newPassword)) return;
+    // Same derivation and salt size as the current wrapping, so that
+    // promoting it later changes no line's length.
+    CVMDKDescriptor::CKeyWrapping current = descriptor->getZuKeyWrapping();
+    descriptor->setZuNextKeyWrapping(
+        wrapKey(encryptionKey, encryptionIV, newPassword, current.derivationAlgorithm, current.salt.getUsed()));
     storeDescriptor();
 }
+
+void CVMDKDisk::commitPasswordChange(const zu::String& newPassword)
+{
+    stagePasswordChange(newPassword);
+    if (hasPasswordOnly(newPassword)) return;
+    // Two stores: a first cut short leaves the second wrapping to open
+    // with; the second only drops the lines at the end.
+    descriptor->setZuKeyWrapping(descriptor->getZuNextKeyWrapping());
+    storeDescriptor();
+    descriptor->removeZuNextKeyWrapping();
+    storeDescriptor();
+}
+
+void CVMDKDisk::changePassword(const zu::String& newPassword) { commitPasswordChange(newPassword); }
 
 void CVMDKDisk::buildExtentMap()
 {

@@ -144,9 +144,20 @@ public:
     // Writes the in-memory descriptor back in place.
     void storeDescriptor();
     // Re-wraps the data key of an encrypted disk under a new password (new
-    // salt, same key and IV, so no grain is rewritten) and stores the
-    // descriptor. Needs read-write access.
+    // salt, same key and IV, so no grain is rewritten). Needs read-write
+    // access. Two steps, each stored durably, so that an interruption at any
+    // point leaves a disk that opens with the old or the new password:
+    // staging adds a second wrapping for the new password (the disk then
+    // opens with either), committing makes it the only one. Both do nothing
+    // where already done, so a repeated change finishes an interrupted one;
+    // changePassword is both. Over a chain (which opens with one password),
+    // stage every disk before committing any.
+    void stagePasswordChange(const zu::String& newPassword);
+    void commitPasswordChange(const zu::String& newPassword);
     void changePassword(const zu::String& newPassword);
+    // The messages of the errors that a wrong password and a missing one give.
+    static constexpr const char* wrongPasswordMessage = "Specified VMDK encryption password is not correct.";
+    static constexpr const char* noPasswordMessage = "VMDK is encrypted but no password provided";
     void changeParentRelPath(const zu::String& parentRelPath);
     void setAutomaticGrainTableFlushingEnabled(bool enabled);
     void setContentIDUpdatesEnabled(bool enabled);
@@ -195,6 +206,11 @@ private:
                    const std::vector<zu::CURI>& childChain);
     void takeLock();
     void setUpEncryption(const zu::String& password);
+    // Sets the data key when the password unwraps it; false when not.
+    bool tryUnwrapKey(const CVMDKDescriptor::CKeyWrapping& wrapping, const zu::String& password);
+    bool unwrapsWithNextPassword(const zu::String& password);
+    bool hasPasswordOnly(const zu::String& password);
+    void verifyPasswordChange(const zu::String& newPassword) const;
     void buildExtentMap();
     void learnGrainGeometry();
     void beginIOOp(long long bytes, zu::P<IVMDKExtentFile>& extent, long long& bytesInExtent);

@@ -3,9 +3,10 @@
 #include "Passwords.h"
 #include "ToolSupport.h"
 
+#include "disk/CVMDKPasswordChange.h"
+
 #include <iostream>
 #include <memory>
-#include <vector>
 
 namespace kordtool {
 
@@ -16,31 +17,29 @@ struct CPasswdOptions {
     CPasswordSource passwords;
 };
 
-// The disk and the encrypted disks of its parent chain: a chain opens with
-// one password, so a delta disk's new password must be its parents' too.
-std::vector<zu::CURI> encryptedChain(CPasswdOptions& options)
+// What keeps the change from starting (a missing or damaged file, a lock
+// held elsewhere, a disk without encryption) is reported before any
+// password is asked for.
+void checkChangeable(const zu::CURI& uri)
 {
-    std::vector<zu::CURI> chain;
-    zu::P<kord::CVMDKDisk> top = openDisk(options.disk, zu::IIOStream::accessRead, options.passwords);
-    // A disk without encryption is passed on: the library refuses it.
-    chain.push_back(top->getMainURI());
-    for (kord::CVMDKDisk* disk = top->getParentDisk(); disk; disk = disk->getParentDisk())
-        if (disk->isEncrypted()) chain.push_back(disk->getMainURI());
-    return chain;
+    try {
+        zu::newObj<kord::CVMDKDisk>(localFileSystem(), uri, zu::IIOStream::accessRead, zu::String(), -1, nullptr, nullptr);
+    } catch (const zu::CError& e) {
+        if (e.getMessage() == zu::String(kord::CVMDKDisk::noPasswordMessage)) return;
+        throw;
+    }
+    throw toolError("VMDK disk is not encrypted, so it has no password to change.");
 }
 
 void runPasswd(CPasswdOptions& options)
 {
-    std::vector<zu::CURI> chain = encryptedChain(options);
-    zu::String oldPassword = diskNeedsPassword(chain.front()) ? options.passwords.get("") : zu::String();
+    zu::CURI uri = pathToURI(options.disk);
+    checkChangeable(uri);
+    zu::String oldPassword = options.passwords.get("Password for " + options.disk + ": ");
     zu::String newPassword = options.passwords.getNew("New password for " + options.disk + ": ");
-    for (const zu::CURI& uri : chain) {
-        zu::P<kord::CVMDKDisk> disk = zu::newObj<kord::CVMDKDisk>(localFileSystem(), uri, zu::IIOStream::accessReadWrite,
-                                                                  oldPassword, -1, nullptr, nullptr);
-        disk->changePassword(newPassword);
-        disk->flushChanges();
-        std::cout << "password changed: " << uriToDisplay(uri) << "\n";
-    }
+    // A rerun after an interruption finishes the change.
+    for (const zu::CURI& changed : kord::CVMDKPasswordChange(localFileSystem(), uri, oldPassword, newPassword).run())
+        std::cout << "password changed: " << uriToDisplay(changed) << "\n";
 }
 
 } // namespace

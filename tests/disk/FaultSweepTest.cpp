@@ -20,6 +20,7 @@
 
 #include "common/CFaultFileSystem.h"
 #include "disk/CVMDKChecker.h"
+#include "disk/CVMDKPasswordChange.h"
 
 #include <cstdlib>
 #include <iostream>
@@ -337,4 +338,71 @@ TEST(FaultSweep, everyFaultLeavesOldOrNewAndARetrySucceeds)
     std::cout << "total: " << total.runs << " runs, " << total.checks << " checks, " << total.dataLost
               << " data lost, " << total.unopenable << " unopenable, " << total.unexpectedFindings
               << " unexpected findings, " << total.failedRetries << " failed retries" << std::endl;
+}
+
+// The password of an encrypted chain, changed with each call failing or
+// crashing in turn: the chain opens with the old or the new password and
+// reads its data, and the change run again finishes the job.
+TEST(FaultSweep, passwordChangeOfAChainOpensWithOldOrNewAndARerunFinishes)
+{
+    const bool full = fullSweep();
+    const zu::String oldPassword("old"), newPassword("new");
+    const Bytes data = kordtest::pattern(3 * grainBytes, 21);
+    zu::P<CFaultFileSystem> base = zu::newObj<CFaultFileSystem>();
+    writeAt(*CVMDKDisk::create(base, parentURI, params("monolithicSparse", 16 * grainSectors, "old")), 0, data);
+    writeAt(*CVMDKDisk::create(base, diskURI, params("monolithicSparse", 0, "old", parentURI)), grainBytes, data);
+    const CFaultFileSystem::Files files = base->getFiles();
+    Bytes expected = data;
+    expected.resize(4 * grainBytes);
+    std::copy(data.begin(), data.end(), expected.begin() + grainBytes);
+    const auto change = [&](zu::IFileSystem* fs) {
+        try {
+            kord::CVMDKPasswordChange(fs, diskURI, oldPassword, newPassword).run();
+            return true;
+        } catch (const zu::CError&) {
+            return false;
+        }
+    };
+    const auto opensWith = [&](zu::IFileSystem* fs, const std::string& pass) {
+        try {
+            return readAt(*openDisk(fs, diskURI, R, pass), 0, 4 * grainBytes) == expected;
+        } catch (const zu::CError&) {
+            return false;
+        }
+    };
+    zu::P<CFaultFileSystem> counting = zu::newObj<CFaultFileSystem>(files);
+    ASSERT_TRUE(change(counting));
+    const std::vector<std::string> kinds = counting->getCallKinds();
+    long long runs = 0, unopenable = 0, failedReruns = 0;
+    std::set<std::string> covered;
+    for (long long call = 1; call <= static_cast<long long>(kinds.size()); ++call) {
+        const std::string& kind = kinds[static_cast<size_t>(call - 1)];
+        // Each check opens a chain several times, and each open derives keys:
+        // CI takes the syncs and one call of every other kind.
+        if (!(full || covered.insert(kind).second || kind == "sync")) continue;
+        for (Fault fault : {Fault::ioError, Fault::shortWrite, Fault::crash}) {
+            zu::P<CFaultFileSystem> fs = zu::newObj<CFaultFileSystem>(files);
+            fs->arm(call, fault);
+            change(fs);
+            std::vector<CFaultFileSystem::Files> images = {fs->getFiles()};
+            if (fault == Fault::crash)
+                for (unsigned seed : full ? std::vector<unsigned>{0, 1, 2, 3, 4, 5} : std::vector<unsigned>{0, 2})
+                    images.push_back(fs->getFilesAfterPowerLoss(seed));
+            for (const CFaultFileSystem::Files& image : images) {
+                ++runs;
+                SCOPED_TRACE("call " + std::to_string(call) + " (" + kind + ") " + FaultSweep::faultName(fault));
+                zu::P<CFaultFileSystem> after = zu::newObj<CFaultFileSystem>(image);
+                if (!opensWith(after, "old") && !opensWith(after, "new")) {
+                    ++unopenable;
+                    ADD_FAILURE() << "the chain opens with neither password";
+                }
+                if (!change(after) || !opensWith(after, "new") || opensWith(after, "old")) {
+                    ++failedReruns;
+                    ADD_FAILURE() << "the change run again did not finish the job";
+                }
+            }
+        }
+    }
+    std::cout << "password change: " << kinds.size() << " calls, " << runs << " checks, " << unopenable
+              << " unopenable, " << failedReruns << " failed reruns" << std::endl;
 }
