@@ -155,7 +155,7 @@ void CVMDKDiskCreator::buildDescriptor()
     long long perExtent = split ? CVMDKDisk::maxSplitExtentSectors / grainSizeSectors * grainSizeSectors : capacitySectors;
     for (long long left = capacitySectors; left > 0; left -= perExtent) extentSizes.push_back(std::min(left, perExtent));
     for (size_t i = 0; i < extentSizes.size(); ++i) {
-        zu::String name = split ? splitExtentURI(static_cast<int>(i) + 1).getName() : uri.getName();
+        zu::String name = split ? splitExtentURI(uri, static_cast<int>(i) + 1).getName() : uri.getName();
         descriptor->addExtentEntry(zu::newObj<CVMDKExtentInfo>("RW", extentSizes[i], "SPARSE", name, -1));
     }
 
@@ -171,7 +171,7 @@ void CVMDKDiskCreator::buildDescriptor()
     descriptor->setAdapterType(params.adapterType);
 }
 
-zu::CURI CVMDKDiskCreator::splitExtentURI(int number) const
+zu::CURI CVMDKDiskCreator::splitExtentURI(const zu::CURI& uri, int number)
 {
     zu::String digits = zu::toString(number);
     while (digits.length() < 3) digits = "0" + digits;
@@ -185,7 +185,7 @@ void CVMDKDiskCreator::createSplitFiles()
         // With files made on demand, the first is still made now: the disk
         // learns its grain geometry from it when it opens.
         if (i > 0 && params.createExtentFilesOnDemand) break;
-        zu::CURI extentURI = splitExtentURI(static_cast<int>(i) + 1);
+        zu::CURI extentURI = splitExtentURI(uri, static_cast<int>(i) + 1);
         createEmptyVMDKSparseExtentFile(fileSystem, extentURI, false, roundUp(extentSizes[i], grainSizeSectors) / grainSizeSectors,
                                         grainSizeSectors, zeros, nullptr, 0, keyHash);
         createdFiles.push_back(extentURI);
@@ -231,7 +231,7 @@ zu::P<CVMDKDisk> CVMDKDiskCreator::create()
     // Also the extent files to be made later: a stale file of another disk
     // must never be taken for one of ours.
     std::vector<zu::CURI> files{uri};
-    for (size_t i = 0; split && i < extentSizes.size(); ++i) files.push_back(splitExtentURI(static_cast<int>(i) + 1));
+    for (size_t i = 0; split && i < extentSizes.size(); ++i) files.push_back(splitExtentURI(uri, static_cast<int>(i) + 1));
     for (const zu::CURI& file : files)
         if (fileSystem->exists(file))
             throw zu::CFileSystemError(zu::CFileSystemError::problemAlreadyExists, "VMDK disk file already exists.",

@@ -21,6 +21,8 @@ public:
     // `target`: relative ("../base/parent.vmdk") where both are local files,
     // else the target's absolute form.
     static zu::String relativeReference(const zu::CURI& fromDirectory, const zu::CURI& target);
+    // The file of extent `number` (from 1) of a split disk whose main file is `mainURI`.
+    static zu::CURI splitExtentURI(const zu::CURI& mainURI, int number);
 
 private:
     void checkParams();
@@ -30,7 +32,6 @@ private:
     void createFiles();
     void createSplitFiles();
     void deleteCreatedFiles();
-    zu::CURI splitExtentURI(int number) const;
 
     zu::P<zu::IFileSystem> fileSystem;
     zu::CURI uri;

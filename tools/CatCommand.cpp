@@ -1,5 +1,6 @@
 #include "CatCommand.h"
 
+#include "ImageFormat.h"
 #include "Passwords.h"
 #include "ToolSupport.h"
 
@@ -17,6 +18,7 @@ namespace {
 constexpr long long chunkBytes = 1024 * 1024;
 
 struct CCatOptions {
+    CImageFormat format;
     std::string disk;
     CPasswordSource passwords;
 };
@@ -36,7 +38,7 @@ void writeToStandardOutput(const unsigned char* data, long long bytes)
 
 void runCat(CCatOptions& options)
 {
-    zu::P<kord::CVMDKDisk> disk = openDisk(options.disk, zu::IIOStream::accessRead, options.passwords);
+    zu::P<kord::CVMDKDisk> disk = openDisk(options.disk, zu::IIOStream::accessRead, options.passwords, options.format);
     zu::TBuffer<unsigned char> buffer(chunkBytes);
     long long size = disk->getDiskSizeBytes();
     for (long long position = 0; position < size;) {
@@ -54,6 +56,7 @@ void addCatCommand(CLI::App& app)
     auto options = std::make_shared<CCatOptions>();
     CLI::App* command = app.add_subcommand("cat", "Write the disk's virtual contents to standard output");
     command->add_option("DISK", options->disk, "The disk's main file")->required();
+    options->format.addOption(command, {"vmdk"});
     options->passwords.addOptions(command);
     command->callback([options] { runCat(*options); });
 }

@@ -1,5 +1,6 @@
 #include "CheckCommand.h"
 
+#include "ImageFormat.h"
 #include "Passwords.h"
 #include "Progress.h"
 #include "ToolSupport.h"
@@ -14,6 +15,7 @@ namespace kordtool {
 namespace {
 
 struct CCheckOptions {
+    CImageFormat format;
     bool progress = false;
     std::string disk;
     CPasswordSource passwords;
@@ -32,6 +34,7 @@ void printFinding(const kord::CVMDKChecker::CFinding& finding)
 
 int runCheck(CCheckOptions& options)
 {
+    options.format.requireVMDK(options.disk);
     zu::CURI uri = pathToURI(options.disk);
     zu::String password;
     if (diskNeedsPassword(uri)) password = options.passwords.get("Password for " + options.disk + ": ");
@@ -59,6 +62,7 @@ void addCheckCommand(CLI::App& app, int& exitCode)
         "check", "Check a disk's metadata and its parents'; exit status 0 clean, 1 problems found, 2 could not check");
     command->add_flag("-p,--progress", options->progress, "Show progress on standard error");
     command->add_option("DISK", options->disk, "The disk's main file")->required();
+    options->format.addOption(command, {"vmdk"});
     options->passwords.addOptions(command);
     command->callback([options, &exitCode] { exitCode = runCheck(*options); });
 }

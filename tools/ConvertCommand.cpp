@@ -2,11 +2,13 @@
 
 #include "ConvertEndpoints.h"
 #include "GrainCopy.h"
+#include "ImageFormat.h"
 #include "ParallelConverter.h"
 #include "Passwords.h"
 #include "Progress.h"
 #include "ToolSupport.h"
 
+#include "format/CVMDKLowLevelFileStream.h"
 #include "format/VMDKMarker.h"
 
 #include <memory>
@@ -27,6 +29,7 @@ struct CConvertOptions {
     int threads = 1;
     std::string source;
     std::string destination;
+    CImageFormat format;
     CPasswordSource passwords;
 };
 
@@ -101,33 +104,33 @@ void runConvert(CConvertOptions& options)
     checkOptions(options);
     std::unique_ptr<IConvertSource> source;
     CDiskSource* sourceDisk = nullptr;
-    if (isVMDKFile(options.source)) {
+    if (options.format.isVMDK(options.source)) {
         auto disk = std::make_unique<CDiskSource>(
-            openDisk(options.source, zu::IIOStream::accessRead, options.passwords));
+            openDisk(options.source, zu::IIOStream::accessRead, options.passwords, options.format));
         sourceDisk = disk.get();
         source = std::move(disk);
     } else {
         source = std::make_unique<CRawSource>(options.source);
     }
-    std::unique_ptr<IConvertTarget> target;
-    CDiskTarget* targetDisk = nullptr;
+    CProgress progress(options.progress, "convert");
     if (options.outputFormat == "raw") {
-        target = std::make_unique<CRawTarget>(options.destination, source->getSizeBytes());
+        kord::createVMDKFileAtomically(localFileSystem(), pathToURI(options.destination), [&](zu::IIOStream& stream) {
+            CRawTarget target(stream, source->getSizeBytes());
+            copy(options, *source, sourceDisk, target, nullptr, progress);
+            target.finish();
+        });
     } else {
-        auto disk = std::make_unique<CDiskTarget>(
-            options.destination, targetParams(options, *source, sourceDisk ? sourceDisk->getDisk() : nullptr));
-        targetDisk = disk.get();
-        target = std::move(disk);
+        CDiskTarget target(options.destination,
+                           targetParams(options, *source, sourceDisk ? sourceDisk->getDisk() : nullptr));
+        try {
+            copy(options, *source, sourceDisk, target, &target, progress);
+            target.finish();
+        } catch (...) {
+            target.discard();
+            throw;
+        }
     }
-    try {
-        CProgress progress(options.progress, "convert");
-        copy(options, *source, sourceDisk, *target, targetDisk, progress);
-        target->finish();
-        progress.finish();
-    } catch (...) {
-        target->discard();
-        throw;
-    }
+    progress.finish();
 }
 
 } // namespace
@@ -153,6 +156,7 @@ void addConvertCommand(CLI::App& app)
         ->type_name("THREADS")
         ->check(CLI::Range(1, 256));
     command->add_option("SRC", options->source, "The source: a disk's main file or a raw image")->required();
+    options->format.addOption(command, {"raw", "vmdk"});
     command->add_option("DST", options->destination, "The new file (an existing file is not overwritten)")->required();
     options->passwords.addOptions(command);
     command->callback([options] { runConvert(*options); });

@@ -2,22 +2,13 @@
 
 #include "ToolSupport.h"
 
-#include "descriptor/CVMDKDescriptorAccessor.h"
-#include "format/CVMDKSparseExtentHeader.h"
+#include "disk/CVMDKDiskCreator.h"
 
 #include <algorithm>
 #include <cstring>
-#include <fstream>
 #include <vector>
 
 namespace kordtool {
-
-namespace {
-
-// Text descriptors are small and name their create type near the start.
-constexpr long long descriptorProbeBytes = 4096;
-
-} // namespace
 
 bool isAllZero(const unsigned char* data, long long bytes)
 {
@@ -30,26 +21,6 @@ bool isAllZero(const unsigned char* data, long long bytes)
     for (; i < bytes; ++i)
         if (data[i] != 0) return false;
     return true;
-}
-
-bool isVMDKFile(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::string start(descriptorProbeBytes, '\0');
-    in.read(&start[0], descriptorProbeBytes);
-    start.resize(static_cast<size_t>(in.gcount()));
-    if (start.size() >= 4) {
-        std::uint32_t magic = static_cast<std::uint32_t>(static_cast<unsigned char>(start[0])) |
-                              static_cast<std::uint32_t>(static_cast<unsigned char>(start[1])) << 8 |
-                              static_cast<std::uint32_t>(static_cast<unsigned char>(start[2])) << 16 |
-                              static_cast<std::uint32_t>(static_cast<unsigned char>(start[3])) << 24;
-        if (magic == kord::CVMDKSparseExtentHeader::magicStandard ||
-            magic == kord::CVMDKSparseExtentHeader::magicExtended)
-            return true;
-    }
-    in.seekg(0, std::ios::end);
-    long long size = static_cast<long long>(in.tellg());
-    return size <= kord::CVMDKDescriptorAccessor::maxDescriptorBytes && start.find("createType") != std::string::npos;
 }
 
 CRawSource::CRawSource(const std::string& path)
@@ -81,39 +52,61 @@ bool CDiskSource::read(long long position, unsigned char* buffer, long long byte
     return true;
 }
 
-CRawTarget::CRawTarget(const std::string& path, long long size)
-    : uri(pathToURI(path)), size(size),
-      stream(localFileSystem()->openStream(uri, zu::IIOStream::accessCreateNew, zu::CProps()))
-{
-}
+CRawTarget::CRawTarget(zu::IIOStream& stream, long long size) : stream(stream), size(size) {}
 
 void CRawTarget::write(long long position, const unsigned char* data, long long bytes)
 {
-    stream->seek(position);
-    stream->write(data, static_cast<int>(bytes));
+    stream.seek(position);
+    stream.write(data, static_cast<int>(bytes));
 }
 
 void CRawTarget::finish()
 {
     // Trailing ranges never written become a hole, not written zeros.
-    stream->setLength(size);
-    stream->flush();
-    stream->close();
+    stream.setLength(size);
 }
 
-void CRawTarget::discard()
+namespace {
+
+// The main file's title with ".kord-tmp" added, the extension kept.
+zu::CURI temporaryName(const zu::CURI& uri)
 {
-    try {
-        stream = nullptr;
-        localFileSystem()->deleteFile(uri, true);
-    } catch (const std::exception&) {
-        // The error that caused the discard is the one reported.
+    zu::String extension = uri.getExtension();
+    return zu::CURI(uri.getParent(), uri.getTitle() + ".kord-tmp" + (extension.empty() ? zu::String() : "." + extension));
+}
+
+zu::CFileSystemError alreadyExists(const zu::CURI& uri)
+{
+    return zu::CFileSystemError(zu::CFileSystemError::problemAlreadyExists, "VMDK disk file already exists.",
+                                zu::CProps().set("uri", uri.toString(true)));
+}
+
+} // namespace
+
+CDiskTarget::CDiskTarget(const std::string& path, const kord::CVMDKDisk::CCreateParams& params)
+    : mainURI(pathToURI(path)), temporaryURI(temporaryName(mainURI)),
+      split(params.createType == zu::String("twoGbMaxExtentSparse"))
+{
+    if (localFileSystem()->exists(mainURI)) throw alreadyExists(mainURI);
+    // Left by a conversion that was killed.
+    deleteTemporaryFiles();
+    disk = kord::CVMDKDisk::create(localFileSystem(), temporaryURI, params);
+    // Nothing under a temporary name needs to survive a crash: the disk is
+    // synced once, when complete, and its content ID is its own already.
+    disk->setSyncEnabled(false);
+    disk->setContentIDUpdatesEnabled(false);
+    for (int i = 0; i < static_cast<int>(disk->getExtentInfos().size()); ++i) {
+        zu::CURI file = finalURI(i);
+        if (file != mainURI && localFileSystem()->exists(file)) {
+            discard();
+            throw alreadyExists(file);
+        }
     }
 }
 
-CDiskTarget::CDiskTarget(const std::string& path, const kord::CVMDKDisk::CCreateParams& params)
-    : disk(kord::CVMDKDisk::create(localFileSystem(), pathToURI(path), params))
+zu::CURI CDiskTarget::finalURI(int extentIndex) const
 {
+    return split ? kord::CVMDKDiskCreator::splitExtentURI(mainURI, extentIndex + 1) : mainURI;
 }
 
 void CDiskTarget::write(long long position, const unsigned char* data, long long bytes)
@@ -122,19 +115,38 @@ void CDiskTarget::write(long long position, const unsigned char* data, long long
     disk->write(data, static_cast<int>(bytes));
 }
 
-void CDiskTarget::finish() { disk->flushChanges(); }
+void CDiskTarget::finish()
+{
+    disk->syncFiles();
+    // The extent lines name the files by the names they are about to get.
+    std::vector<std::pair<zu::CURI, zu::CURI>> renames;
+    for (int i = 0; i < static_cast<int>(disk->getExtentInfos().size()); ++i) {
+        zu::CURI file = disk->getExtentURI(i).toNormalized();
+        if (file != temporaryURI) renames.emplace_back(file, finalURI(i));
+        disk->getExtentInfos()[static_cast<size_t>(i)]->fileName = finalURI(i).getName();
+    }
+    disk->storeDescriptor();
+    disk = nullptr;
+    for (const auto& rename : renames) localFileSystem()->renameFile(rename.first, rename.second);
+    localFileSystem()->renameFile(temporaryURI, mainURI);
+}
 
 void CDiskTarget::discard()
 {
     try {
-        std::vector<zu::CURI> files{disk->getMainURI()};
-        for (int i = 0; i < static_cast<int>(disk->getExtentInfos().size()); ++i)
-            files.push_back(disk->getExtentURI(i));
         disk = nullptr;
-        for (const zu::CURI& file : files) localFileSystem()->deleteFile(file, true);
+        deleteTemporaryFiles();
     } catch (const std::exception&) {
         // The error that caused the discard is the one reported.
     }
+}
+
+void CDiskTarget::deleteTemporaryFiles() const
+{
+    zu::IFileSystem* fs = localFileSystem();
+    fs->deleteFile(temporaryURI, true);
+    for (int i = 1; fs->exists(kord::CVMDKDiskCreator::splitExtentURI(temporaryURI, i)); ++i)
+        fs->deleteFile(kord::CVMDKDiskCreator::splitExtentURI(temporaryURI, i), true);
 }
 
 } // namespace kordtool

@@ -1,6 +1,9 @@
 // The two ends of kord convert: where the bytes come from (a raw image or
 // a disk, whose unwritten grains need not be read) and where they go (a
-// raw image that gets holes where nothing is written, or a new disk).
+// raw image that gets holes where nothing is written, or a new disk). The
+// output is made under temporary names and takes its own names only when
+// it is complete and durable: a conversion that fails or is killed leaves
+// nothing under the destination's name.
 #pragma once
 
 #include "disk/CVMDKDisk.h"
@@ -11,10 +14,6 @@ namespace kordtool {
 
 // True when every byte is zero (word by word).
 bool isAllZero(const unsigned char* data, long long bytes);
-
-// Whether the file is a VMDK disk's main file (a sparse extent header, or
-// a text descriptor) rather than a raw image.
-bool isVMDKFile(const std::string& path);
 
 class IConvertSource {
 public:
@@ -54,35 +53,42 @@ public:
     virtual void write(long long position, const unsigned char* data, long long bytes) = 0;
     // Completes the output: the raw image's full length, the disk's metadata.
     virtual void finish() = 0;
-    // Deletes what was made, after a failure. Never throws.
-    virtual void discard() = 0;
 };
 
-// A new raw image (an existing file is not overwritten) of `size` bytes;
+// A raw image of `size` bytes written through a stream on a new file;
 // ranges never written stay holes.
 class CRawTarget : public IConvertTarget {
 public:
-    CRawTarget(const std::string& path, long long size);
+    CRawTarget(zu::IIOStream& stream, long long size);
     void write(long long position, const unsigned char* data, long long bytes) override;
     void finish() override;
-    void discard() override;
 
 private:
-    zu::CURI uri;
+    zu::IIOStream& stream;
     long long size;
-    zu::P<zu::IIOStream> stream;
 };
 
-// A new disk made through the library.
+// A new disk made through the library under temporary names (the main
+// file's title plus ".kord-tmp"); finish() makes it durable and gives its
+// files their own names, the main file last. Nothing is synced before.
 class CDiskTarget : public IConvertTarget {
 public:
+    // Refuses (zu::CFileSystemError) when a file of the disk exists.
     CDiskTarget(const std::string& path, const kord::CVMDKDisk::CCreateParams& params);
     kord::CVMDKDisk* getDisk() const { return disk; }
     void write(long long position, const unsigned char* data, long long bytes) override;
     void finish() override;
-    void discard() override;
+    // Deletes what was made, after a failure. Never throws.
+    void discard();
 
 private:
+    // The file extent line `extentIndex` names once the disk is complete.
+    zu::CURI finalURI(int extentIndex) const;
+    void deleteTemporaryFiles() const;
+
+    zu::CURI mainURI;
+    zu::CURI temporaryURI;
+    bool split;
     zu::P<kord::CVMDKDisk> disk;
 };
 

@@ -1,5 +1,6 @@
 #include "CreateCommand.h"
 
+#include "ImageFormat.h"
 #include "Passwords.h"
 #include "Sizes.h"
 #include "ToolSupport.h"
@@ -28,7 +29,8 @@ struct CCreateOptions {
 // otherwise, the create type that matches the parent's compression.
 void takeFromParent(CCreateOptions& options, kord::CVMDKDisk::CCreateParams& params)
 {
-    zu::P<kord::CVMDKDisk> parent = openDisk(options.parent, zu::IIOStream::accessRead, options.passwords);
+    zu::P<kord::CVMDKDisk> parent =
+        openDisk(options.parent, zu::IIOStream::accessRead, options.passwords, CImageFormat());
     params.parentURI = parent->getMainURI();
     if (options.type.empty()) params.createType = parent->getCompressed() ? "streamOptimized" : "monolithicSparse";
     if (options.grainSectors != 0 && options.grainSectors != parent->getGrainSizeSectors())

@@ -1,5 +1,6 @@
 #include "InfoCommand.h"
 
+#include "ImageFormat.h"
 #include "Passwords.h"
 #include "Sizes.h"
 #include "ToolSupport.h"
@@ -18,6 +19,7 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 struct CInfoOptions {
+    CImageFormat format;
     bool json = false;
     std::string disk;
     CPasswordSource passwords;
@@ -142,7 +144,7 @@ void printDisk(const Json& info, const std::string& indent)
 
 void runInfo(CInfoOptions& options)
 {
-    zu::P<kord::CVMDKDisk> disk = openDisk(options.disk, zu::IIOStream::accessRead, options.passwords);
+    zu::P<kord::CVMDKDisk> disk = openDisk(options.disk, zu::IIOStream::accessRead, options.passwords, options.format);
     Json info = diskJson(disk);
     if (options.json)
         std::cout << info.dump(2) << "\n";
@@ -158,6 +160,7 @@ void addInfoCommand(CLI::App& app)
     CLI::App* command = app.add_subcommand("info", "Show what a disk and its parent chain are made of");
     command->add_flag("--json", options->json, "Print JSON instead of text");
     command->add_option("DISK", options->disk, "The disk's main file")->required();
+    options->format.addOption(command, {"vmdk"});
     options->passwords.addOptions(command);
     command->callback([options] { runInfo(*options); });
 }

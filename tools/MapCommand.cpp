@@ -1,5 +1,6 @@
 #include "MapCommand.h"
 
+#include "ImageFormat.h"
 #include "Passwords.h"
 #include "ToolSupport.h"
 
@@ -16,6 +17,7 @@ namespace {
 using Json = nlohmann::ordered_json;
 
 struct CMapOptions {
+    CImageFormat format;
     bool json = false;
     std::string disk;
     CPasswordSource passwords;
@@ -56,7 +58,7 @@ void printLayer(const Json& layer)
 
 void runMap(CMapOptions& options)
 {
-    zu::P<kord::CVMDKDisk> top = openDisk(options.disk, zu::IIOStream::accessRead, options.passwords);
+    zu::P<kord::CVMDKDisk> top = openDisk(options.disk, zu::IIOStream::accessRead, options.passwords, options.format);
     Json layers = Json::array();
     int depth = 0;
     for (kord::CVMDKDisk* disk = top; disk; disk = disk->getParentDisk(), ++depth)
@@ -76,6 +78,7 @@ void addMapCommand(CLI::App& app)
     CLI::App* command = app.add_subcommand("map", "List the written ranges of a disk, layer by layer through its parents");
     command->add_flag("--json", options->json, "Print JSON instead of text");
     command->add_option("DISK", options->disk, "The disk's main file")->required();
+    options->format.addOption(command, {"vmdk"});
     options->passwords.addOptions(command);
     command->callback([options] { runMap(*options); });
 }

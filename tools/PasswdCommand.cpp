@@ -1,5 +1,6 @@
 #include "PasswdCommand.h"
 
+#include "ImageFormat.h"
 #include "Passwords.h"
 #include "ToolSupport.h"
 
@@ -13,6 +14,7 @@ namespace kordtool {
 namespace {
 
 struct CPasswdOptions {
+    CImageFormat format;
     std::string disk;
     CPasswordSource passwords;
 };
@@ -33,6 +35,7 @@ void checkChangeable(const zu::CURI& uri)
 
 void runPasswd(CPasswdOptions& options)
 {
+    options.format.requireVMDK(options.disk);
     zu::CURI uri = pathToURI(options.disk);
     checkChangeable(uri);
     zu::String oldPassword = options.passwords.get("Password for " + options.disk + ": ");
@@ -50,6 +53,7 @@ void addPasswdCommand(CLI::App& app)
     CLI::App* command = app.add_subcommand(
         "passwd", "Give an encrypted disk (and its encrypted parents) a new password without rewriting its data");
     command->add_option("DISK", options->disk, "The disk's main file")->required();
+    options->format.addOption(command, {"vmdk"});
     options->passwords.addOptions(command);
     options->passwords.addNewPasswordOption(command);
     command->callback([options] { runPasswd(*options); });

@@ -1,5 +1,6 @@
 #include "ToolSupport.h"
 
+#include "ImageFormat.h"
 #include "Passwords.h"
 
 #include "base/Log.h"
@@ -56,8 +57,10 @@ bool diskNeedsPassword(const zu::CURI& uri)
     }
 }
 
-zu::P<kord::CVMDKDisk> openDisk(const std::string& path, int access, CPasswordSource& passwords)
+zu::P<kord::CVMDKDisk> openDisk(const std::string& path, int access, CPasswordSource& passwords,
+                                const CImageFormat& format)
 {
+    format.requireVMDK(path);
     zu::CURI uri = pathToURI(path);
     zu::String password;
     if (diskNeedsPassword(uri)) password = passwords.get("Password for " + path + ": ");

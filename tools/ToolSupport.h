@@ -11,6 +11,7 @@
 
 namespace kordtool {
 
+class CImageFormat;
 class CPasswordSource;
 
 // Exit codes of the program.
@@ -29,8 +30,9 @@ bool diskNeedsPassword(const zu::CURI& uri);
 
 // Opens the disk at `path` (access zu::IIOStream::accessRead or
 // accessReadWrite), asking `passwords` for the password when the disk is
-// encrypted.
-zu::P<kord::CVMDKDisk> openDisk(const std::string& path, int access, CPasswordSource& passwords);
+// encrypted; a file that `format` does not take as a VMDK disk is refused.
+zu::P<kord::CVMDKDisk> openDisk(const std::string& path, int access, CPasswordSource& passwords,
+                                const CImageFormat& format);
 
 // An error of the tool itself (a bad combination of options, a missing
 // password source), reported like the library's errors.

@@ -1,5 +1,6 @@
 #include "WriteCommand.h"
 
+#include "ImageFormat.h"
 #include "Passwords.h"
 #include "Sizes.h"
 #include "ToolSupport.h"
@@ -19,6 +20,7 @@ namespace {
 constexpr long long chunkBytes = 1024 * 1024;
 
 struct CWriteOptions {
+    CImageFormat format;
     std::string disk;
     std::string offset;
     std::string input = "-";
@@ -75,7 +77,7 @@ void runWrite(CWriteOptions& options)
 {
     long long offset = parseSize(options.offset);
     CInput input(options.input);
-    zu::P<kord::CVMDKDisk> disk = openDisk(options.disk, zu::IIOStream::accessReadWrite, options.passwords);
+    zu::P<kord::CVMDKDisk> disk = openDisk(options.disk, zu::IIOStream::accessReadWrite, options.passwords, options.format);
     // A file that cannot fit is refused before anything is written.
     long long size = input.knownSize();
     if (size >= 0 && (offset > disk->getDiskSizeBytes() || size > disk->getDiskSizeBytes() - offset))
@@ -105,6 +107,7 @@ void addWriteCommand(CLI::App& app)
         ->required();
     command->add_option("DISK", options->disk, "The disk's main file")->required();
     command->add_option("FILE", options->input, "The bytes to write; - or nothing for standard input");
+    options->format.addOption(command, {"vmdk"});
     options->passwords.addOptions(command);
     command->callback([options] { runWrite(*options); });
 }

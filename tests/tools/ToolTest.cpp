@@ -1,6 +1,6 @@
 // The kord program on real files: every subcommand does its job, and every
 // failure ends with one line "kord: ..." on standard error and status 2.
-#include "disk/DiskTestUtil.h"
+#include "ToolTestUtil.h"
 
 #include "base/Endian.h"
 
@@ -14,34 +14,8 @@ using disktest::fileText;
 using disktest::grainBytes;
 using Json = nlohmann::json;
 
-struct CRun {
-    int status;
-    std::string out;
-    std::string err;
-};
-
-class ToolTest : public testing::Test {
+class ToolTest : public ToolFixture {
 protected:
-    // Runs kord in the test's folder with the given arguments (and
-    // environment assignments in front); no terminal and no input unless
-    // the arguments redirect it.
-    CRun kord(const std::string& args, const std::string& env = "")
-    {
-        int status = kordtest::runCommand("(cd '" + temp.path() + "' && " + env + " '" KORD_BINARY_DIR
-                                          "/tools/kord' </dev/null " + args + " >out.txt 2>err.txt)");
-        return CRun{status, fileText(file("out.txt")), fileText(file("err.txt"))};
-    }
-
-    // Status 2 and exactly one line "kord: <message>..." on standard error.
-    void expectFailure(const CRun& run, const std::string& message)
-    {
-        EXPECT_EQ(2, run.status) << run.err;
-        EXPECT_EQ(0u, run.err.rfind("kord: " + message, 0)) << run.err;
-        EXPECT_EQ(1, std::count(run.err.begin(), run.err.end(), '\n')) << run.err;
-    }
-
-    std::string file(const std::string& name) const { return temp.file(name); }
-    void put(const std::string& name, const std::string& data) { disktest::putFile(file(name), data); }
     void patch(const std::string& name, long long offset, unsigned char value)
     {
         kordtest::patchFile(fs, disktest::fileURI(file(name)), offset, {value});
@@ -66,9 +40,6 @@ protected:
         std::fill(data.end() - 700, data.end(), 0x11);
         return data;
     }
-
-    kordtest::TempDir temp;
-    zu::P<zu::IFileSystem> fs = zu::newObj<zu::CLocalFileSystem>();
 };
 
 TEST_F(ToolTest, createWriteCatInfoMapOnEveryType)
@@ -207,7 +178,8 @@ TEST_F(ToolTest, everyFailureIsOneLineAndStatus2)
         if (command != "check")
             expectFailure(kord(command + " version.vmdk" + tail), "VMDK file has an unsupported version: 9");
     }
-    expectFailure(kord("info garbage.vmdk"), "No descriptor found in main VMDK file.");
+    expectFailure(kord("info garbage.vmdk"), "The file is not a VMDK disk");
+    expectFailure(kord("info -f vmdk garbage.vmdk"), "No descriptor found in main VMDK file.");
 
     // Another process holds the disk open for writing.
     zu::P<kord::CVMDKDisk> holder = disktest::openDisk(fs, disktest::fileURI(file("disk.vmdk")), disktest::RW);

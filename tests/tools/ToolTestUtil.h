@@ -1,0 +1,42 @@
+// Running the kord program in a test's folder: its status, standard output
+// and standard error, and the check that a failure is one line and status 2.
+#pragma once
+
+#include "disk/DiskTestUtil.h"
+
+namespace {
+
+struct CRun {
+    int status;
+    std::string out;
+    std::string err;
+};
+
+class ToolFixture : public testing::Test {
+protected:
+    // Runs kord in the test's folder with the given arguments (and
+    // environment assignments in front); no terminal and no input unless
+    // the arguments redirect it.
+    CRun kord(const std::string& args, const std::string& env = "")
+    {
+        int status = kordtest::runCommand("(cd '" + temp.path() + "' && " + env + " '" KORD_BINARY_DIR
+                                          "/tools/kord' </dev/null " + args + " >out.txt 2>err.txt)");
+        return CRun{status, disktest::fileText(file("out.txt")), disktest::fileText(file("err.txt"))};
+    }
+
+    // Status 2 and exactly one line "kord: <message>..." on standard error.
+    void expectFailure(const CRun& run, const std::string& message)
+    {
+        EXPECT_EQ(2, run.status) << run.err;
+        EXPECT_EQ(0u, run.err.rfind("kord: " + message, 0)) << run.err;
+        EXPECT_EQ(1, std::count(run.err.begin(), run.err.end(), '\n')) << run.err;
+    }
+
+    std::string file(const std::string& name) const { return temp.file(name); }
+    void put(const std::string& name, const std::string& data) { disktest::putFile(file(name), data); }
+
+    kordtest::TempDir temp;
+    zu::P<zu::IFileSystem> fs = zu::newObj<zu::CLocalFileSystem>();
+};
+
+} // namespace
