@@ -367,8 +367,18 @@ void CVMDKSparseExtentFile::onAboutToChange()
 void CVMDKSparseExtentFile::verifyForWriting()
 {
     if (verifiedForWriting) return;
-    CVMDKSparseExtentVerifier::CGrainScan scan = CVMDKSparseExtentVerifier(*this, throwVMDKProblem).verifyGrains();
+    // Compressed and encrypted grains move when rewritten, and the slots
+    // they leave are free once no table points at them: what no table
+    // references is handed out again.
+    CVMDKSparseExtentVerifier::GapVisitor reuse;
+    if (compressed || grain->isEncrypted())
+        reuse = [this](long long posSectors, long long sectors) { allocator->addFreeSpace(posSectors, sectors); };
+    CVMDKSparseExtentVerifier::CGrainScan scan =
+        CVMDKSparseExtentVerifier(*this, throwVMDKProblem).verifyGrains(nullptr, nullptr, reuse);
     allocator->setReferencedEnd(scan.referencedEndSectors * vmdkSectorSize);
+    long long trailSectors = allocator->getAllocationPointBytes() / vmdkSectorSize;
+    if (reuse && allocator->endsWithOurTrail() && trailSectors > scan.referencedEndSectors)
+        reuse(scan.referencedEndSectors, trailSectors - scan.referencedEndSectors);
     verifiedForWriting = true;
 }
 

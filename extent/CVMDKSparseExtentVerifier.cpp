@@ -73,6 +73,33 @@ public:
         if (testAndSet(posSectors / grainSectors)) report(posSectors, slotSectors, posSectors);
     }
 
+    // Calls visit(posSectors, sectors) for every run of sectors in [start,
+    // end) that no slot covers; after finish.
+    void forEachGap(long long startSectors, long long endSectors, const GapVisitor& visit)
+    {
+        if (bits.empty()) {
+            long long covered = startSectors;
+            for (const CPlacement& p : placements) {
+                if (p.posSectors > covered) visit(covered, p.posSectors - covered);
+                covered = std::max(covered, static_cast<long long>(p.posSectors) + p.slotSectors);
+            }
+            return;
+        }
+        // Whole grains of the file only; a grain that a slot off the
+        // boundary touches is taken.
+        for (const CPlacement& p : placements) {
+            testAndSet(p.posSectors / grainSectors);
+            testAndSet((p.posSectors + p.slotSectors - 1) / grainSectors);
+        }
+        long long last = endSectors / grainSectors;
+        for (long long bucket = (startSectors + grainSectors - 1) / grainSectors; bucket < last;) {
+            long long free = bucket;
+            while (free < last && !isSet(free)) ++free;
+            if (free > bucket) visit(bucket * grainSectors, (free - bucket) * grainSectors);
+            bucket = free + 1;
+        }
+    }
+
     void finish()
     {
         if (!bits.empty()) {
@@ -217,7 +244,8 @@ void CVMDKSparseExtentVerifier::verifyLayout() const
 }
 
 CVMDKSparseExtentVerifier::CGrainScan CVMDKSparseExtentVerifier::verifyGrains(const GrainVisitor& onGrain,
-                                                                               const TableProgress& onTable) const
+                                                                               const TableProgress& onTable,
+                                                                               const GapVisitor& onGap) const
 {
     CVMDKGrainDirectory* directory = extent.getGrainDirectory();
     long long grainSize = extent.getGrainSizeSectors();
@@ -244,6 +272,7 @@ CVMDKSparseExtentVerifier::CGrainScan CVMDKSparseExtentVerifier::verifyGrains(co
         if (onTable) onTable(t + 1);
     });
     overlaps.finish();
+    if (onGap) overlaps.forEachGap(extent.getGrainAreaStartSectors(), scan.referencedEndSectors, onGap);
     return scan;
 }
 

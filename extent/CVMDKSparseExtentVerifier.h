@@ -40,6 +40,9 @@ public:
     // (with the number of tables done).
     using GrainVisitor = std::function<void(long long grainIndex, long long posSectors, long long slotSectors)>;
     using TableProgress = std::function<void(long long tablesDone)>;
+    // Called for each run of the grain area, below the referenced end, that
+    // no slot covers.
+    using GapVisitor = std::function<void(long long posSectors, long long sectors)>;
 
     // The extent must outlive the verifier. Problems go to the sink; with
     // throwVMDKProblem the first one is thrown as zu::CIOError code 5.
@@ -55,7 +58,8 @@ public:
     // Finds shared slots in one bit per grain of the file where all slots
     // are one grain (uncompressed extents), else in 8 bytes per written
     // grain.
-    CGrainScan verifyGrains(const GrainVisitor& onGrain = nullptr, const TableProgress& onTable = nullptr) const;
+    CGrainScan verifyGrains(const GrainVisitor& onGrain = nullptr, const TableProgress& onTable = nullptr,
+                            const GapVisitor& onGap = nullptr) const;
 
 private:
     class COverlapFinder;

@@ -60,6 +60,7 @@ public:
     long long getSlotSizeSectors() const { return slotSizeSectors; }
     long long getPosInGrain() const { return posInGrain; }
     long long getGrainSizeBytes() const { return grainSize; }
+    bool isEncrypted() const { return cipher != nullptr; }
 
     void seek(long long position);
     void read(void* data, int bytes);

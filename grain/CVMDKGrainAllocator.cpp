@@ -49,6 +49,7 @@ CVMDKGrainAllocator::CVMDKGrainAllocator(zu::IIOStream* stream, int access, long
     if (cut >= 0) {
         // Ours, cut short: it is written again in its place.
         allocationPoint = cut;
+        trailCut = true;
         if (writable)
             zu::logWarning("VMDK trail data was cut short by an interrupted write; it is written again at the next "
                            "change (uri: '" + stream->getURI().toString(true) + "').");
@@ -195,6 +196,11 @@ void CVMDKGrainAllocator::releaseSlot(long long posSectors, long long slotSizeSe
     } else {
         releasedSlots.push_back(CSlot{posSectors, slotSizeSectors});
     }
+}
+
+void CVMDKGrainAllocator::addFreeSpace(long long posSectors, long long sectors)
+{
+    freeSlots.emplace(sectors, posSectors);
 }
 
 void CVMDKGrainAllocator::beginCommit()

@@ -8,7 +8,8 @@
 // become durable without pointing at it. A slot handed out since the tables
 // were last written is pointed at by nothing that could survive a crash: it
 // may be rewritten in place and reused at once. Freed slots are kept in
-// memory only: those still free when the extent closes stay dead space.
+// memory; those still free when the extent closes are found again (as
+// space no table points at) when it is next opened for writing.
 //
 // The end of the grain data is the later of the file's end and the end of
 // every slot that a grain table references: a damaged table may name
@@ -61,6 +62,9 @@ public:
                                       int slotSizeSectors) override;
     bool isSlotUncommitted(long long posSectors) const override;
     void releaseSlot(long long posSectors, long long slotSizeSectors) override;
+    // Space of the grain area that no table on disk points at (left by
+    // grains that moved in an earlier session): handed out again at once.
+    void addFreeSpace(long long posSectors, long long sectors);
 
     // The grain tables are about to be written: from now on a table on
     // disk may point at any slot handed out so far.
@@ -72,6 +76,9 @@ public:
     long long getAllocationPointBytes() const { return allocationPoint; }
     // True when the trail was found at the end of the file (or none is expected).
     bool isTrailIntact() const { return trailIntact; }
+    // The file ends with our trail, whole or cut short: what lies before it
+    // and behind every slot the tables reference is ours too.
+    bool endsWithOurTrail() const { return !trail.isEmpty() && (trailIntact || trailCut); }
     // Sectors of freed slots waiting to be handed out again.
     long long getFreeSectors() const;
 
@@ -96,6 +103,7 @@ private:
     zu::TBuffer<unsigned char> zeros;
     long long allocationPoint;
     bool trailIntact = true;
+    bool trailCut = false;
     bool trailNeedsWrite = false;
     bool referencedEndKnown = false;
     // Free slots by size (best fit), and slots released but maybe still

@@ -97,6 +97,12 @@ public:
             zu::P<CVMDKDisk> disk = CVMDKDisk::create(fs, diskURI, p);
             for (const CWrite& w : scenario.oldWrites) writeAt(*disk, w.position, w.data);
         }
+        // Written again in a session of its own: compressed and encrypted
+        // grains move, and the workload finds the slots they left to reuse.
+        {
+            zu::P<CVMDKDisk> disk = openDisk(fs, diskURI, RW, scenario.pass);
+            for (const CWrite& w : scenario.oldWrites) writeAt(*disk, w.position, w.data);
+        }
         files = fs->getFiles();
         std::set<long long> grains;
         for (const auto* list : {&scenario.parentWrites, &scenario.oldWrites, &scenario.writes})
