@@ -59,6 +59,10 @@ public:
                    long long fileSectors)
         : verifier(verifier), grainSectors(grainSizeSectors)
     {
+        // Grain sizes are powers of two in practice: one shift per grain
+        // instead of two divisions.
+        while ((1LL << grainShift) < grainSectors) ++grainShift;
+        if ((1LL << grainShift) != grainSectors) grainShift = -1;
         // Positions were checked to lie in the file: bucket + 1 stays in range.
         long long buckets = fileSectors / grainSizeSectors + 2;
         if (uniformSlots && buckets / 8 <= maxBitmapBytes) bits.assign(static_cast<size_t>((buckets + 63) / 64), 0);
@@ -66,11 +70,12 @@ public:
 
     void add(long long posSectors, long long slotSectors)
     {
-        if (bits.empty() || posSectors % grainSectors != 0) {
+        long long bucket = grainShift >= 0 ? posSectors >> grainShift : posSectors / grainSectors;
+        if (bits.empty() || bucket * grainSectors != posSectors) {
             placements.push_back(CPlacement{static_cast<std::uint32_t>(posSectors), static_cast<std::uint32_t>(slotSectors)});
             return;
         }
-        if (testAndSet(posSectors / grainSectors)) report(posSectors, slotSectors, posSectors);
+        if (testAndSet(bucket)) report(posSectors, slotSectors, posSectors);
     }
 
     void finish()
@@ -121,12 +126,17 @@ private:
 
     const CVMDKSparseExtentVerifier& verifier;
     long long grainSectors;
+    int grainShift = 0;
     std::vector<std::uint64_t> bits;
     std::vector<CPlacement> placements;
 };
 
 CVMDKSparseExtentVerifier::CVMDKSparseExtentVerifier(const CVMDKSparseExtentFile& extent, const VMDKProblemSink& sink)
-    : extent(extent), sink(sink), fileSizeBytes(extent.getStream()->getLength())
+    : extent(extent), sink(sink), fileSizeBytes(extent.getStream()->getLength()),
+      grainAreaStartSectors(extent.getGrainAreaStartSectors()),
+      // A compressed grain needs at least its header's sector; how much
+      // more its header says, and that is checked when it is read.
+      neededSectors(extent.getCompressed() ? 1 : extent.getGrainSizeSectors())
 {
 }
 
@@ -139,25 +149,19 @@ void CVMDKSparseExtentVerifier::report(CVMDKProblem::Kind kind, const zu::String
 bool CVMDKSparseExtentVerifier::verifyGrainEntry(long long grainIndex, long long posSectors, long long slotSectors) const
 {
     if (posSectors == 0) return false;
-    long long fileSize = fileSizeBytes;
-    long long grainSize = extent.getGrainSizeSectors();
-    long long areaStart = extent.getGrainAreaStartSectors();
     auto misplaced = [&](CVMDKProblem::Kind kind, const char* message) {
         report(kind, message,
                zu::CProps()
                    .set("grainIndex", grainIndex)
                    .set("posSectors", posSectors)
                    .set("slotSizeSectors", slotSectors)
-                   .set("fileSize", fileSize)
-                   .set("grainAreaStart", areaStart));
+                   .set("fileSize", fileSizeBytes)
+                   .set("grainAreaStart", grainAreaStartSectors));
         return false;
     };
-    if (posSectors < areaStart)
+    if (posSectors < grainAreaStartSectors)
         return misplaced(CVMDKProblem::kindGrainInMetadata, "VMDK grain table entry points into the metadata.");
-    // A compressed grain needs at least its header's sector; how much more
-    // its header says, and that is checked when it is read.
-    long long neededSectors = extent.getCompressed() ? 1 : grainSize;
-    if (posSectors > fileSize / vmdkSectorSize - neededSectors)
+    if (posSectors > fileSizeBytes / vmdkSectorSize - neededSectors)
         return misplaced(CVMDKProblem::kindGrainPastEnd, "VMDK grain table entry points past the end of the extent file.");
     if (slotSectors < neededSectors)
         return misplaced(CVMDKProblem::kindSlotTooSmall, "VMDK grain table entry has a slot too small for its grain.");
@@ -166,13 +170,12 @@ bool CVMDKSparseExtentVerifier::verifyGrainEntry(long long grainIndex, long long
 
 void CVMDKSparseExtentVerifier::verifyLayout() const
 {
-    long long fileSize = fileSizeBytes;
     // New grains and the trail are appended at the end of a stream-optimized
     // file; a partial sector there would put them off the sectors the tables
     // can name.
-    if (extent.getCompressed() && fileSize % vmdkSectorSize != 0)
+    if (extent.getCompressed() && fileSizeBytes % vmdkSectorSize != 0)
         report(CVMDKProblem::kindPartialSector, "VMDK extent file size is not a whole number of sectors.",
-               zu::CProps().set("fileSize", fileSize));
+               zu::CProps().set("fileSize", fileSizeBytes));
 
     const CVMDKSparseExtentHeader& header = extent.getHeader();
     CVMDKGrainDirectory* directory = extent.getGrainDirectory();
@@ -235,7 +238,7 @@ CVMDKSparseExtentVerifier::CGrainScan CVMDKSparseExtentVerifier::verifyGrains(co
     long long fileSectors = fileSizeBytes / vmdkSectorSize;
     COverlapFinder overlaps(*this, grainSize, uniformSlots, fileSectors);
     CGrainScan scan;
-    scan.referencedEndSectors = extent.getGrainAreaStartSectors();
+    scan.referencedEndSectors = grainAreaStartSectors;
     directory->forEachGrainTable([&](long long t, const CVMDKGrainTable& table) {
         long long inTable = std::min(perTable, grains - t * perTable);
         for (long long i = 0; i < inTable; ++i) {

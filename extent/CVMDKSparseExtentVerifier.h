@@ -66,6 +66,8 @@ private:
     const CVMDKSparseExtentFile& extent;
     VMDKProblemSink sink;
     long long fileSizeBytes;
+    long long grainAreaStartSectors;
+    long long neededSectors;
 };
 
 } // namespace kord

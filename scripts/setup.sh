@@ -11,6 +11,7 @@ packages=(
   libcli11-dev nlohmann-json3-dev
   qemu-utils libvmdk-utils   # black-box interop oracles for the tests
   e2fsprogs                  # mke2fs builds the sample file system of the main job
+  clang libclang-rt-14-dev   # libFuzzer runs by hand (scripts/fuzz.sh)
 )
 
 missing=()

@@ -82,15 +82,13 @@ protected:
         }
     }
 
-    // Every grain of a small disk; the written ones and the last of a large one.
+    // The grains a user's reading meets damage in: the written ones, one
+    // never written, and the disk's last.
     void readEverything(CVMDKDisk& disk)
     {
-        long long grains = (disk.getDiskSizeBytes() + grainBytes - 1) / grainBytes;
-        for (long long g = 0; g < grains; g = g < 1024 ? g + 1 : grains - 1) {
-            long long n = std::min(grainBytes, disk.getDiskSizeBytes() - g * grainBytes);
-            readAt(disk, g * grainBytes, n);
-            if (g == grains - 1) break;
-        }
+        long long last = (disk.getDiskSizeBytes() - 1) / grainBytes;
+        for (long long g : {0LL, 1LL, 2LL, 700LL, last})
+            if (g <= last) readAt(disk, g * grainBytes, std::min(grainBytes, disk.getDiskSizeBytes() - g * grainBytes));
     }
 
     // The disk's last bytes (in the last extent), a change inside a written
