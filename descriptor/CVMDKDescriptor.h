@@ -129,7 +129,8 @@ public:
 
 private:
     CNameValueEntry* findEntry(const zu::String& name) const;
-    void parse(const zu::String& text);
+    void parse(const char* text, size_t length);
+    static zu::P<CVMDKDescriptorEntry> parseLine(const zu::String& line);
     zu::CProps sourceProps() const;
     // parse(value), with a value it refuses reported as damage in the file:
     // "VMDK descriptor value '<name>' is not <expected>: '<value>'."
