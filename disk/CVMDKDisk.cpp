@@ -23,9 +23,32 @@ namespace kord {
 namespace {
 
 const char* const derivationPrefix = "pkcs5-pbkdf2-hmac-sha1:";
-constexpr long long newDiskIterations = 10000;
 constexpr long long minIterations = 1000;
 constexpr long long minSaltBytes = 8;
+
+// Why a key derivation named in a descriptor cannot be used (empty when it
+// can), with the descriptor key at fault; checked in this order: the name,
+// the salt, the iteration count.
+zu::String findDerivationProblem(const zu::String& algorithm, const zu::TBuffer<unsigned char>& salt,
+                                 long long& iterations, const char*& descriptorKey)
+{
+    descriptorKey = "zuEncKeyDerivAlg";
+    if (!algorithm.StartsWith(derivationPrefix)) return "Unknown encryption key derivation algorithm: " + algorithm;
+    try {
+        iterations = zu::parseInt64(algorithm.substr(std::char_traits<char>::length(derivationPrefix)), false);
+    } catch (const zu::CInvalidArgError&) {
+        return "Unknown encryption key derivation algorithm: " + algorithm;
+    }
+    if (salt.getUsed() < minSaltBytes) {
+        descriptorKey = "zuEncKeyDerivSalt";
+        return "Key derivation salt is too small: " + zu::toString(salt.getUsed()) + " bytes";
+    }
+    if (iterations < minIterations) return "Key derivation iterations are too small: " + zu::toString(iterations);
+    // A hostile descriptor must not make the open run for hours.
+    if (iterations > CVMDKDisk::maxKeyDerivationIterations)
+        return "Key derivation iterations are too large: " + zu::toString(iterations);
+    return zu::String();
+}
 
 bool isSupportedCreateType(const zu::String& type)
 {
@@ -131,19 +154,12 @@ zu::P<CVMDKDescriptorAccessor> CVMDKDisk::openDescriptorAccessor()
 void CVMDKDisk::deriveEncryptKey(zu::TCryptBuffer<unsigned char>& key, int keyLength, const zu::String& password,
                                  const zu::String& derivationAlgorithm, const zu::TBuffer<unsigned char>& salt)
 {
-    const char* where = "CVMDKDisk::deriveEncryptKey";
+    long long iterations = 0;
+    const char* descriptorKey = nullptr;
+    zu::String problem = findDerivationProblem(derivationAlgorithm, salt, iterations, descriptorKey);
+    if (!problem.empty()) throw zu::CInvalidArgError("CVMDKDisk::deriveEncryptKey", problem);
     std::string passwordBytes = password.toUTF8();
     key.setUsed(keyLength);
-    if (!derivationAlgorithm.StartsWith(derivationPrefix))
-        throw zu::CInvalidArgError(where, "Unknown encryption key derivation algorithm: " + derivationAlgorithm);
-    long long iterations = zu::parseInt64(derivationAlgorithm.substr(std::char_traits<char>::length(derivationPrefix)), false);
-    if (salt.getUsed() < minSaltBytes)
-        throw zu::CInvalidArgError(where, "Key derivation salt is too small: " + zu::toString(salt.getUsed()) + " bytes");
-    if (iterations < minIterations)
-        throw zu::CInvalidArgError(where, "Key derivation iterations are too small: " + zu::toString(iterations));
-    // A hostile descriptor must not make the open run for hours.
-    if (iterations > maxKeyDerivationIterations)
-        throw zu::CInvalidArgError(where, "Key derivation iterations are too large: " + zu::toString(iterations));
     pell::deriveKey_PKCS5_PBKDF2_HMAC_SHA1(reinterpret_cast<const unsigned char*>(passwordBytes.data()),
                                           static_cast<int>(passwordBytes.size()), salt.getData(),
                                           static_cast<int>(salt.getUsed()), iterations, keyLength, key.getData());
@@ -159,9 +175,16 @@ void CVMDKDisk::setUpEncryption(const zu::String& password)
     cipher = zu::newObj<pell::CCipher_AES256CBC>();
     if (password.empty()) throw zu::CError("VMDK is encrypted but no password provided", zu::String(), -1, mainProps());
 
+    zu::String derivation = descriptor->getZuEncryptionKeyDerivationAlgorithm();
+    zu::TBuffer<unsigned char> salt = descriptor->getZuEncryptionKeyDerivationSalt();
+    // The derivation's parameters come from the descriptor: damage in the file.
+    long long iterations = 0;
+    const char* descriptorKey = nullptr;
+    zu::String problem = findDerivationProblem(derivation, salt, iterations, descriptorKey);
+    if (!problem.empty())
+        throw zu::CIOError(zu::CIOError::codeInvalidData, problem + ".", mainProps().set("key", descriptorKey));
     zu::TCryptBuffer<unsigned char> passwordKey;
-    deriveEncryptKey(passwordKey, cipher->getKeySize(), password, descriptor->getZuEncryptionKeyDerivationAlgorithm(),
-                     descriptor->getZuEncryptionKeyDerivationSalt());
+    deriveEncryptKey(passwordKey, cipher->getKeySize(), password, derivation, salt);
     zu::TBuffer<unsigned char> wrapped = descriptor->getZuEncryptedEncryptionKey();
     encryptionIV = descriptor->getZuEncryptionIV();
     if (encryptionIV.getUsed() != cipher->getIVSize())
@@ -189,12 +212,13 @@ void CVMDKDisk::setUpEncryption(const zu::String& password)
 }
 
 void CVMDKDisk::storeEncryptionKeys(CVMDKDescriptor& target, const zu::TCryptBuffer<unsigned char>& dataKey,
-                                    const zu::TBuffer<unsigned char>& iv, const zu::String& password)
+                                    const zu::TBuffer<unsigned char>& iv, const zu::String& password,
+                                    long long iterations)
 {
     pell::CCipher_AES256CBC cipher;
     target.setZuEncryptionAlgorithm(cipher.getID());
     target.setZuEncryptionIV(iv);
-    zu::String derivation = derivationPrefix + zu::toString(newDiskIterations);
+    zu::String derivation = derivationPrefix + zu::toString(iterations);
     target.setZuEncryptionKeyDerivationAlgorithm(derivation);
     zu::TBuffer<unsigned char> salt(cipher.getKeySize());
     zu::randData(salt.getData(), static_cast<int>(salt.getUsed()));

@@ -76,6 +76,7 @@ public:
     // descriptor's line limit.
     static constexpr int maxExtentLines = 8000;
     static constexpr long long maxKeyDerivationIterations = 10000000;
+    static constexpr long long newDiskKeyDerivationIterations = 10000;
 
     // Opens an existing disk. access is zu::IIOStream::accessRead or
     // accessReadWrite. password may be empty for a disk without encryption.
@@ -103,10 +104,12 @@ public:
                                  const zu::String& derivationAlgorithm, const zu::TBuffer<unsigned char>& salt);
 
     // Writes the encryption keys of a disk into its descriptor: the data key
-    // wrapped under a key derived from the password with a fresh random
-    // salt, the IV, the parameters and the data key's SHA-256 hash.
+    // wrapped under a key derived from the password (by that many PBKDF2
+    // iterations) with a fresh random salt, the IV, the parameters and the
+    // data key's SHA-256 hash.
     static void storeEncryptionKeys(CVMDKDescriptor& descriptor, const zu::TCryptBuffer<unsigned char>& dataKey,
-                                    const zu::TBuffer<unsigned char>& iv, const zu::String& password);
+                                    const zu::TBuffer<unsigned char>& iv, const zu::String& password,
+                                    long long iterations = newDiskKeyDerivationIterations);
 
     // Byte-stream access to the virtual contents.
     void seek(long long position);

@@ -449,23 +449,28 @@ TEST_F(DiskEdgeTest, passwordsAndEncryptionBounds)
         };
     };
     const std::string prefix = "pkcs5-pbkdf2-hmac-sha1:";
-    const std::string argument = "Invalid argument passed to 'CVMDKDisk::deriveEncryptKey': ";
+    // Damage in the descriptor, not a caller's bad argument.
     const std::vector<std::tuple<Edit, std::string, long long>> bounds = {
         {[&](kord::CVMDKDescriptor& d) { d.setZuEncryptionIV(bytes(15)); },
          "VMDK encryption IV has an invalid size.", 5},
         {[&](kord::CVMDKDescriptor& d) { d.setZuEncryptedEncryptionKey(bytes(32)); },
          "VMDK encrypted encryption key has an invalid size.", 5},
-        {derivation(prefix + "10000001", 0), argument + "Key derivation iterations are too large: 10000001.", -1},
-        {derivation(prefix + "10000001", 7), argument + "Key derivation salt is too small: 7 bytes.", -1},
-        {derivation(prefix + "999", 0), argument + "Key derivation iterations are too small: 999.", -1},
-        {derivation("pbkdf2-hmac-sha1:5000", 7),
-         argument + "Unknown encryption key derivation algorithm: pbkdf2-hmac-sha1:5000.", -1}};
+        {derivation(prefix + "10000001", 0), "Key derivation iterations are too large: 10000001.", 5},
+        {derivation(prefix + "10000001", 7), "Key derivation salt is too small: 7 bytes.", 5},
+        {derivation(prefix + "999", 0), "Key derivation iterations are too small: 999.", 5},
+        {derivation("pbkdf2-hmac-sha1:5000", 7), "Unknown encryption key derivation algorithm: pbkdf2-hmac-sha1:5000.",
+         5}};
     const std::string pristine = fileText(path("e.vmdk"));
     for (const auto& [edit, message, code] : bounds) {
         putFile(path("e.vmdk"), pristine);
         editDescriptor(path("e.vmdk"), edit);
         expectError([&] { open("e.vmdk", R, "neu"); }, message, code);
     }
+    // Called with such values, the derivation refuses its arguments.
+    zu::TCryptBuffer<unsigned char> key;
+    expectError<zu::CInvalidArgError>(
+        [&] { CVMDKDisk::deriveEncryptKey(key, 32, "pw", zu::String(prefix + "999"), bytes(8)); },
+        "Invalid argument passed to 'CVMDKDisk::deriveEncryptKey': Key derivation iterations are too small: 999.", -1);
     putFile(path("e.vmdk"), pristine);
     EXPECT_TRUE(readAt(*open("e.vmdk", R, "neu"), 100, data.size()) == data);
 }
