@@ -234,21 +234,31 @@ zu::String CVMDKDescriptor::toString() const
     return zu::String(wxString(text));
 }
 
-void CVMDKDescriptor::store(zu::IOutStream& stream, int targetSize, const zu::TBuffer<unsigned char>& padBuffer)
+std::string CVMDKDescriptor::toStoredText()
 {
     setEncodingUTF8();
-    std::string text = toString().toUTF8();
-    long long actual = static_cast<long long>(text.size());
+    return toString().toUTF8();
+}
+
+void CVMDKDescriptor::checkRoom(long long storedBytes, long long roomBytes, const zu::CURI& uri)
+{
     // A descriptor that has grown past the room the file gives it (a text
     // file keeps its size, an embedded area its sectors).
-    if (actual > targetSize)
+    if (storedBytes > roomBytes)
         throw zu::CIOError(zu::CIOError::codeInvalidData,
                            "VMDK descriptor is larger than the room for it in the file (descriptor size: " +
-                               zu::toString(actual) + " bytes, room: " + zu::toString(targetSize) + " bytes).",
+                               zu::toString(storedBytes) + " bytes, room: " + zu::toString(roomBytes) + " bytes).",
                            zu::CProps()
-                               .set("uri", stream.getURI().toString(true))
-                               .set("descriptorSize", actual)
-                               .set("areaSize", targetSize));
+                               .set("uri", uri.toString(true))
+                               .set("descriptorSize", storedBytes)
+                               .set("areaSize", roomBytes));
+}
+
+void CVMDKDescriptor::store(zu::IOutStream& stream, int targetSize, const zu::TBuffer<unsigned char>& padBuffer)
+{
+    std::string text = toStoredText();
+    long long actual = static_cast<long long>(text.size());
+    checkRoom(actual, targetSize, stream.getURI());
     long long pad = targetSize - actual;
     if (pad > padBuffer.getUsed())
         throw zu::CError("Internal error: pad buffer too small (size: " + zu::toString(padBuffer.getUsed()) +

@@ -82,6 +82,11 @@ public:
     // from padBuffer, exactly targetSize bytes. A text longer than that is
     // zu::CIOError code 5 naming the stream's file, and nothing is written.
     void store(zu::IOutStream& stream, int targetSize, const zu::TBuffer<unsigned char>& padBuffer) override;
+    // The bytes store writes before its padding ("encoding" set to UTF-8).
+    std::string toStoredText();
+    // Refuses, as store does, a stored text that does not fit its room in
+    // the file at uri: zu::CIOError code 5.
+    static void checkRoom(long long storedBytes, long long roomBytes, const zu::CURI& uri);
 
     int getEntryCount() const { return static_cast<int>(entries.size()); }
     CVMDKDescriptorEntry* getEntry(int index) const { return entries[static_cast<size_t>(index)]; }

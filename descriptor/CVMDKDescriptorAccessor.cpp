@@ -161,6 +161,15 @@ void CVMDKDescriptorAccessor::storeDescriptor(bool flush)
     if (flush) stream->flush();
 }
 
+void CVMDKDescriptorAccessor::checkRoomForNewContentID() const
+{
+    CVMDKDescriptor renewed;
+    renewed = *descriptor;
+    // The longest content ID a renewal can write: eight hexadecimal digits.
+    renewed.setContentID(0xFFFFFFFEu);
+    CVMDKDescriptor::checkRoom(static_cast<long long>(renewed.toStoredText().size()), areaSize, stream->getURI());
+}
+
 unsigned CVMDKDescriptorAccessor::changeContentID()
 {
     if (access != zu::IIOStream::accessReadWrite)

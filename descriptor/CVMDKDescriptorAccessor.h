@@ -40,6 +40,10 @@ public:
     // Writes the descriptor back into its area (zero-filled behind the
     // text), then flushes the stream when `flush`. Needs read-write access.
     void storeDescriptor(bool flush);
+    // Refuses (zu::CIOError code 5, as storing would) a descriptor that
+    // would not fit its room once its content ID is renewed: the first
+    // change of a disk renews it.
+    void checkRoomForNewContentID() const;
     // Gives the descriptor a new random content ID (never 0, ffffffff or the
     // old one) in memory and returns it; the caller stores it.
     unsigned changeContentID();

@@ -2,11 +2,9 @@
 
 #include "base/CIOError.h"
 #include "base/Endian.h"
-#include "crypto/CCipher_AES256CBC.h"
 #include "disk/CVMDKParentDiskDataProvider.h"
 #include "format/CVMDKLowLevelFileStream.h"
 #include "format/VMDKMarker.h"
-#include "grain/CVMDKDataPreparer.h"
 
 #include <algorithm>
 #include <set>
@@ -134,8 +132,24 @@ VMDKProblemSink CVMDKChecker::sinkFor(const zu::CURI& uri)
 
 void CVMDKChecker::checkDisk(CVMDKDisk* disk)
 {
+    checkDescriptorRoom(disk);
     int count = static_cast<int>(disk->getExtentInfos().size());
     for (int i = 0; i < count && !full(); ++i) checkExtent(disk, i);
+}
+
+// The first change of a disk renews its content ID: an embedded descriptor
+// (whose area cannot grow) must have room for it. A text descriptor file is
+// not held to its size.
+void CVMDKChecker::checkDescriptorRoom(CVMDKDisk* disk)
+{
+    zu::P<CVMDKDescriptorAccessor> accessor = zu::newObj<CVMDKDescriptorAccessor>(
+        openVMDKFileStream(fileSystem, disk->getMainURI(), zu::IIOStream::accessRead), zu::IIOStream::accessRead);
+    if (!accessor->isEmbedded()) return;
+    try {
+        accessor->checkRoomForNewContentID();
+    } catch (const zu::CIOError& e) {
+        addFinding(CVMDKProblem::kindDescriptorFull, disk->getMainURI(), e.getMessage(), e.getProps());
+    }
 }
 
 void CVMDKChecker::checkExtent(CVMDKDisk* disk, int index)

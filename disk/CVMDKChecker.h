@@ -11,7 +11,8 @@
 // the library tolerates: grain tables that differ from their redundant
 // copies, a stream-optimized file without its trail, a compressed grain
 // whose header names another grain, extents left marked as not cleanly
-// closed and a parent changed under its child.
+// closed and a parent changed under its child. And it finds an embedded
+// descriptor with no room for the content ID that a first change writes.
 //
 // Findings are damage in the files. What keeps the check from running at
 // all (a missing file, a wrong password, a lock held by another process, a
@@ -76,6 +77,7 @@ private:
 
     zu::P<CVMDKDisk> openDisk(const zu::CURI& uri);
     void checkDisk(CVMDKDisk* disk);
+    void checkDescriptorRoom(CVMDKDisk* disk);
     void checkExtent(CVMDKDisk* disk, int index);
     void checkHeader(CExtentContext& context);
     void compareTableWithCopy(CExtentContext& context, long long tableIndex, long long redundantPosSectors);
