@@ -63,9 +63,6 @@ public:
     bool tryGetValue(const zu::String& name, zu::String& value) const;
     // Throws zu::CError "VMDK descriptor value '<name>' not found." when absent.
     zu::String getValue(const zu::String& name) const;
-
-    // The typed getters below throw zu::CIOError code 5 naming the key and
-    // the file when a value does not parse as its type.
     // Changes the first entry of that name (keeping its spelling and its
     // quoting), or adds a new one: at the header position when atHeader,
     // else at the end.
@@ -92,6 +89,8 @@ public:
     CVMDKDescriptorEntry* getEntry(int index) const { return entries[static_cast<size_t>(index)]; }
     int getHeaderInsertIndex() const { return headerInsertIndex; }
 
+    // The typed getters below throw zu::CIOError code 5 naming the key and
+    // the file when a value does not parse as its type.
     int getVersion() const;
     void setVersion(int version);
     unsigned getContentID() const;

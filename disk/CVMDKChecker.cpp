@@ -71,7 +71,8 @@ std::vector<CVMDKChecker::CFinding> CVMDKChecker::check()
                               .set("childURI", disk->getMainURI().toString(true))
                               .set("parentURI", parentURI.toString(true));
         if (visited.count(parentURI)) {
-            addFinding(CVMDKProblem::kindRefused, disk->getMainURI(), "VMDK parent chain loops back to one of its own disks.", uris);
+            addFinding(CVMDKProblem::kindRefused, disk->getMainURI(),
+                       "VMDK parent chain loops back to one of its own disks.", uris);
             break;
         }
         if (visited.size() >= static_cast<size_t>(CVMDKParentDiskDataProvider::maxChainLength)) {
@@ -105,7 +106,8 @@ zu::P<CVMDKDisk> CVMDKChecker::openParent(CVMDKDisk* child)
     unsigned expected = child->getDescriptor()->getParentContentID();
     unsigned actual = parent->getDescriptor()->getContentID();
     if (actual != expected)
-        addFinding(CVMDKProblem::kindParentChanged, child->getMainURI(), "VMDK parent disk has changed, but a child disk depended on it.",
+        addFinding(CVMDKProblem::kindParentChanged, child->getMainURI(),
+                   "VMDK parent disk has changed, but a child disk depended on it.",
                    zu::CProps()
                        .set("parentURI", parent->getMainURI().toString(true))
                        .set("actualContentID", zu::toHexString(actual))

@@ -6,10 +6,11 @@
 // writing also that no two metadata structures share sectors); the first
 // change reads and checks every grain table (CVMDKSparseExtentVerifier).
 // Reads and writes are split at grain boundaries and go through the one
-// grain object, after a check of the grain's table entry. Before the first change the content-ID updater is told and the
-// header's uncleanShutdown flag is set on disk; flushChanges writes grain
-// data, the trail, the grain tables and then the header with the flag
-// cleared, so that a flushed extent is consistent and marked clean.
+// grain object, after a check of the grain's table entry. Before the first
+// change the content-ID updater is told and the header's uncleanShutdown
+// flag is set on disk; flushChanges writes grain data, the trail, the grain
+// tables and then the header with the flag cleared, so that a flushed
+// extent is consistent and marked clean.
 //
 // Made by the disk (and the on-demand extent); it holds its stream, header,
 // grain directory, allocator and grain, and shares the grain table cache,

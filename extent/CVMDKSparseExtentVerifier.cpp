@@ -34,7 +34,12 @@ struct CStructure {
     std::uint32_t index;
     What what;
 
-    bool operator<(const CStructure& other) const { return startSectors < other.startSectors; }
+    // By position, then kind and index: a report names the same pair each time.
+    bool operator<(const CStructure& other) const
+    {
+        if (startSectors != other.startSectors) return startSectors < other.startSectors;
+        return what != other.what ? what < other.what : index < other.index;
+    }
 
     zu::String describe() const
     {

@@ -94,7 +94,8 @@ std::vector<long long> sampleGrains(long long diskBytes, long long grainBytes, c
     std::vector<long long> out;
     for (long long i = 0; i < sampledGrains / 2 && grains > 0; ++i) out.push_back(i * grains / (sampledGrains / 2));
     for (const CWrite& w : writes)
-        for (long long g = w.position / grainBytes - 1; g <= (w.position + static_cast<long long>(w.data.size())) / grainBytes + 1; ++g)
+        for (long long g = w.position / grainBytes - 1;
+             g <= (w.position + static_cast<long long>(w.data.size())) / grainBytes + 1; ++g)
             if (g >= 0 && g < grains) out.push_back(g);
     std::sort(out.begin(), out.end());
     out.erase(std::unique(out.begin(), out.end()), out.end());

@@ -61,7 +61,10 @@ protected:
     {
         return entry(name, field(name, redundant ? hdrRgdOffset : hdrGdOffset) * sector + 4 * t);
     }
-    unsigned grainPos(const std::string& name, long long grain) { return entry(name, table(name, grain / 512) * sector + grain % 512 * 4); }
+    unsigned grainPos(const std::string& name, long long grain)
+    {
+        return entry(name, table(name, grain / 512) * sector + grain % 512 * 4);
+    }
     // Points a grain's entry elsewhere, in both copies of its table.
     void patchGrainEntry(const std::string& name, long long grain, unsigned posSectors)
     {
