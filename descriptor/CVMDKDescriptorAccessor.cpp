@@ -6,6 +6,7 @@
 #include "base/Endian.h"
 #include "base/Log.h"
 #include "base/Threads.h"
+#include "format/CVMDKLowLevelFileStream.h"
 #include "format/CVMDKSparseExtentHeader.h"
 #include "format/VMDKMarker.h"
 
@@ -57,7 +58,8 @@ zu::String sectorsAsBytes(long long sectors)
 
 } // namespace
 
-CVMDKDescriptorAccessor::CVMDKDescriptorAccessor(zu::IIOStream* stream, int access) : stream(stream), access(access)
+CVMDKDescriptorAccessor::CVMDKDescriptorAccessor(zu::IIOStream* stream, int access, zu::IFileSystem* fileSystem)
+    : stream(stream), access(access), fileSystem(fileSystem)
 {
     CPositionKeeper keeper(stream);
     locate();
@@ -153,6 +155,13 @@ void CVMDKDescriptorAccessor::storeDescriptor(bool flush)
     if (access != zu::IIOStream::accessReadWrite)
         throw zu::CError("Internal error: CVMDKDescriptorAccessor::storeDescriptor was called, but the accessor was "
                          "not opened for writing.");
+    if (canGrow()) {
+        long long textBytes = static_cast<long long>(descriptor->toStoredText().size());
+        if (textBytes > areaSize) {
+            replaceTextFile(textBytes);
+            return;
+        }
+    }
     CPositionKeeper keeper(stream);
     stream->seek(descriptorStart);
     zu::TBuffer<unsigned char> pad;
@@ -163,11 +172,45 @@ void CVMDKDescriptorAccessor::storeDescriptor(bool flush)
 
 void CVMDKDescriptorAccessor::checkRoomForNewContentID() const
 {
+    if (canGrow()) return;
     CVMDKDescriptor renewed;
     renewed = *descriptor;
     // The longest content ID a renewal can write: eight hexadecimal digits.
     renewed.setContentID(0xFFFFFFFEu);
     CVMDKDescriptor::checkRoom(static_cast<long long>(renewed.toStoredText().size()), areaSize, stream->getURI());
+}
+
+void CVMDKDescriptorAccessor::replaceTextFile(long long textBytes)
+{
+    if (textBytes > maxDescriptorTextBytes) throw tooBig(stream, zu::toString(textBytes));
+    zu::CURI uri = stream->getURI();
+    // Ours by its name: a leftover of a store that failed is replaced.
+    zu::CURI temporary(uri.getParent(), uri.getName() + ".kord-new");
+    // Whole sectors, the rest zeros, as the files we make.
+    long long newSize = (textBytes + vmdkSectorSize - 1) / vmdkSectorSize * vmdkSectorSize;
+    fileSystem->deleteFile(temporary, true);
+    zu::P<zu::IIOStream> out = openVMDKFileStream(fileSystem, temporary, zu::IIOStream::accessCreateNew);
+    try {
+        zu::TBuffer<unsigned char> pad;
+        pad.setUsedFill(newSize - textBytes, 0);
+        descriptor->store(*out, static_cast<int>(newSize), pad);
+        // The new text must be on disk before its name replaces the old file.
+        if (auto* durable = zu::tryCast<zu::IDurableStream>(out.get())) durable->sync();
+        out->close();
+        out = nullptr;
+        fileSystem->renameFile(temporary, uri);
+    } catch (...) {
+        out = nullptr;
+        try {
+            fileSystem->deleteFile(temporary, true);
+        } catch (const std::exception& e) {
+            zu::logError(e, "Error deleting the unfinished copy of a VMDK descriptor file. Ignoring.");
+        }
+        throw;
+    }
+    stream = openVMDKFileStream(fileSystem, uri, access);
+    descriptorStart = 0;
+    areaSize = newSize;
 }
 
 unsigned CVMDKDescriptorAccessor::changeContentID()

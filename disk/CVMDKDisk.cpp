@@ -8,8 +8,11 @@
 #include "crypto/CDigestType_SHA256.h"
 #include "crypto/KeyDerivation.h"
 #include "disk/CVMDKParentDiskDataProvider.h"
+#include "extent/CVMDKNullExtentFile.h"
 #include "extent/CVMDKOnDemandExtentFile.h"
 #include "extent/CVMDKSparseExtentFile.h"
+#include "foreign/CVMDKFlatExtentFile.h"
+#include "foreign/CVMDKRestrictedExtentFile.h"
 #include "format/CVMDKLowLevelFileStream.h"
 #include "format/VMDKFileReference.h"
 #include "format/VMDKMarker.h"
@@ -56,19 +59,35 @@ bool isSupportedCreateType(const zu::String& type)
            type == zu::String("monolithicSparse");
 }
 
+// Create types of disks other tools make, whose extents openAny reads.
+bool isForeignCreateType(const zu::String& type)
+{
+    for (const char* known : {"monolithicFlat", "twoGbMaxExtentFlat", "vmfs", "vmfsPreallocated",
+                              "vmfsEagerZeroedThick", "vmfsThin", "custom"})
+        if (type == zu::String(known)) return true;
+    return false;
+}
+
+bool isFlatType(const zu::String& type) { return type == zu::String("FLAT") || type == zu::String("VMFS"); }
+
+bool isZeroType(const zu::String& type) { return type == zu::String("ZERO"); }
+
+bool isSparseType(const zu::String& type) { return type == zu::String("SPARSE"); }
+
 } // namespace
 
 CVMDKDisk::CVMDKDisk(zu::IFileSystem* fileSystem, const zu::CURI& uri, int access, const zu::String& password,
                      int compressionLevel, CVMDKGrainTableCache* grainTableCache, CVMDKDisk* parentDisk)
     : CVMDKDisk(fileSystem, uri, access, password, compressionLevel, grainTableCache, parentDisk,
-                std::vector<zu::CURI>())
+                std::vector<zu::CURI>(), false)
 {
 }
 
 CVMDKDisk::CVMDKDisk(zu::IFileSystem* fileSystem, const zu::CURI& uri, int access, const zu::String& password,
                      int compressionLevel, CVMDKGrainTableCache* grainTableCache, CVMDKDisk* parentDisk,
-                     const std::vector<zu::CURI>& childChain)
-    : fileSystem(fileSystem), mainURI(uri.toNormalized()), access(access), compressionLevel(compressionLevel)
+                     const std::vector<zu::CURI>& childChain, bool anyVariant)
+    : fileSystem(fileSystem), mainURI(uri.toNormalized()), access(access), anyVariant(anyVariant),
+      compressionLevel(compressionLevel)
 {
     if (access != zu::IIOStream::accessRead && access != zu::IIOStream::accessReadWrite)
         throw zu::CInvalidArgError("CVMDKDisk constructor", "Invalid access mode: " + zu::toString(access),
@@ -79,7 +98,9 @@ CVMDKDisk::CVMDKDisk(zu::IFileSystem* fileSystem, const zu::CURI& uri, int acces
 zu::P<CVMDKDisk> CVMDKDisk::openAny(zu::IFileSystem* fileSystem, const zu::CURI& uri, int access,
                                    const zu::String& password)
 {
-    return zu::newObj<CVMDKDisk>(fileSystem, uri, access, password, -1, nullptr, nullptr);
+    return zu::P<CVMDKDisk>(
+        new CVMDKDisk(fileSystem, uri, access, password, -1, nullptr, nullptr, std::vector<zu::CURI>(), true),
+        zu::AdoptRef());
 }
 
 CVMDKDisk::~CVMDKDisk()
@@ -99,11 +120,15 @@ void CVMDKDisk::construct(const zu::String& password, CVMDKGrainTableCache* cach
 {
     takeLock();
     grainTableCache = cache ? cache : zu::newObj<CVMDKGrainTableCache>(CVMDKGrainTableCache::defaultLimit).get();
-    descriptor = openDescriptorAccessor()->getDescriptor();
+    {
+        zu::P<CVMDKDescriptorAccessor> accessor = openDescriptorAccessor();
+        descriptor = accessor->getDescriptor();
+        descriptorEmbedded = accessor->isEmbedded();
+    }
     if (descriptor->getEntryCount() == 0)
         throw zu::CIOError(zu::CIOError::codeInvalidData, "No descriptor found in main VMDK file.", mainProps());
     zu::String createType = descriptor->getCreateType();
-    if (!isSupportedCreateType(createType))
+    if (!isSupportedCreateType(createType) && !(anyVariant && isForeignCreateType(createType)))
         throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK disk has an unsupported create type: '" + createType + "'.",
                            mainProps());
     setUpEncryption(password);
@@ -117,7 +142,7 @@ void CVMDKDisk::construct(const zu::String& password, CVMDKGrainTableCache* cach
         chain.push_back(mainURI);
         parentDataProvider = zu::newObj<CVMDKParentDiskDataProvider>(
             fileSystem, mainURI, parentContentID, descriptor->getParentFileNameHint(), grainSizeSectors, password,
-            compressionLevel, grainTableCache, parentDisk, chain);
+            compressionLevel, grainTableCache, parentDisk, chain, anyVariant);
         parentURI = parentDataProvider->getParentURI();
     }
     contentIDUpdater = zu::newObj<CVMDKContentIDUpdater>(fileSystem, mainURI, descriptor);
@@ -148,7 +173,7 @@ zu::P<CVMDKDescriptorAccessor> CVMDKDisk::openDescriptorAccessor()
             return zu::newObj<CVMDKDescriptorAccessor>(sparse->getStream(), access);
     }
     zu::P<zu::IIOStream> stream = openVMDKFileStream(fileSystem, mainURI, access);
-    return zu::newObj<CVMDKDescriptorAccessor>(stream, access);
+    return zu::newObj<CVMDKDescriptorAccessor>(stream, access, fileSystem);
 }
 
 void CVMDKDisk::deriveEncryptKey(zu::TCryptBuffer<unsigned char>& key, int keyLength, const zu::String& password,
@@ -244,35 +269,68 @@ void CVMDKDisk::changePassword(const zu::String& newPassword)
     storeDescriptor();
 }
 
+void CVMDKDisk::checkExtentLine(const CVMDKExtentInfo& line) const
+{
+    bool known = isSparseType(line.type) || (anyVariant && (isFlatType(line.type) || isZeroType(line.type)));
+    if (!known)
+        throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK disk has an unsupported extent type: '" + line.type + "'.",
+                           mainProps());
+    bool knownAccess = line.access == zu::String("RW") || line.access == zu::String("RDONLY") ||
+                       line.access == zu::String("NOACCESS");
+    if (anyVariant && !knownAccess)
+        throw zu::CIOError(zu::CIOError::codeInvalidData,
+                           "VMDK disk has an unsupported extent access: '" + line.access + "'.", mainProps());
+}
+
 void CVMDKDisk::buildExtentMap()
 {
     descriptor->getExtentEntries(extentInfos);
     if (extentInfos.size() > static_cast<size_t>(maxExtentLines))
         throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK disk has too many extents.",
                            mainProps().set("extentCount", static_cast<long long>(extentInfos.size())).set("maxExtentCount", maxExtentLines));
+    // A descriptor embedded in a sparse extent lies in that extent: when it
+    // names only one, that is the main file, whatever the name says (the
+    // file was copied or renamed, or its maker wrote another name).
+    long long sparseLines = std::count_if(extentInfos.begin(), extentInfos.end(),
+                                          [](const zu::P<CVMDKExtentInfo>& line) { return isSparseType(line->type); });
+    bool sparseLineIsMainFile = descriptorEmbedded && sparseLines == 1;
     zu::CURI baseDirectory = mainURI.getParent();
-    // Two lines may name one file by different names (a link): writes to
-    // one extent would change the other.
-    std::set<zu::String> seen;
+    // Every file of the disk by its identity (two names may be one file, a
+    // link), the main file first: a write to one extent must change no
+    // other and not the descriptor. The main file is an extent only where
+    // it holds an embedded descriptor and is a sparse extent.
+    auto identityOf = [this](const zu::CURI& uri) {
+        return fileSystem->exists(uri) ? fileSystem->getFileIdentity(uri) : uri.toNormalized().toString(true);
+    };
+    const zu::String mainIdentity = identityOf(mainURI);
+    std::set<zu::String> files{mainIdentity};
+    bool mainFileIsExtent = false;
     long long start = 0;
-    for (const zu::P<CVMDKExtentInfo>& info : extentInfos) {
-        if (info->type != zu::String("SPARSE"))
-            throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK disk has an unsupported extent type: '" + info->type + "'.",
-                               mainProps());
-        if (info->sizeSectors < 0 || info->sizeSectors > LLONG_MAX / vmdkSectorSize - start)
+    for (int i = 0; i < static_cast<int>(extentInfos.size()); ++i) {
+        const CVMDKExtentInfo& info = *extentInfos[static_cast<size_t>(i)];
+        checkExtentLine(info);
+        if (info.sizeSectors < 0 || info.sizeSectors > LLONG_MAX / vmdkSectorSize - start)
             throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK disk has an extent of invalid size.",
-                               mainProps().set("extentSize", info->sizeSectors).set("fileName", info->fileName));
-        zu::CURI uri = vmdkFileReferenceToURI(baseDirectory, info->fileName);
-        zu::String identity = fileSystem->exists(uri) ? fileSystem->getFileIdentity(uri) : uri.toNormalized().toString(true);
-        if (!seen.insert(identity).second)
-            throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK disk names the same extent file twice.",
-                               mainProps().set("fileName", info->fileName));
-        if (firstExtentURI.isEmpty()) firstExtentURI = uri;
+                               mainProps().set("extentSize", info.sizeSectors).set("fileName", info.fileName));
+        bool sparse = isSparseType(info.type);
+        zu::CURI uri = mainURI;
+        if (!isZeroType(info.type) && !(sparse && sparseLineIsMainFile))
+            uri = vmdkFileReferenceToURI(baseDirectory, info.fileName);
+        if (!isZeroType(info.type)) {
+            zu::String identity = identityOf(uri);
+            bool holdsDescriptor = sparse && descriptorEmbedded && !mainFileIsExtent && identity == mainIdentity;
+            mainFileIsExtent = mainFileIsExtent || holdsDescriptor;
+            if (!holdsDescriptor && !files.insert(identity).second)
+                throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK disk names the same extent file twice.",
+                                   mainProps().set("fileName", info.fileName));
+        }
+        if (sparse && firstSparseLine < 0) firstSparseLine = i;
         extentStartSectors.push_back(start);
+        extentURIs.push_back(uri);
         // A line of size 0 maps no position; in the map it would compare
         // equal to its neighbours' ranges.
-        if (info->sizeSectors > 0) extents[CExtentKey{start, info->sizeSectors}] = CExtentValue{uri, -1};
-        start += info->sizeSectors;
+        if (info.sizeSectors > 0) extents[CExtentKey{start, info.sizeSectors}] = CExtentValue{uri, -1, i};
+        start += info.sizeSectors;
     }
     if (extentInfos.empty())
         throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK disk has no extents.", mainProps());
@@ -281,21 +339,20 @@ void CVMDKDisk::buildExtentMap()
 
 void CVMDKDisk::learnGrainGeometry()
 {
-    {
-        zu::P<zu::IIOStream> stream = openVMDKFileStream(fileSystem, firstExtentURI, zu::IIOStream::accessRead);
+    if (firstSparseLine < 0) {
+        grainSizeSectors = flatGrainSizeSectors;
+        compressed = false;
+    } else {
+        zu::P<zu::IIOStream> stream =
+            openVMDKFileStream(fileSystem, extentURIs[static_cast<size_t>(firstSparseLine)], zu::IIOStream::accessRead);
         CVMDKSparseExtentFile first(stream, zu::IIOStream::accessRead, 0, compressionLevel, grainTableCache, nullptr,
-                                    nullptr, cipher, encryptionKey, encryptionIV);
+                                    nullptr, cipher, encryptionKey, encryptionIV, anyVariant);
         grainSizeSectors = first.getGrainSizeSectors();
         compressed = first.getCompressed();
     }
     grainSizeBytes = grainSizeSectors * vmdkSectorSize;
     for (auto& entry : extents)
         entry.second.startGrainIndex = (entry.first.startSector + grainSizeSectors - 1) / grainSizeSectors;
-}
-
-zu::CURI CVMDKDisk::getExtentURI(int index) const
-{
-    return vmdkFileReferenceToURI(mainURI.getParent(), extentInfos.at(static_cast<size_t>(index))->fileName);
 }
 
 long long CVMDKDisk::getExtentStartGrainIndex(int index) const
@@ -325,32 +382,103 @@ void CVMDKDisk::checkOnDemandExtentLocation(const zu::CURI& uri) const
                            mainProps().set("extentURI", uri.toString(true)));
 }
 
-zu::P<IVMDKExtentFile> CVMDKDisk::openExtent(const CExtentKey& key, const CExtentValue& value)
+bool CVMDKDisk::isMadeOnDemandAndMissing(int index) const
 {
-    zu::CURI uri = value.uri.toNormalized();
-    zu::P<IVMDKExtentFile> extent;
-    if (createExtentFilesOnDemand && !fileSystem->exists(uri)) {
+    return createExtentFilesOnDemand && isSparseType(extentInfos[static_cast<size_t>(index)]->type) &&
+           !fileSystem->exists(extentURIs[static_cast<size_t>(index)]);
+}
+
+zu::P<IVMDKExtentFile> CVMDKDisk::openSparseExtentFile(int index, int extentAccess, IVMDKDataProvider* fallback,
+                                                       CVMDKContentIDUpdater* updater)
+{
+    const zu::CURI& uri = extentURIs[static_cast<size_t>(index)];
+    long long sizeSectors = extentInfos[static_cast<size_t>(index)]->sizeSectors;
+    long long startGrainIndex = getExtentStartGrainIndex(index);
+    if (isMadeOnDemandAndMissing(index)) {
         try {
             checkOnDemandExtentLocation(uri);
-            long long capacity = (key.sizeSectors + grainSizeSectors - 1) / grainSizeSectors * grainSizeSectors;
-            extent = zu::newObj<CVMDKOnDemandExtentFile>(
-                fileSystem, uri, access, value.startGrainIndex, grainSizeSectors, capacity, key.sizeSectors, compressed,
-                compressionLevel, parentDataProvider.get(), grainTableCache, contentIDUpdater, cipher, encryptionKey,
-                encryptionIV, encryptionKeyHash);
+            long long capacity = (sizeSectors + grainSizeSectors - 1) / grainSizeSectors * grainSizeSectors;
+            return zu::newObj<CVMDKOnDemandExtentFile>(
+                fileSystem, uri, extentAccess, startGrainIndex, grainSizeSectors, capacity, sizeSectors, compressed,
+                compressionLevel, fallback, grainTableCache, updater, cipher, encryptionKey, encryptionIV,
+                encryptionKeyHash);
         } catch (const std::exception& e) {
             zu::logError(e, "Error opening VMDK extent file on demand (path: '" + uri.toString(true) +
                                 "'). Letting exception through.");
             throw;
         }
-    } else {
-        zu::P<zu::IIOStream> stream = openVMDKFileStream(fileSystem, uri, access);
-        zu::P<CVMDKSparseExtentFile> sparse = zu::newObj<CVMDKSparseExtentFile>(
-            stream, access, value.startGrainIndex, compressionLevel, grainTableCache, parentDataProvider.get(),
-            contentIDUpdater, cipher, encryptionKey, encryptionIV);
-        sparse->checkMatchesDisk(key.sizeSectors, grainSizeSectors, compressed, throwVMDKProblem);
-        extent = sparse;
     }
+    zu::P<zu::IIOStream> stream = openVMDKFileStream(fileSystem, uri, extentAccess);
+    return zu::newObj<CVMDKSparseExtentFile>(stream, extentAccess, startGrainIndex, compressionLevel, grainTableCache,
+                                             fallback, updater, cipher, encryptionKey, encryptionIV, anyVariant);
+}
+
+zu::P<IVMDKExtentFile> CVMDKDisk::openExtentFile(int index, int extentAccess, IVMDKDataProvider* fallback,
+                                                 CVMDKContentIDUpdater* updater)
+{
+    const CVMDKExtentInfo& line = *extentInfos[static_cast<size_t>(index)];
+    const zu::CURI& uri = extentURIs[static_cast<size_t>(index)];
+    long long startGrainIndex = getExtentStartGrainIndex(index);
+    if (isSparseType(line.type)) return openSparseExtentFile(index, extentAccess, fallback, updater);
+    if (isZeroType(line.type)) return makeNullExtent(index);
+    zu::P<zu::IIOStream> stream = openVMDKFileStream(fileSystem, uri, extentAccess);
+    // A line without offset column starts at the file's beginning.
+    long long offset = line.offset == -1 ? 0 : line.offset;
+    return zu::newObj<CVMDKFlatExtentFile>(stream, extentAccess, offset, line.sizeSectors, startGrainIndex,
+                                           grainSizeSectors, compressed, compressionLevel, updater);
+}
+
+zu::P<IVMDKExtentFile> CVMDKDisk::openCheckedExtentFile(int index, int extentAccess)
+{
+    zu::P<IVMDKExtentFile> extent = openExtentFile(index, extentAccess, parentDataProvider.get(), contentIDUpdater);
+    if (auto* sparse = zu::tryCast<CVMDKSparseExtentFile>(extent.get()))
+        sparse->checkMatchesDisk(extentInfos[static_cast<size_t>(index)]->sizeSectors, grainSizeSectors, compressed,
+                                 throwVMDKProblem);
     return extent;
+}
+
+zu::P<IVMDKExtentFile> CVMDKDisk::openExtent(const CExtentValue& value)
+{
+    int index = value.lineIndex;
+    const CVMDKExtentInfo& line = *extentInfos[static_cast<size_t>(index)];
+    if (!anyVariant) return openCheckedExtentFile(index, access);
+    using Restricted = CVMDKRestrictedExtentFile;
+    // The file of a line without access is not even opened.
+    if (isWithoutAccess(index))
+        return zu::newObj<Restricted>(makeNullExtent(index), Restricted::noAccess,
+                                      "VMDK extent cannot be read: its descriptor line says NOACCESS.", line);
+    bool readOnly = line.access == zu::String("RDONLY") || isZeroType(line.type);
+    zu::P<IVMDKExtentFile> extent = openCheckedExtentFile(index, readOnly ? zu::IIOStream::accessRead : access);
+    if (isZeroType(line.type))
+        return zu::newObj<Restricted>(extent, Restricted::readOnly,
+                                      "VMDK extent of type ZERO holds only zeros and cannot be written.", line);
+    if (readOnly)
+        return zu::newObj<Restricted>(extent, Restricted::readOnly,
+                                      "VMDK extent cannot be written: its descriptor line says RDONLY.", line);
+    return extent;
+}
+
+zu::P<IVMDKExtentFile> CVMDKDisk::openExtentForInspection(int index)
+{
+    if (isMadeOnDemandAndMissing(index)) {
+        checkOnDemandExtentLocation(extentURIs[static_cast<size_t>(index)]);
+        return nullptr;
+    }
+    if (isWithoutAccess(index)) return makeNullExtent(index);
+    return openExtentFile(index, zu::IIOStream::accessRead, nullptr, nullptr);
+}
+
+bool CVMDKDisk::isWithoutAccess(int index) const
+{
+    return anyVariant && extentInfos[static_cast<size_t>(index)]->access == zu::String("NOACCESS");
+}
+
+zu::P<IVMDKExtentFile> CVMDKDisk::makeNullExtent(int index) const
+{
+    long long sizeSectors = extentInfos[static_cast<size_t>(index)]->sizeSectors;
+    return zu::newObj<CVMDKNullExtentFile>(extentURIs[static_cast<size_t>(index)], getExtentStartGrainIndex(index),
+                                           grainSizeSectors, sizeSectors, sizeSectors, compressed, compressionLevel,
+                                           nullptr);
 }
 
 void CVMDKDisk::beginIOOp(long long bytes, zu::P<IVMDKExtentFile>& extent, long long& bytesInExtent)
@@ -366,7 +494,7 @@ void CVMDKDisk::beginIOOp(long long bytes, zu::P<IVMDKExtentFile>& extent, long 
             throw zu::CError("Internal error: cannot find VMDK extent for position " + zu::toString(position),
                              zu::String(), -1, zu::CProps().set("mainURI", mainURI.toString(true)));
         zu::CURI uri = it->second.uri.toNormalized();
-        currentExtent = openExtent(it->first, it->second);
+        currentExtent = openExtent(it->second);
         currentExtentURI = uri;
         currentExtentStartBytes = it->first.startSector * vmdkSectorSize;
         currentExtentSizeBytes = it->first.sizeSectors * vmdkSectorSize;

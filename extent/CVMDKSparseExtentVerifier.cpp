@@ -153,7 +153,7 @@ void CVMDKSparseExtentVerifier::report(CVMDKProblem::Kind kind, const zu::String
 
 bool CVMDKSparseExtentVerifier::verifyGrainEntry(long long grainIndex, long long posSectors, long long slotSectors) const
 {
-    if (posSectors == 0) return false;
+    if (posSectors <= 0) return false;
     auto misplaced = [&](CVMDKProblem::Kind kind, const char* message) {
         report(kind, message,
                zu::CProps()
@@ -208,9 +208,10 @@ void CVMDKSparseExtentVerifier::verifyLayout() const
     // The slot-size directory starts with its marker sector.
     if (directory->getSlotSizeDirectoryPosSectors() > 0)
         structures.push_back({directory->getSlotSizeDirectoryPosSectors() - 1, 0, CStructure::slotSizeDirectory});
+    // Position 0: a table that another tool's stream file leaves out.
     auto addTables = [&](const zu::TBuffer<unsigned int>& positions, CStructure::What what) {
         for (long long i = 0; i < positions.getUsed(); ++i)
-            structures.push_back({positions[i], static_cast<std::uint32_t>(i), what});
+            if (positions[i] != 0) structures.push_back({positions[i], static_cast<std::uint32_t>(i), what});
     };
     addTables(entries, CStructure::table);
     addTables(redundant, CStructure::redundantTable);
@@ -232,6 +233,19 @@ void CVMDKSparseExtentVerifier::verifyLayout() const
     }
 }
 
+// Another tool's stream file records no slot sizes: a grain's room is what
+// its data takes, from the size in its first sector.
+long long CVMDKSparseExtentVerifier::measureUnrecordedSlot(long long posSectors) const
+{
+    unsigned char first[vmdkSectorSize];
+    zu::IIOStream* stream = extent.getStream();
+    stream->seek(posSectors * vmdkSectorSize);
+    stream->read(first, vmdkSectorSize);
+    long long stored =
+        extent.getGrain()->checkStoredCompressedGrain(first, posSectors, extent.getUnrecordedSlotSectors(), sink);
+    return stored < 0 ? -1 : sectorsFor(stored);
+}
+
 CVMDKSparseExtentVerifier::CGrainScan CVMDKSparseExtentVerifier::verifyGrains(const GrainVisitor& onGrain,
                                                                                const TableProgress& onTable) const
 {
@@ -251,6 +265,7 @@ CVMDKSparseExtentVerifier::CGrainScan CVMDKSparseExtentVerifier::verifyGrains(co
             table.getGrainInfo(i, pos, slot);
             long long grainIndex = t * perTable + i;
             if (!verifyGrainEntry(grainIndex, pos, slot)) continue;
+            if (extent.isForeignStream() && (slot = measureUnrecordedSlot(pos)) < 0) continue;
             ++scan.writtenGrains;
             scan.slotSectorsInFile += std::min(pos + slot, fileSectors) - pos;
             scan.referencedEndSectors = std::max(scan.referencedEndSectors, pos + slot);

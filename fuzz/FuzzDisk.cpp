@@ -240,7 +240,7 @@ void createSplit(zu::IFileSystem* fs)
     zu::TBuffer<unsigned char> zeros;
     zeros.setUsedFill(4096, 0);
     for (const char* name : {fileNames[1], fileNames[2]})
-        kord::createEmptyVMDKSparseExtentFile(fs, fileURI(name), false, 128, 16, zeros, nullptr, 0,
+        kord::createEmptyVMDKSparseExtentFile(fs, fileURI(name), false, 2048, 16, zeros, nullptr, 0,
                                               zu::TBuffer<unsigned char>());
     std::string text = "# Disk DescriptorFile\nversion=1\nCID=12345678\nparentCID=ffffffff\n"
                        "createType=\"twoGbMaxExtentSparse\"\n\nRW 2048 SPARSE \"d-s001.vmdk\"\n"
