@@ -6,6 +6,7 @@
 #include "DiskTestUtil.h"
 
 #include "base/CIOError.h"
+#include "base/Endian.h"
 #include "disk/CVMDKDiskIOStream.h"
 
 #include <tuple>
@@ -552,6 +553,22 @@ TEST_F(DiskEdgeTest, newDisksDescribeThemselvesAsOtherToolsDo)
         EXPECT_EQ(capacity / (heads * 63), d.getGeometryCylinders());
         EXPECT_EQ(0xFFFFFFFFu, d.getParentContentID());
         EXPECT_TRUE(d.hasValue("ddb.virtualHWVersion"));
+    }
+
+    // Each extent's header holds exactly its line's sectors, the last grain
+    // partly used; older disks of ours, rounded up to a whole grain in the
+    // header (and footer), keep opening.
+    for (const std::string type : {"monolithicSparse", "streamOptimized", "twoGbMaxExtentSparse"}) {
+        const std::string name = type + "-odd.vmdk";
+        const std::string extent = type == "twoGbMaxExtentSparse" ? type + "-odd-s001.vmdk" : name;
+        writeAt(*create(name, type, 1000), 1000 * sector - 3, Bytes{7, 8, 9});
+        const std::string file = fileText(path(extent));
+        EXPECT_EQ(1000u, zu::loadLE64(reinterpret_cast<const unsigned char*>(file.data()) + 12)) << type;
+        for (long long at : {12LL, type == "streamOptimized" ? static_cast<long long>(file.size()) - 1024 + 12 : 12LL})
+            kordtest::patchFile(fs, uri(extent), at, kordtest::le64(1024));
+        zu::P<CVMDKDisk> disk = open(name, RW);
+        EXPECT_EQ(1000 * sector, disk->getDiskSizeBytes());
+        EXPECT_EQ(Bytes({7, 8, 9}), readAt(*disk, 1000 * sector - 3, 3)) << type;
     }
 
     // Split extents of at most 4,192,256 sectors.
