@@ -14,7 +14,7 @@ using namespace disktest;
 namespace {
 
 // A size that is no whole number of grains, with data in its last grain.
-constexpr long long oddSize = 7000000;
+constexpr long long oddSize = 3001000;
 
 class ForeignInteropTest : public testing::Test {
 protected:
@@ -55,7 +55,7 @@ protected:
     void makeSource(const std::string& name, long long size)
     {
         Bytes data = kordtest::pattern(static_cast<size_t>(size), 1);
-        for (long long at = 0; at + 400000 <= size; at += 1000000) std::fill_n(data.begin() + at, 400000, 0);
+        for (long long at = 0; at + 300000 <= size; at += 700000) std::fill_n(data.begin() + at, 300000, 0);
         putFile(path(name), std::string(data.begin(), data.end()));
     }
 
