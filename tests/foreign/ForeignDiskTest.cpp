@@ -227,13 +227,25 @@ TEST_F(ForeignDiskTest, embeddedDescriptorMakesTheFileItsOwnExtent)
     }
 }
 
+// The in-memory file system, whose renames fail while `failRenames` is set.
+class RenameFailingFileSystem : public zu::CMemoryFileSystem {
+public:
+    void renameFile(const zu::CURI& from, const zu::CURI& to) override
+    {
+        if (failRenames) throw zu::CFileSystemError(zu::CFileSystemError::problemNoSpace, "No space left for the rename.");
+        CMemoryFileSystem::renameFile(from, to);
+    }
+    bool failRenames = false;
+};
+
 // A text descriptor without room for what a store adds is replaced by a
-// longer file in one step, on both file systems.
+// longer file in one step, on both file systems; when the replacement
+// fails, the write fails before any change and nothing is left behind.
 TEST_F(ForeignDiskTest, textDescriptorGrowsByReplacement)
 {
-    for (zu::P<zu::IFileSystem> fileSystem :
-         {zu::P<zu::IFileSystem>(zu::newObj<zu::CMemoryFileSystem>()), fs}) {
-        const zu::CURI main = uri(fileSystem == fs ? "local.vmdk" : "memory.vmdk");
+    zu::P<RenameFailingFileSystem> failing = zu::newObj<RenameFailingFileSystem>();
+    for (zu::P<zu::IFileSystem> fileSystem : {zu::P<zu::IFileSystem>(failing), fs}) {
+        const zu::CURI main = uri(fileSystem == failing ? "memory.vmdk" : "local.vmdk");
         CVMDKDisk::create(fileSystem, main, params("twoGbMaxExtentSparse", 100));
         zu::P<CVMDKDisk> disk = CVMDKDisk::openAny(fileSystem, main, R, zu::String());
         // The text as other tools leave it: no "encoding" line, no room.
@@ -243,6 +255,17 @@ TEST_F(ForeignDiskTest, textDescriptorGrowsByReplacement)
         fileSystem->deleteFile(main, false);
         kordtest::writeAll(fileSystem, main, Bytes(text.begin(), text.end()));
         const zu::CURI leftover(main.getParent(), main.getName() + ".kord-new");
+        if (fileSystem == failing) {
+            failing->failRenames = true;
+            zu::P<CVMDKDisk> disk = CVMDKDisk::openAny(fileSystem, main, RW, zu::String());
+            zu::CError e = expectThrows([&] { writeAt(*disk, 0, Bytes(10, 3)); });
+            EXPECT_EQ("No space left for the rename.", msg(e));
+            EXPECT_TRUE(readAt(*disk, 0, 10) == Bytes(10, 0));
+            disk = nullptr;
+            EXPECT_TRUE(kordtest::readAll(fileSystem, main) == Bytes(text.begin(), text.end()));
+            EXPECT_FALSE(fileSystem->exists(leftover));
+            failing->failRenames = false;
+        }
         kordtest::writeAll(fileSystem, leftover, Bytes(3, 'x'));
 
         writeAt(*CVMDKDisk::openAny(fileSystem, main, RW, zu::String()), 0, Bytes(10, 3));
