@@ -129,9 +129,10 @@ void printDisk(const Json& info, const std::string& indent)
     if (info["extentFilesOnDemand"].get<bool>()) printLine(indent, "extent files", "made on demand");
     std::cout << indent << "extents:\n";
     for (const Json& extent : info["extents"]) {
-        std::string file = extent["file"].is_null()       ? "no file"
-                           : extent["fileSize"].is_null() ? "not made yet"
-                                                          : "file " + sizeText(extent["fileSize"].get<long long>());
+        std::string file = extent["file"].is_null()               ? "no file"
+                           : !extent["fileSize"].is_null()        ? "file " + sizeText(extent["fileSize"].get<long long>())
+                           : text(extent["access"]) == "NOACCESS" ? "not there"
+                                                                  : "not made yet";
         std::string kind = text(extent["access"]) + " " + text(extent["type"]);
         if (extent.contains("offset")) kind += " at sector " + text(extent["offset"]);
         std::cout << indent << "  " << (extent["file"].is_null() ? "(zeros)" : text(extent["file"])) << ": " << kind
