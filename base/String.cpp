@@ -50,7 +50,9 @@ std::string String::toLatin1() const
 // in linear time on untrusted descriptor text, embedded NULs included.
 bool String::tryFromUTF8(const char* data, std::size_t length, String& out)
 {
-    std::wstring wide;
+    // Decoded in place: a descriptor's text is the largest string we make,
+    // and each copy of it costs four bytes per character.
+    String wide;
     wide.reserve(length);
     const auto* p = reinterpret_cast<const unsigned char*>(data);
     std::size_t i = 0;
@@ -59,7 +61,7 @@ bool String::tryFromUTF8(const char* data, std::size_t length, String& out)
         int extra;
         unsigned min;
         if (c < 0x80) {
-            wide.push_back(static_cast<wchar_t>(c));
+            wide.append(1, static_cast<wchar_t>(c));
             ++i;
             continue;
         } else if ((c & 0xE0) == 0xC0) {
@@ -78,17 +80,17 @@ bool String::tryFromUTF8(const char* data, std::size_t length, String& out)
             c = (c << 6) | (cc & 0x3F);
         }
         if (c < min || c > 0x10FFFF || (c >= 0xD800 && c <= 0xDFFF)) return false;
-        wide.push_back(static_cast<wchar_t>(c));
+        wide.append(1, static_cast<wchar_t>(c));
         i += static_cast<std::size_t>(extra) + 1;
     }
-    out = String(wxString(wide));
+    out.swap(wide);
     return true;
 }
 
 String String::fromUTF8(const char* data, std::size_t length)
 {
     String out;
-    if (!tryFromUTF8(data, length, out)) return String();
+    if (!tryFromUTF8(data, length, out)) out.clear();
     return out;
 }
 

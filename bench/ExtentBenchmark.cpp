@@ -91,7 +91,7 @@ public:
             zu::TCryptBuffer<unsigned char> key = benchKey();
             keyHash = pell::CDigestType_SHA256::hash(key.getData(), key.getUsed());
         }
-        kord::createEmptyVMDKSparseExtentFile(fs, uri, kind == Kind::compressed, fileBytes / (grainSectors * 512),
+        kord::createEmptyVMDKSparseExtentFile(fs, uri, kind == Kind::compressed, fileBytes / 512,
                                               grainSectors, zeros, descriptor, 20, keyHash);
     }
 

@@ -21,7 +21,7 @@ void CVMDKContentIDUpdater::onDiskAboutToChange(const zu::CURI& extentURI, zu::I
     else
         stream = openVMDKFileStream(fileSystem, descriptorFileURI, zu::IIOStream::accessReadWrite);
     // The descriptor is read as it is on disk now, and only its content ID changes.
-    CVMDKDescriptorAccessor accessor(stream, zu::IIOStream::accessReadWrite);
+    CVMDKDescriptorAccessor accessor(stream, zu::IIOStream::accessReadWrite, fileSystem);
     unsigned newContentID = accessor.changeContentID();
     accessor.storeDescriptor(sync && !embedded);
     descriptor->setContentID(newContentID);

@@ -6,6 +6,7 @@
 #include "format/VMDKMarker.h"
 
 #include <climits>
+#include <cstring>
 
 namespace kord {
 
@@ -89,32 +90,28 @@ CVMDKDescriptor::CVMDKDescriptor(const zu::TBuffer<unsigned char>& data)
     long long length = 0;
     const auto* bytes = reinterpret_cast<const char*>(data.getData());
     while (length < data.getUsed() && bytes[length] != '\0') ++length;
-    // Descriptors are always decoded as UTF-8, whatever their "encoding"
-    // line says; text that is not valid UTF-8 gives no lines at all.
-    parse(zu::String::fromUTF8(bytes, static_cast<size_t>(length)));
+    if (length > 0) parse(bytes, static_cast<size_t>(length));
 }
 
-void CVMDKDescriptor::parse(const zu::String& text)
+// Line by line, so that the decoded text is never held whole beside its
+// lines (in memory each character takes four bytes). A line feed is never
+// part of a longer UTF-8 sequence, so splitting before decoding gives the
+// same lines as splitting after.
+void CVMDKDescriptor::parse(const char* text, size_t length)
 {
-    entries.clear();
-    headerInsertIndex = 0;
-    if (text.empty()) return;
     size_t start = 0;
     while (true) {
-        size_t end = text.find(L'\n', start);
-        zu::String line(text.substr(start, end == zu::String::npos ? zu::String::npos : end - start));
-        zu::P<CVMDKDescriptorEntry> entry;
-        if (!line.empty() && line[0] == L'#') {
-            entry = zu::newObj<CGenericEntry>(line);
-        } else if (zu::P<CNameValueEntry> nameValue = CNameValueEntry::tryParseDescriptorLine(line)) {
-            entry = nameValue;
-        } else if (zu::P<CVMDKExtentInfo> extent = CVMDKExtentInfo::tryParseDescriptorLine(line)) {
-            entry = extent;
-        } else {
-            entry = zu::newObj<CGenericEntry>(line);
+        const void* found = std::memchr(text + start, '\n', length - start);
+        size_t end = found ? static_cast<size_t>(static_cast<const char*>(found) - text) : length;
+        zu::String line;
+        // Descriptors are always decoded as UTF-8, whatever their "encoding"
+        // line says; text that is not valid UTF-8 gives no lines at all.
+        if (!zu::String::tryFromUTF8(text + start, end - start, line)) {
+            entries.clear();
+            return;
         }
-        entries.push_back(entry);
-        if (end == zu::String::npos) break;
+        entries.push_back(parseLine(line));
+        if (!found) break;
         start = end + 1;
     }
     // The line end of the last line must not add a blank line on every round trip.
@@ -123,6 +120,14 @@ void CVMDKDescriptor::parse(const zu::String& text)
         if (zu::tryCast<CVMDKExtentInfo>(entries[i].get())) break;
         if (zu::tryCast<CNameValueEntry>(entries[i].get())) headerInsertIndex = static_cast<int>(i) + 1;
     }
+}
+
+zu::P<CVMDKDescriptorEntry> CVMDKDescriptor::parseLine(const zu::String& line)
+{
+    if (!line.empty() && line[0] == L'#') return zu::newObj<CGenericEntry>(line);
+    if (zu::P<CNameValueEntry> nameValue = CNameValueEntry::tryParseDescriptorLine(line)) return nameValue;
+    if (zu::P<CVMDKExtentInfo> extent = CVMDKExtentInfo::tryParseDescriptorLine(line)) return extent;
+    return zu::newObj<CGenericEntry>(line);
 }
 
 CVMDKDescriptor& CVMDKDescriptor::operator=(const CVMDKDescriptor& other)
@@ -232,21 +237,31 @@ zu::String CVMDKDescriptor::toString() const
     return zu::String(wxString(text));
 }
 
-void CVMDKDescriptor::store(zu::IOutStream& stream, int targetSize, const zu::TBuffer<unsigned char>& padBuffer)
+std::string CVMDKDescriptor::toStoredText()
 {
     setEncodingUTF8();
-    std::string text = toString().toUTF8();
-    long long actual = static_cast<long long>(text.size());
+    return toString().toUTF8();
+}
+
+void CVMDKDescriptor::checkRoom(long long storedBytes, long long roomBytes, const zu::CURI& uri)
+{
     // A descriptor that has grown past the room the file gives it (a text
     // file keeps its size, an embedded area its sectors).
-    if (actual > targetSize)
+    if (storedBytes > roomBytes)
         throw zu::CIOError(zu::CIOError::codeInvalidData,
                            "VMDK descriptor is larger than the room for it in the file (descriptor size: " +
-                               zu::toString(actual) + " bytes, room: " + zu::toString(targetSize) + " bytes).",
+                               zu::toString(storedBytes) + " bytes, room: " + zu::toString(roomBytes) + " bytes).",
                            zu::CProps()
-                               .set("uri", stream.getURI().toString(true))
-                               .set("descriptorSize", actual)
-                               .set("areaSize", targetSize));
+                               .set("uri", uri.toString(true))
+                               .set("descriptorSize", storedBytes)
+                               .set("areaSize", roomBytes));
+}
+
+void CVMDKDescriptor::store(zu::IOutStream& stream, int targetSize, const zu::TBuffer<unsigned char>& padBuffer)
+{
+    std::string text = toStoredText();
+    long long actual = static_cast<long long>(text.size());
+    checkRoom(actual, targetSize, stream.getURI());
     long long pad = targetSize - actual;
     if (pad > padBuffer.getUsed())
         throw zu::CError("Internal error: pad buffer too small (size: " + zu::toString(padBuffer.getUsed()) +

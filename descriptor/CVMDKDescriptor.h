@@ -63,9 +63,6 @@ public:
     bool tryGetValue(const zu::String& name, zu::String& value) const;
     // Throws zu::CError "VMDK descriptor value '<name>' not found." when absent.
     zu::String getValue(const zu::String& name) const;
-
-    // The typed getters below throw zu::CIOError code 5 naming the key and
-    // the file when a value does not parse as its type.
     // Changes the first entry of that name (keeping its spelling and its
     // quoting), or adds a new one: at the header position when atHeader,
     // else at the end.
@@ -82,11 +79,18 @@ public:
     // from padBuffer, exactly targetSize bytes. A text longer than that is
     // zu::CIOError code 5 naming the stream's file, and nothing is written.
     void store(zu::IOutStream& stream, int targetSize, const zu::TBuffer<unsigned char>& padBuffer) override;
+    // The bytes store writes before its padding ("encoding" set to UTF-8).
+    std::string toStoredText();
+    // Refuses, as store does, a stored text that does not fit its room in
+    // the file at uri: zu::CIOError code 5.
+    static void checkRoom(long long storedBytes, long long roomBytes, const zu::CURI& uri);
 
     int getEntryCount() const { return static_cast<int>(entries.size()); }
     CVMDKDescriptorEntry* getEntry(int index) const { return entries[static_cast<size_t>(index)]; }
     int getHeaderInsertIndex() const { return headerInsertIndex; }
 
+    // The typed getters below throw zu::CIOError code 5 naming the key and
+    // the file when a value does not parse as its type.
     int getVersion() const;
     void setVersion(int version);
     unsigned getContentID() const;
@@ -150,7 +154,8 @@ public:
 
 private:
     CNameValueEntry* findEntry(const zu::String& name) const;
-    void parse(const zu::String& text);
+    void parse(const char* text, size_t length);
+    static zu::P<CVMDKDescriptorEntry> parseLine(const zu::String& line);
     zu::CProps sourceProps() const;
     // parse(value), with a value it refuses reported as damage in the file:
     // "VMDK descriptor value '<name>' is not <expected>: '<value>'."

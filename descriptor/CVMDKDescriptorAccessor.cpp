@@ -7,6 +7,7 @@
 #include "base/Endian.h"
 #include "base/Log.h"
 #include "base/Threads.h"
+#include "format/CVMDKLowLevelFileStream.h"
 #include "format/CVMDKSparseExtentHeader.h"
 #include "format/VMDKMarker.h"
 
@@ -58,7 +59,8 @@ zu::String sectorsAsBytes(long long sectors)
 
 } // namespace
 
-CVMDKDescriptorAccessor::CVMDKDescriptorAccessor(zu::IIOStream* stream, int access) : stream(stream), access(access)
+CVMDKDescriptorAccessor::CVMDKDescriptorAccessor(zu::IIOStream* stream, int access, zu::IFileSystem* fileSystem)
+    : stream(stream), access(access), fileSystem(fileSystem)
 {
     CPositionKeeper keeper(stream);
     locate();
@@ -154,6 +156,14 @@ void CVMDKDescriptorAccessor::storeDescriptor(bool durable)
     if (access != zu::IIOStream::accessReadWrite)
         throw zu::CError("Internal error: CVMDKDescriptorAccessor::storeDescriptor was called, but the accessor was "
                          "not opened for writing.");
+    if (canGrow()) {
+        std::string text = descriptor->toStoredText();
+        if (static_cast<long long>(text.size()) > areaSize) {
+            replaceTextFile(static_cast<long long>(text.size()));
+            storedText.assign(reinterpret_cast<const unsigned char*>(text.data()), static_cast<long long>(text.size()));
+            return;
+        }
+    }
     zu::P<zu::TBuffer<unsigned char>> area = zu::newObj<zu::TBuffer<unsigned char>>();
     area->ensureAllocated(areaSize);
     zu::TBuffer<unsigned char> pad;
@@ -179,6 +189,32 @@ void CVMDKDescriptorAccessor::storeDescriptor(bool durable)
     stream->flush();
     if (durable) zu::syncStream(*stream);
     storedText.assign(now, length);
+}
+
+void CVMDKDescriptorAccessor::checkRoomForNewContentID() const
+{
+    if (canGrow()) return;
+    // A renewed content ID is as long as the old one (changeContentID), so
+    // the text grows only by what every store adds.
+    CVMDKDescriptor renewed;
+    renewed = *descriptor;
+    CVMDKDescriptor::checkRoom(static_cast<long long>(renewed.toStoredText().size()), areaSize, stream->getURI());
+}
+
+void CVMDKDescriptorAccessor::replaceTextFile(long long textBytes)
+{
+    if (textBytes > maxDescriptorTextBytes) throw tooBig(stream, zu::toString(textBytes));
+    zu::CURI uri = stream->getURI();
+    // Whole sectors, the rest zeros, as the files we make.
+    long long newSize = (textBytes + vmdkSectorSize - 1) / vmdkSectorSize * vmdkSectorSize;
+    writeVMDKFileAtomically(fileSystem, uri, true, [&](zu::IIOStream& out) {
+        zu::TBuffer<unsigned char> pad;
+        pad.setUsedFill(newSize - textBytes, 0);
+        descriptor->store(out, static_cast<int>(newSize), pad);
+    });
+    stream = openVMDKFileStream(fileSystem, uri, access);
+    descriptorStart = 0;
+    areaSize = newSize;
 }
 
 unsigned CVMDKDescriptorAccessor::changeContentID()

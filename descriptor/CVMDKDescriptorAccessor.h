@@ -2,16 +2,21 @@
 // descriptor area of a sparse extent file (monolithic and stream-optimized
 // disks) or as a whole text file, loads it, and writes it back in place.
 //
-// The descriptor's room never changes: the embedded area keeps its sectors
-// and a text file keeps its size, so a longer descriptor than fits is an
-// error and a shorter one is followed by zero bytes.
+// The embedded area keeps its sectors, so a longer descriptor than fits is
+// an error, and a shorter one is followed by zero bytes. A text file keeps
+// its size too while the text fits; given the file system, a text file
+// whose descriptor has outgrown it (made by a tool that left no room) is
+// replaced in one step by a longer one: written beside it under a
+// temporary name, made durable, and renamed over it, so that the file
+// holds the old descriptor or the new one, never a part.
 //
-// A store rewrites only the bytes that changed: a new content ID of the same
-// length touches its digits alone, lines added at the end only the zeros
-// behind the text, so that an interrupted store leaves text that still
-// reads (a content ID of old and new digits, or a last line cut short).
+// A store in place rewrites only the bytes that changed: a new content ID
+// of the same length touches its digits alone, lines added at the end only
+// the zeros behind the text, so that an interrupted store leaves text that
+// still reads (a content ID of old and new digits, or a last line cut short).
 #pragma once
 
+#include "base/IFileSystem.h"
 #include "base/IIOStream.h"
 #include "descriptor/CVMDKDescriptor.h"
 
@@ -33,8 +38,8 @@ public:
     // Throws zu::CIOError code 6 for an unsupported header version, code 5
     // when a sparse file has no descriptor, its area is invalid or lies past
     // the end of the file, or the descriptor is too big or has too many
-    // lines.
-    CVMDKDescriptorAccessor(zu::IIOStream* stream, int access);
+    // lines. fileSystem may be null: a text file then never grows.
+    CVMDKDescriptorAccessor(zu::IIOStream* stream, int access, zu::IFileSystem* fileSystem = nullptr);
 
     // The loaded descriptor; change it there and call storeDescriptor.
     zu::P<CVMDKDescriptor> getDescriptor() const { return descriptor; }
@@ -44,8 +49,13 @@ public:
 
     // Writes the descriptor back into its area (zero-filled behind the
     // text) and flushes the stream; with `durable` it is synced too. Needs
-    // read-write access.
+    // read-write access. A text file that must grow is replaced (see
+    // above), durably; the accessor then holds a stream of the new file.
     void storeDescriptor(bool durable);
+    // Refuses (zu::CIOError code 5, as storing would) a descriptor that
+    // would not fit its room once its content ID is renewed: the first
+    // change of a disk renews it. A text file that can grow has room.
+    void checkRoomForNewContentID() const;
     // Gives the descriptor a new random content ID (never 0, ffffffff or the
     // old one) of as many hexadecimal digits as the old one, in memory, and
     // returns it; the caller stores it.
@@ -55,9 +65,12 @@ private:
     void locate();
     zu::TBuffer<unsigned char> readText() const;
     void checkLineCount(const zu::TBuffer<unsigned char>& text) const;
+    bool canGrow() const { return !embedded && fileSystem; }
+    void replaceTextFile(long long textBytes);
 
     zu::P<zu::IIOStream> stream;
     int access;
+    zu::P<zu::IFileSystem> fileSystem;
     bool embedded = false;
     long long descriptorStart = 0;
     long long areaSize = 0;

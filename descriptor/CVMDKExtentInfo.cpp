@@ -31,7 +31,12 @@ zu::P<CVMDKExtentInfo> CVMDKExtentInfo::tryParseDescriptorLine(const zu::String&
     zu::String access, sizeText, type, rest;
     if (!splitAtSpace(line, access, rest)) return nullptr;
     if (!splitAtSpace(zu::String(rest), sizeText, rest)) return nullptr;
-    if (!splitAtSpace(zu::String(rest), type, rest)) return nullptr;
+    if (!splitAtSpace(zu::String(rest), type, rest)) {
+        // Only a ZERO extent may end after its type.
+        rest.Trim(true);
+        return rest == zu::String("ZERO") ? zeroLineWithoutFileName(access, sizeText) : nullptr;
+    }
+    if (rest.empty() && type == zu::String("ZERO")) return zeroLineWithoutFileName(access, sizeText);
     if (rest.empty() || rest[0] != L'"') return nullptr;
     size_t closing = rest.find(L'"', 1);
     if (closing == zu::String::npos) return nullptr;
@@ -48,8 +53,21 @@ zu::P<CVMDKExtentInfo> CVMDKExtentInfo::tryParseDescriptorLine(const zu::String&
     }
 }
 
+zu::P<CVMDKExtentInfo> CVMDKExtentInfo::zeroLineWithoutFileName(const zu::String& access, const zu::String& sizeText)
+{
+    try {
+        zu::P<CVMDKExtentInfo> info =
+            zu::newObj<CVMDKExtentInfo>(access, zu::parseInt64(sizeText, false), "ZERO", zu::String(), -1);
+        info->hasFileName = false;
+        return info;
+    } catch (const std::exception&) {
+        return nullptr;
+    }
+}
+
 zu::String CVMDKExtentInfo::toString() const
 {
+    if (!hasFileName) return access + " " + zu::toString(sizeSectors) + " " + type;
     zu::String line = access + " " + zu::toString(sizeSectors) + " " + type + " \"" + fileName + "\"";
     if (offset != -1) line += " " + zu::toString(offset);
     return line;
@@ -57,7 +75,9 @@ zu::String CVMDKExtentInfo::toString() const
 
 zu::P<CVMDKDescriptorEntry> CVMDKExtentInfo::cloneDescriptorEntry() const
 {
-    return zu::newObj<CVMDKExtentInfo>(access, sizeSectors, type, fileName, offset);
+    zu::P<CVMDKExtentInfo> copy = zu::newObj<CVMDKExtentInfo>(access, sizeSectors, type, fileName, offset);
+    copy->hasFileName = hasFileName;
+    return copy;
 }
 
 } // namespace kord

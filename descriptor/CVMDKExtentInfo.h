@@ -1,6 +1,8 @@
 // An extent description line of a descriptor, such as
 //   RW 4192256 SPARSE "disk-s001.vmdk"
 //   RW 2048 FLAT "disk-flat.vmdk" 0
+//   RW 1024 ZERO
+// (a ZERO extent has no file, and its line may name none).
 // The grammar is loose on purpose: the access and type words are kept as
 // written and judged by whoever uses the extent.
 #pragma once
@@ -28,6 +30,12 @@ public:
     zu::String fileName;
     // The optional fifth item; -1 when the line has none.
     long long offset;
+    // False for a ZERO line written without file name, which is written
+    // back so.
+    bool hasFileName = true;
+
+private:
+    static zu::P<CVMDKExtentInfo> zeroLineWithoutFileName(const zu::String& access, const zu::String& sizeText);
 };
 
 } // namespace kord

@@ -2,11 +2,9 @@
 
 #include "base/CIOError.h"
 #include "base/Endian.h"
-#include "crypto/CCipher_AES256CBC.h"
 #include "disk/CVMDKParentDiskDataProvider.h"
 #include "format/CVMDKLowLevelFileStream.h"
 #include "format/VMDKMarker.h"
-#include "grain/CVMDKDataPreparer.h"
 
 #include <algorithm>
 #include <set>
@@ -40,25 +38,6 @@ CVMDKChecker::CVMDKChecker(zu::IFileSystem* fileSystem, const zu::CURI& uri, con
 {
 }
 
-zu::P<CVMDKSparseExtentFile> CVMDKChecker::openExtentForInspection(CVMDKDisk* disk, int index,
-                                                                   const VMDKProblemSink& sink)
-{
-    zu::CURI uri = disk->getExtentURI(index).toNormalized();
-    zu::IFileSystem* fs = disk->getFileSystem();
-    if (disk->getDescriptor()->getZuCreateExtentFilesOnDemand() && !fs->exists(uri)) {
-        disk->checkOnDemandExtentLocation(uri);
-        return nullptr;
-    }
-    zu::P<zu::IIOStream> stream = openVMDKFileStream(fs, uri, zu::IIOStream::accessRead);
-    zu::P<CVMDKSparseExtentFile> extent = zu::newObj<CVMDKSparseExtentFile>(
-        stream, zu::IIOStream::accessRead, disk->getExtentStartGrainIndex(index), disk->getCompressionLevel(),
-        disk->getGrainTableCache(), nullptr, nullptr, disk->getCipher(), disk->getEncryptionKey(),
-        disk->getEncryptionIV(), disk->getExtentStartSector(index));
-    extent->checkMatchesDisk(disk->getExtentInfos()[static_cast<size_t>(index)]->sizeSectors,
-                             disk->getGrainSizeSectors(), disk->getCompressed(), sink);
-    return extent;
-}
-
 std::vector<CVMDKChecker::CFinding> CVMDKChecker::check()
 {
     findings.clear();
@@ -73,7 +52,8 @@ std::vector<CVMDKChecker::CFinding> CVMDKChecker::check()
                               .set("childURI", disk->getMainURI().toString(true))
                               .set("parentURI", parentURI.toString(true));
         if (visited.count(parentURI)) {
-            addFinding(CVMDKProblem::kindRefused, disk->getMainURI(), "VMDK parent chain loops back to one of its own disks.", uris);
+            addFinding(CVMDKProblem::kindRefused, disk->getMainURI(),
+                       "VMDK parent chain loops back to one of its own disks.", uris);
             break;
         }
         if (visited.size() >= static_cast<size_t>(CVMDKParentDiskDataProvider::maxChainLength)) {
@@ -92,7 +72,7 @@ std::vector<CVMDKChecker::CFinding> CVMDKChecker::check()
 zu::P<CVMDKDisk> CVMDKChecker::openDisk(const zu::CURI& uri)
 {
     try {
-        return zu::newObj<CVMDKDisk>(fileSystem, uri, zu::IIOStream::accessRead, password, -1, nullptr, nullptr);
+        return CVMDKDisk::openAny(fileSystem, uri, zu::IIOStream::accessRead, password);
     } catch (const zu::CIOError& e) {
         if (!isRefusal(e)) throw;
         addRefusal(e, uri);
@@ -107,7 +87,8 @@ zu::P<CVMDKDisk> CVMDKChecker::openParent(CVMDKDisk* child)
     unsigned expected = child->getDescriptor()->getParentContentID();
     unsigned actual = parent->getDescriptor()->getContentID();
     if (actual != expected)
-        addFinding(CVMDKProblem::kindParentChanged, child->getMainURI(), "VMDK parent disk has changed, but a child disk depended on it.",
+        addFinding(CVMDKProblem::kindParentChanged, child->getMainURI(),
+                   "VMDK parent disk has changed, but a child disk depended on it.",
                    zu::CProps()
                        .set("parentURI", parent->getMainURI().toString(true))
                        .set("actualContentID", zu::toHexString(actual))
@@ -134,21 +115,40 @@ VMDKProblemSink CVMDKChecker::sinkFor(const zu::CURI& uri)
 
 void CVMDKChecker::checkDisk(CVMDKDisk* disk)
 {
+    checkDescriptorRoom(disk);
     int count = static_cast<int>(disk->getExtentInfos().size());
     for (int i = 0; i < count && !full(); ++i) checkExtent(disk, i);
 }
 
+// The first change of a disk renews its content ID: an embedded descriptor
+// (whose area cannot grow) must have room for it. A text descriptor file is
+// not held to its size.
+void CVMDKChecker::checkDescriptorRoom(CVMDKDisk* disk)
+{
+    zu::P<CVMDKDescriptorAccessor> accessor = zu::newObj<CVMDKDescriptorAccessor>(
+        openVMDKFileStream(fileSystem, disk->getMainURI(), zu::IIOStream::accessRead), zu::IIOStream::accessRead);
+    if (!accessor->isEmbedded()) return;
+    try {
+        accessor->checkRoomForNewContentID();
+    } catch (const zu::CIOError& e) {
+        addFinding(CVMDKProblem::kindDescriptorFull, disk->getMainURI(), e.getMessage(), e.getProps());
+    }
+}
+
 void CVMDKChecker::checkExtent(CVMDKDisk* disk, int index)
 {
-    zu::P<CVMDKSparseExtentFile> extent;
+    zu::P<IVMDKExtentFile> opened;
     zu::CURI uri = disk->getExtentURI(index);
     try {
-        extent = openExtentForInspection(disk, index, sinkFor(uri));
+        opened = disk->openExtentForInspection(index);
     } catch (const zu::CIOError& e) {
         if (!isRefusal(e)) throw;
         addRefusal(e, uri);
     }
+    auto* extent = zu::tryCast<CVMDKSparseExtentFile>(opened.get());
     if (!extent) return;
+    extent->checkMatchesDisk(disk->getExtentInfos()[static_cast<size_t>(index)]->sizeSectors,
+                             disk->getGrainSizeSectors(), disk->getCompressed(), sinkFor(uri));
     CExtentContext context{extent,
                            extent->getURI(),
                            extent->getGrainSizeSectors(),
@@ -161,7 +161,10 @@ void CVMDKChecker::checkExtent(CVMDKDisk* disk, int index)
     verifier.verifyLayout();
     CVMDKGrainDirectory* directory = extent->getGrainDirectory();
     const zu::TBuffer<unsigned int>& redundant = directory->getRedundantEntries();
-    for (long long t = 0; t < redundant.getUsed() && !full(); ++t) compareTableWithCopy(context, t, redundant[t]);
+    // Entries 0 are tables that another tool's stream file leaves out.
+    const zu::TBuffer<unsigned int>& entries = directory->getEntries();
+    for (long long t = 0; t < redundant.getUsed() && !full(); ++t)
+        if (entries[t] != 0 && redundant[t] != 0) compareTableWithCopy(context, t, redundant[t]);
     long long perTable = directory->getGrainTableEntryCount();
     long long grains = directory->getGrainCount();
     auto onGrain = [&](long long grainIndex, long long posSectors, long long slotSectors) {
@@ -193,8 +196,10 @@ void CVMDKChecker::compareTableWithCopy(CExtentContext& context, long long table
     CVMDKGrainDirectory* directory = context.extent->getGrainDirectory();
     int entryCount = directory->getGrainTableEntryCount();
     zu::P<CVMDKGrainTable> table = directory->getGrainTable(tableIndex);
+    bool zeroedGrainEntries =
+        (context.extent->getHeader().flags & CVMDKSparseExtentHeader::flagZeroedGrainEntries) != 0;
     CVMDKGrainTable copy(context.extent->getStream(), zu::IIOStream::accessRead, context.grainSizeSectors,
-                         redundantPosSectors, 0, 0, entryCount);
+                         redundantPosSectors, 0, 0, entryCount, zeroedGrainEntries);
     long long differing = 0;
     long long first = -1;
     long long firstPos = 0;

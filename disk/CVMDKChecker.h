@@ -1,9 +1,10 @@
 // Walks the metadata of a disk and of its parent chain and lists every
 // inconsistency it finds, without changing a byte.
 //
-// Each extent is opened read-only through the library's own reading code
-// (header, grain directory, grain tables, allocator); what those refuse to
-// open is itself a finding. The rest are the very checks with which the
+// The disk is opened as CVMDKDisk::openAny opens it, and each extent
+// read-only through the library's own reading code (header, grain
+// directory, grain tables, allocator); what those refuse to open is itself
+// a finding. Flat and ZERO extents have no metadata beyond opening. The rest are the very checks with which the
 // library refuses to read or write (CVMDKSparseExtentVerifier, the grain's
 // own checks of a compressed grain, the disk's checks of an extent), here
 // with a sink that lists each problem and goes on, so that the check finds
@@ -11,7 +12,8 @@
 // the library tolerates: grain tables that differ from their redundant
 // copies, a stream-optimized file without its trail, a compressed grain
 // whose header names another grain, extents left marked as not cleanly
-// closed and a parent changed under its child.
+// closed and a parent changed under its child. And it finds an embedded
+// descriptor with no room for the content ID that a first change writes.
 //
 // Findings are damage in the files. What keeps the check from running at
 // all (a missing file, a wrong password, a lock held by another process, a
@@ -62,20 +64,12 @@ public:
     // "refused", "directoriesDisagree", ...: stable names for reports.
     static const char* getKindName(Kind kind) { return CVMDKProblem::getKindName(kind); }
 
-    // Extent line `index` of an open disk as a read-only sparse extent, for
-    // inspection; null when the file does not exist yet because the disk
-    // makes its extent files on demand. Throws what the extent's
-    // constructor and the disk throw when opening it; what the disk checks
-    // of an open extent (its size, grain size and compression) goes to the
-    // sink.
-    static zu::P<CVMDKSparseExtentFile> openExtentForInspection(CVMDKDisk* disk, int index,
-                                                                const VMDKProblemSink& sink = throwVMDKProblem);
-
 private:
     struct CExtentContext;
 
     zu::P<CVMDKDisk> openDisk(const zu::CURI& uri);
     void checkDisk(CVMDKDisk* disk);
+    void checkDescriptorRoom(CVMDKDisk* disk);
     void checkExtent(CVMDKDisk* disk, int index);
     void checkHeader(CExtentContext& context);
     void compareTableWithCopy(CExtentContext& context, long long tableIndex, long long redundantPosSectors);

@@ -8,8 +8,11 @@
 #include "crypto/CDigestType_SHA256.h"
 #include "crypto/KeyDerivation.h"
 #include "disk/CVMDKParentDiskDataProvider.h"
+#include "extent/CVMDKNullExtentFile.h"
 #include "extent/CVMDKOnDemandExtentFile.h"
 #include "extent/CVMDKSparseExtentFile.h"
+#include "foreign/CVMDKFlatExtentFile.h"
+#include "foreign/CVMDKRestrictedExtentFile.h"
 #include "format/CVMDKLowLevelFileStream.h"
 #include "format/VMDKFileReference.h"
 #include "format/VMDKMarker.h"
@@ -23,9 +26,32 @@ namespace kord {
 namespace {
 
 const char* const derivationPrefix = "pkcs5-pbkdf2-hmac-sha1:";
-constexpr long long newDiskIterations = 10000;
 constexpr long long minIterations = 1000;
 constexpr long long minSaltBytes = 8;
+
+// Why a key derivation named in a descriptor cannot be used (empty when it
+// can), with the descriptor key at fault; checked in this order: the name,
+// the salt, the iteration count.
+zu::String findDerivationProblem(const zu::String& algorithm, const zu::TBuffer<unsigned char>& salt,
+                                 long long& iterations, const char*& descriptorKey)
+{
+    descriptorKey = "zuEncKeyDerivAlg";
+    if (!algorithm.StartsWith(derivationPrefix)) return "Unknown encryption key derivation algorithm: " + algorithm;
+    try {
+        iterations = zu::parseInt64(algorithm.substr(std::char_traits<char>::length(derivationPrefix)), false);
+    } catch (const zu::CInvalidArgError&) {
+        return "Unknown encryption key derivation algorithm: " + algorithm;
+    }
+    if (salt.getUsed() < minSaltBytes) {
+        descriptorKey = "zuEncKeyDerivSalt";
+        return "Key derivation salt is too small: " + zu::toString(salt.getUsed()) + " bytes";
+    }
+    if (iterations < minIterations) return "Key derivation iterations are too small: " + zu::toString(iterations);
+    // A hostile descriptor must not make the open run for hours.
+    if (iterations > CVMDKDisk::maxKeyDerivationIterations)
+        return "Key derivation iterations are too large: " + zu::toString(iterations);
+    return zu::String();
+}
 
 bool isSupportedCreateType(const zu::String& type)
 {
@@ -33,19 +59,35 @@ bool isSupportedCreateType(const zu::String& type)
            type == zu::String("monolithicSparse");
 }
 
+// Create types of disks other tools make, whose extents openAny reads.
+bool isForeignCreateType(const zu::String& type)
+{
+    for (const char* known : {"monolithicFlat", "twoGbMaxExtentFlat", "vmfs", "vmfsPreallocated",
+                              "vmfsEagerZeroedThick", "vmfsThin", "custom"})
+        if (type == zu::String(known)) return true;
+    return false;
+}
+
+bool isFlatType(const zu::String& type) { return type == zu::String("FLAT") || type == zu::String("VMFS"); }
+
+bool isZeroType(const zu::String& type) { return type == zu::String("ZERO"); }
+
+bool isSparseType(const zu::String& type) { return type == zu::String("SPARSE"); }
+
 } // namespace
 
 CVMDKDisk::CVMDKDisk(zu::IFileSystem* fileSystem, const zu::CURI& uri, int access, const zu::String& password,
                      int compressionLevel, CVMDKGrainTableCache* grainTableCache, CVMDKDisk* parentDisk)
     : CVMDKDisk(fileSystem, uri, access, password, compressionLevel, grainTableCache, parentDisk,
-                std::vector<zu::CURI>())
+                std::vector<zu::CURI>(), false)
 {
 }
 
 CVMDKDisk::CVMDKDisk(zu::IFileSystem* fileSystem, const zu::CURI& uri, int access, const zu::String& password,
                      int compressionLevel, CVMDKGrainTableCache* grainTableCache, CVMDKDisk* parentDisk,
-                     const std::vector<zu::CURI>& childChain)
-    : fileSystem(fileSystem), mainURI(uri.toNormalized()), access(access), compressionLevel(compressionLevel)
+                     const std::vector<zu::CURI>& childChain, bool anyVariant)
+    : fileSystem(fileSystem), mainURI(uri.toNormalized()), access(access), anyVariant(anyVariant),
+      compressionLevel(compressionLevel)
 {
     if (access != zu::IIOStream::accessRead && access != zu::IIOStream::accessReadWrite)
         throw zu::CInvalidArgError("CVMDKDisk constructor", "Invalid access mode: " + zu::toString(access),
@@ -56,7 +98,9 @@ CVMDKDisk::CVMDKDisk(zu::IFileSystem* fileSystem, const zu::CURI& uri, int acces
 zu::P<CVMDKDisk> CVMDKDisk::openAny(zu::IFileSystem* fileSystem, const zu::CURI& uri, int access,
                                    const zu::String& password)
 {
-    return zu::newObj<CVMDKDisk>(fileSystem, uri, access, password, -1, nullptr, nullptr);
+    return zu::P<CVMDKDisk>(
+        new CVMDKDisk(fileSystem, uri, access, password, -1, nullptr, nullptr, std::vector<zu::CURI>(), true),
+        zu::AdoptRef());
 }
 
 CVMDKDisk::~CVMDKDisk()
@@ -76,11 +120,15 @@ void CVMDKDisk::construct(const zu::String& password, CVMDKGrainTableCache* cach
 {
     takeLock();
     grainTableCache = cache ? cache : zu::newObj<CVMDKGrainTableCache>(CVMDKGrainTableCache::defaultLimit).get();
-    descriptor = openDescriptorAccessor()->getDescriptor();
+    {
+        zu::P<CVMDKDescriptorAccessor> accessor = openDescriptorAccessor();
+        descriptor = accessor->getDescriptor();
+        descriptorEmbedded = accessor->isEmbedded();
+    }
     if (descriptor->getEntryCount() == 0)
         throw zu::CIOError(zu::CIOError::codeInvalidData, "No descriptor found in main VMDK file.", mainProps());
     zu::String createType = descriptor->getCreateType();
-    if (!isSupportedCreateType(createType))
+    if (!isSupportedCreateType(createType) && !(anyVariant && isForeignCreateType(createType)))
         throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK disk has an unsupported create type: '" + createType + "'.",
                            mainProps());
     setUpEncryption(password);
@@ -94,7 +142,7 @@ void CVMDKDisk::construct(const zu::String& password, CVMDKGrainTableCache* cach
         chain.push_back(mainURI);
         parentDataProvider = zu::newObj<CVMDKParentDiskDataProvider>(
             fileSystem, mainURI, parentContentID, descriptor->getParentFileNameHint(), grainSizeSectors, password,
-            compressionLevel, grainTableCache, parentDisk, chain);
+            compressionLevel, grainTableCache, parentDisk, chain, anyVariant);
         parentURI = parentDataProvider->getParentURI();
     }
     contentIDUpdater = zu::newObj<CVMDKContentIDUpdater>(fileSystem, mainURI, descriptor);
@@ -125,25 +173,18 @@ zu::P<CVMDKDescriptorAccessor> CVMDKDisk::openDescriptorAccessor()
             return zu::newObj<CVMDKDescriptorAccessor>(sparse->getStream(), access);
     }
     zu::P<zu::IIOStream> stream = openVMDKFileStream(fileSystem, mainURI, access);
-    return zu::newObj<CVMDKDescriptorAccessor>(stream, access);
+    return zu::newObj<CVMDKDescriptorAccessor>(stream, access, fileSystem);
 }
 
 void CVMDKDisk::deriveEncryptKey(zu::TCryptBuffer<unsigned char>& key, int keyLength, const zu::String& password,
                                  const zu::String& derivationAlgorithm, const zu::TBuffer<unsigned char>& salt)
 {
-    const char* where = "CVMDKDisk::deriveEncryptKey";
+    long long iterations = 0;
+    const char* descriptorKey = nullptr;
+    zu::String problem = findDerivationProblem(derivationAlgorithm, salt, iterations, descriptorKey);
+    if (!problem.empty()) throw zu::CInvalidArgError("CVMDKDisk::deriveEncryptKey", problem);
     std::string passwordBytes = password.toUTF8();
     key.setUsed(keyLength);
-    if (!derivationAlgorithm.StartsWith(derivationPrefix))
-        throw zu::CInvalidArgError(where, "Unknown encryption key derivation algorithm: " + derivationAlgorithm);
-    long long iterations = zu::parseInt64(derivationAlgorithm.substr(std::char_traits<char>::length(derivationPrefix)), false);
-    if (salt.getUsed() < minSaltBytes)
-        throw zu::CInvalidArgError(where, "Key derivation salt is too small: " + zu::toString(salt.getUsed()) + " bytes");
-    if (iterations < minIterations)
-        throw zu::CInvalidArgError(where, "Key derivation iterations are too small: " + zu::toString(iterations));
-    // A hostile descriptor must not make the open run for hours.
-    if (iterations > maxKeyDerivationIterations)
-        throw zu::CInvalidArgError(where, "Key derivation iterations are too large: " + zu::toString(iterations));
     pell::deriveKey_PKCS5_PBKDF2_HMAC_SHA1(reinterpret_cast<const unsigned char*>(passwordBytes.data()),
                                           static_cast<int>(passwordBytes.size()), salt.getData(),
                                           static_cast<int>(salt.getUsed()), iterations, keyLength, key.getData());
@@ -171,6 +212,12 @@ void CVMDKDisk::setUpEncryption(const zu::String& password)
 
 bool CVMDKDisk::tryUnwrapKey(const CVMDKDescriptor::CKeyWrapping& wrapping, const zu::String& password)
 {
+    // The derivation's parameters come from the descriptor: damage in the file.
+    long long iterations = 0;
+    const char* descriptorKey = nullptr;
+    zu::String problem = findDerivationProblem(wrapping.derivationAlgorithm, wrapping.salt, iterations, descriptorKey);
+    if (!problem.empty())
+        throw zu::CIOError(zu::CIOError::codeInvalidData, problem + ".", mainProps().set("key", descriptorKey));
     zu::TCryptBuffer<unsigned char> passwordKey;
     deriveEncryptKey(passwordKey, cipher->getKeySize(), password, wrapping.derivationAlgorithm, wrapping.salt);
     // The data key is wrapped with padding: one block more than the key.
@@ -227,13 +274,14 @@ CVMDKDescriptor::CKeyWrapping wrapKey(const zu::TCryptBuffer<unsigned char>& dat
 } // namespace
 
 void CVMDKDisk::storeEncryptionKeys(CVMDKDescriptor& target, const zu::TCryptBuffer<unsigned char>& dataKey,
-                                    const zu::TBuffer<unsigned char>& iv, const zu::String& password)
+                                    const zu::TBuffer<unsigned char>& iv, const zu::String& password,
+                                    long long iterations)
 {
     pell::CCipher_AES256CBC cipher;
     target.setZuEncryptionAlgorithm(cipher.getID());
     target.setZuEncryptionIV(iv);
-    target.setZuKeyWrapping(wrapKey(dataKey, iv, password, derivationPrefix + zu::toString(newDiskIterations),
-                                    cipher.getKeySize()));
+    target.setZuKeyWrapping(
+        wrapKey(dataKey, iv, password, derivationPrefix + zu::toString(iterations), cipher.getKeySize()));
     target.setZuEncryptionKeyHashAlgorithm("sha256");
     target.setZuEncryptionKeyHash(pell::CDigestType_SHA256::hash(dataKey.getData(), dataKey.getUsed()));
 }
@@ -278,35 +326,68 @@ void CVMDKDisk::commitPasswordChange(const zu::String& newPassword)
 
 void CVMDKDisk::changePassword(const zu::String& newPassword) { commitPasswordChange(newPassword); }
 
+void CVMDKDisk::checkExtentLine(const CVMDKExtentInfo& line) const
+{
+    bool known = isSparseType(line.type) || (anyVariant && (isFlatType(line.type) || isZeroType(line.type)));
+    if (!known)
+        throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK disk has an unsupported extent type: '" + line.type + "'.",
+                           mainProps());
+    bool knownAccess = line.access == zu::String("RW") || line.access == zu::String("RDONLY") ||
+                       line.access == zu::String("NOACCESS");
+    if (anyVariant && !knownAccess)
+        throw zu::CIOError(zu::CIOError::codeInvalidData,
+                           "VMDK disk has an unsupported extent access: '" + line.access + "'.", mainProps());
+}
+
 void CVMDKDisk::buildExtentMap()
 {
     descriptor->getExtentEntries(extentInfos);
     if (extentInfos.size() > static_cast<size_t>(maxExtentLines))
         throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK disk has too many extents.",
                            mainProps().set("extentCount", static_cast<long long>(extentInfos.size())).set("maxExtentCount", maxExtentLines));
+    // A descriptor embedded in a sparse extent lies in that extent: when it
+    // names only one, that is the main file, whatever the name says (the
+    // file was copied or renamed, or its maker wrote another name).
+    long long sparseLines = std::count_if(extentInfos.begin(), extentInfos.end(),
+                                          [](const zu::P<CVMDKExtentInfo>& line) { return isSparseType(line->type); });
+    bool sparseLineIsMainFile = descriptorEmbedded && sparseLines == 1;
     zu::CURI baseDirectory = mainURI.getParent();
-    // Two lines may name one file by different names (a link): writes to
-    // one extent would change the other.
-    std::set<zu::String> seen;
+    // Every file of the disk by its identity (two names may be one file, a
+    // link), the main file first: a write to one extent must change no
+    // other and not the descriptor. The main file is an extent only where
+    // it holds an embedded descriptor and is a sparse extent.
+    auto identityOf = [this](const zu::CURI& uri) {
+        return fileSystem->exists(uri) ? fileSystem->getFileIdentity(uri) : uri.toNormalized().toString(true);
+    };
+    const zu::String mainIdentity = identityOf(mainURI);
+    std::set<zu::String> files{mainIdentity};
+    bool mainFileIsExtent = false;
     long long start = 0;
-    for (const zu::P<CVMDKExtentInfo>& info : extentInfos) {
-        if (info->type != zu::String("SPARSE"))
-            throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK disk has an unsupported extent type: '" + info->type + "'.",
-                               mainProps());
-        if (info->sizeSectors < 0 || info->sizeSectors > LLONG_MAX / vmdkSectorSize - start)
+    for (int i = 0; i < static_cast<int>(extentInfos.size()); ++i) {
+        const CVMDKExtentInfo& info = *extentInfos[static_cast<size_t>(i)];
+        checkExtentLine(info);
+        if (info.sizeSectors < 0 || info.sizeSectors > LLONG_MAX / vmdkSectorSize - start)
             throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK disk has an extent of invalid size.",
-                               mainProps().set("extentSize", info->sizeSectors).set("fileName", info->fileName));
-        zu::CURI uri = vmdkFileReferenceToURI(baseDirectory, info->fileName);
-        zu::String identity = fileSystem->exists(uri) ? fileSystem->getFileIdentity(uri) : uri.toNormalized().toString(true);
-        if (!seen.insert(identity).second)
-            throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK disk names the same extent file twice.",
-                               mainProps().set("fileName", info->fileName));
-        if (firstExtentURI.isEmpty()) firstExtentURI = uri;
+                               mainProps().set("extentSize", info.sizeSectors).set("fileName", info.fileName));
+        bool sparse = isSparseType(info.type);
+        zu::CURI uri = mainURI;
+        if (!isZeroType(info.type) && !(sparse && sparseLineIsMainFile))
+            uri = vmdkFileReferenceToURI(baseDirectory, info.fileName);
+        if (!isZeroType(info.type)) {
+            zu::String identity = identityOf(uri);
+            bool holdsDescriptor = sparse && descriptorEmbedded && !mainFileIsExtent && identity == mainIdentity;
+            mainFileIsExtent = mainFileIsExtent || holdsDescriptor;
+            if (!holdsDescriptor && !files.insert(identity).second)
+                throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK disk names the same extent file twice.",
+                                   mainProps().set("fileName", info.fileName));
+        }
+        if (sparse && firstSparseLine < 0) firstSparseLine = i;
         extentStartSectors.push_back(start);
+        extentURIs.push_back(uri);
         // A line of size 0 maps no position; in the map it would compare
         // equal to its neighbours' ranges.
-        if (info->sizeSectors > 0) extents[CExtentKey{start, info->sizeSectors}] = CExtentValue{uri, -1};
-        start += info->sizeSectors;
+        if (info.sizeSectors > 0) extents[CExtentKey{start, info.sizeSectors}] = CExtentValue{uri, i};
+        start += info.sizeSectors;
     }
     if (extentInfos.empty())
         throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK disk has no extents.", mainProps());
@@ -315,10 +396,14 @@ void CVMDKDisk::buildExtentMap()
 
 void CVMDKDisk::learnGrainGeometry()
 {
-    {
-        zu::P<zu::IIOStream> stream = openVMDKFileStream(fileSystem, firstExtentURI, zu::IIOStream::accessRead);
+    if (firstSparseLine < 0) {
+        grainSizeSectors = flatGrainSizeSectors;
+        compressed = false;
+    } else {
+        zu::P<zu::IIOStream> stream =
+            openVMDKFileStream(fileSystem, extentURIs[static_cast<size_t>(firstSparseLine)], zu::IIOStream::accessRead);
         CVMDKSparseExtentFile first(stream, zu::IIOStream::accessRead, 0, compressionLevel, grainTableCache, nullptr,
-                                    nullptr, cipher, encryptionKey, encryptionIV);
+                                    nullptr, cipher, encryptionKey, encryptionIV, -1, anyVariant);
         grainSizeSectors = first.getGrainSizeSectors();
         compressed = first.getCompressed();
     }
@@ -327,17 +412,10 @@ void CVMDKDisk::learnGrainGeometry()
     // the disk gets its own number (and IV) even where an extent does not
     // begin on a grain boundary; where all do, this is start / grain size.
     long long grains = 0;
-    for (size_t i = 0; i < extentInfos.size(); ++i) {
+    for (const zu::P<CVMDKExtentInfo>& line : extentInfos) {
         extentStartGrains.push_back(grains);
-        long long sizeSectors = extentInfos[i]->sizeSectors;
-        if (sizeSectors > 0) extents[CExtentKey{extentStartSectors[i], sizeSectors}].startGrainIndex = grains;
-        grains += (sizeSectors + grainSizeSectors - 1) / grainSizeSectors;
+        grains += (line->sizeSectors + grainSizeSectors - 1) / grainSizeSectors;
     }
-}
-
-zu::CURI CVMDKDisk::getExtentURI(int index) const
-{
-    return vmdkFileReferenceToURI(mainURI.getParent(), extentInfos.at(static_cast<size_t>(index))->fileName);
 }
 
 long long CVMDKDisk::getExtentStartGrainIndex(int index) const
@@ -368,33 +446,104 @@ void CVMDKDisk::checkOnDemandExtentLocation(const zu::CURI& uri) const
                            mainProps().set("extentURI", uri.toString(true)));
 }
 
-zu::P<IVMDKExtentFile> CVMDKDisk::openExtent(const CExtentKey& key, const CExtentValue& value)
+bool CVMDKDisk::isMadeOnDemandAndMissing(int index) const
 {
-    zu::CURI uri = value.uri.toNormalized();
-    zu::P<IVMDKExtentFile> extent;
-    if (createExtentFilesOnDemand && !fileSystem->exists(uri)) {
+    return createExtentFilesOnDemand && isSparseType(extentInfos[static_cast<size_t>(index)]->type) &&
+           !fileSystem->exists(extentURIs[static_cast<size_t>(index)]);
+}
+
+zu::P<IVMDKExtentFile> CVMDKDisk::openSparseExtentFile(int index, int extentAccess, IVMDKDataProvider* fallback,
+                                                       CVMDKContentIDUpdater* updater)
+{
+    const zu::CURI& uri = extentURIs[static_cast<size_t>(index)];
+    long long sizeSectors = extentInfos[static_cast<size_t>(index)]->sizeSectors;
+    long long startGrainIndex = getExtentStartGrainIndex(index);
+    if (isMadeOnDemandAndMissing(index)) {
         try {
             checkOnDemandExtentLocation(uri);
-            long long capacity = (key.sizeSectors + grainSizeSectors - 1) / grainSizeSectors * grainSizeSectors;
-            extent = zu::newObj<CVMDKOnDemandExtentFile>(
-                fileSystem, uri, access, value.startGrainIndex, key.startSector, grainSizeSectors, capacity,
-                key.sizeSectors, compressed, compressionLevel, parentDataProvider.get(), grainTableCache,
-                contentIDUpdater, cipher, encryptionKey, encryptionIV, encryptionKeyHash);
+            long long capacity = (sizeSectors + grainSizeSectors - 1) / grainSizeSectors * grainSizeSectors;
+            return zu::newObj<CVMDKOnDemandExtentFile>(
+                fileSystem, uri, extentAccess, startGrainIndex, getExtentStartSector(index), grainSizeSectors, capacity,
+                sizeSectors, compressed, compressionLevel, fallback, grainTableCache, updater, cipher, encryptionKey,
+                encryptionIV, encryptionKeyHash);
         } catch (const std::exception& e) {
             zu::logError(e, "Error opening VMDK extent file on demand (path: '" + uri.toString(true) +
                                 "'). Letting exception through.");
             throw;
         }
-    } else {
-        zu::P<zu::IIOStream> stream = openVMDKFileStream(fileSystem, uri, access);
-        zu::P<CVMDKSparseExtentFile> sparse = zu::newObj<CVMDKSparseExtentFile>(
-            stream, access, value.startGrainIndex, compressionLevel, grainTableCache, parentDataProvider.get(),
-            contentIDUpdater, cipher, encryptionKey, encryptionIV, key.startSector);
-        sparse->checkMatchesDisk(key.sizeSectors, grainSizeSectors, compressed, throwVMDKProblem);
-        extent = sparse;
     }
-    extent->setSyncEnabled(syncEnabled);
+    zu::P<zu::IIOStream> stream = openVMDKFileStream(fileSystem, uri, extentAccess);
+    return zu::newObj<CVMDKSparseExtentFile>(stream, extentAccess, startGrainIndex, compressionLevel, grainTableCache,
+                                             fallback, updater, cipher, encryptionKey, encryptionIV,
+                                             getExtentStartSector(index), anyVariant);
+}
+
+zu::P<IVMDKExtentFile> CVMDKDisk::openExtentFile(int index, int extentAccess, IVMDKDataProvider* fallback,
+                                                 CVMDKContentIDUpdater* updater)
+{
+    const CVMDKExtentInfo& line = *extentInfos[static_cast<size_t>(index)];
+    const zu::CURI& uri = extentURIs[static_cast<size_t>(index)];
+    long long startGrainIndex = getExtentStartGrainIndex(index);
+    if (isSparseType(line.type)) return openSparseExtentFile(index, extentAccess, fallback, updater);
+    if (isZeroType(line.type)) return makeNullExtent(index);
+    zu::P<zu::IIOStream> stream = openVMDKFileStream(fileSystem, uri, extentAccess);
+    // A line without offset column starts at the file's beginning.
+    long long offset = line.offset == -1 ? 0 : line.offset;
+    return zu::newObj<CVMDKFlatExtentFile>(stream, extentAccess, offset, line.sizeSectors, startGrainIndex,
+                                           grainSizeSectors, compressed, compressionLevel, updater);
+}
+
+zu::P<IVMDKExtentFile> CVMDKDisk::openCheckedExtentFile(int index, int extentAccess)
+{
+    zu::P<IVMDKExtentFile> extent = openExtentFile(index, extentAccess, parentDataProvider.get(), contentIDUpdater);
+    if (auto* sparse = zu::tryCast<CVMDKSparseExtentFile>(extent.get()))
+        sparse->checkMatchesDisk(extentInfos[static_cast<size_t>(index)]->sizeSectors, grainSizeSectors, compressed,
+                                 throwVMDKProblem);
     return extent;
+}
+
+zu::P<IVMDKExtentFile> CVMDKDisk::openExtent(const CExtentValue& value)
+{
+    int index = value.lineIndex;
+    const CVMDKExtentInfo& line = *extentInfos[static_cast<size_t>(index)];
+    if (!anyVariant) return openCheckedExtentFile(index, access);
+    using Restricted = CVMDKRestrictedExtentFile;
+    // The file of a line without access is not even opened.
+    if (isWithoutAccess(index))
+        return zu::newObj<Restricted>(makeNullExtent(index), Restricted::noAccess,
+                                      "VMDK extent cannot be read: its descriptor line says NOACCESS.", line);
+    bool readOnly = line.access == zu::String("RDONLY") || isZeroType(line.type);
+    zu::P<IVMDKExtentFile> extent = openCheckedExtentFile(index, readOnly ? zu::IIOStream::accessRead : access);
+    if (isZeroType(line.type))
+        return zu::newObj<Restricted>(extent, Restricted::readOnly,
+                                      "VMDK extent of type ZERO holds only zeros and cannot be written.", line);
+    if (readOnly)
+        return zu::newObj<Restricted>(extent, Restricted::readOnly,
+                                      "VMDK extent cannot be written: its descriptor line says RDONLY.", line);
+    return extent;
+}
+
+zu::P<IVMDKExtentFile> CVMDKDisk::openExtentForInspection(int index)
+{
+    if (isMadeOnDemandAndMissing(index)) {
+        checkOnDemandExtentLocation(extentURIs[static_cast<size_t>(index)]);
+        return nullptr;
+    }
+    if (isWithoutAccess(index)) return makeNullExtent(index);
+    return openExtentFile(index, zu::IIOStream::accessRead, nullptr, nullptr);
+}
+
+bool CVMDKDisk::isWithoutAccess(int index) const
+{
+    return anyVariant && extentInfos[static_cast<size_t>(index)]->access == zu::String("NOACCESS");
+}
+
+zu::P<IVMDKExtentFile> CVMDKDisk::makeNullExtent(int index) const
+{
+    long long sizeSectors = extentInfos[static_cast<size_t>(index)]->sizeSectors;
+    return zu::newObj<CVMDKNullExtentFile>(extentURIs[static_cast<size_t>(index)], getExtentStartGrainIndex(index),
+                                           getExtentStartSector(index), grainSizeSectors, sizeSectors, sizeSectors, compressed, compressionLevel,
+                                           nullptr);
 }
 
 void CVMDKDisk::beginIOOp(long long bytes, zu::P<IVMDKExtentFile>& extent, long long& bytesInExtent)
@@ -410,7 +559,8 @@ void CVMDKDisk::beginIOOp(long long bytes, zu::P<IVMDKExtentFile>& extent, long 
             throw zu::CError("Internal error: cannot find VMDK extent for position " + zu::toString(position),
                              zu::String(), -1, zu::CProps().set("mainURI", mainURI.toString(true)));
         zu::CURI uri = it->second.uri.toNormalized();
-        currentExtent = openExtent(it->first, it->second);
+        currentExtent = openExtent(it->second);
+        currentExtent->setSyncEnabled(syncEnabled);
         currentExtentURI = uri;
         currentExtentStartBytes = it->first.startSector * vmdkSectorSize;
         currentExtentSizeBytes = it->first.sizeSectors * vmdkSectorSize;

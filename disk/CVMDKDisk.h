@@ -9,6 +9,15 @@
 // position. A delta disk reads grains it does not hold from its parent,
 // which is opened on first need.
 //
+// The constructor opens the variants that we make: monolithicSparse,
+// twoGbMaxExtentSparse and streamOptimized disks of SPARSE extents in our
+// layout. openAny opens what other tools make too: flat, vmfs and custom
+// disks with FLAT, VMFS and ZERO extents, the access words RDONLY and
+// NOACCESS, and other tools' stream-optimized files (read-only); parents
+// of such a disk open the same way. Either way a descriptor embedded in
+// the disk's only sparse extent makes the main file that extent, whatever
+// name the extent line gives (a copied or renamed file is itself).
+//
 // The disk owns its extents, its parent provider, its content-ID updater and
 // (unless shared) its grain table cache. It is used by one thread at a time;
 // other processes are kept away by the lock file.
@@ -42,9 +51,8 @@ public:
     };
     struct CExtentValue {
         zu::CURI uri;
-        // Disk-wide number of the extent's first grain: the grains of the
-        // extent lines before it, each line's rounded up.
-        long long startGrainIndex;
+        // The extent line's index in getExtentInfos().
+        int lineIndex;
     };
 
     // What a new disk looks like (see create).
@@ -77,6 +85,10 @@ public:
     // descriptor's line limit.
     static constexpr int maxExtentLines = 8000;
     static constexpr long long maxKeyDerivationIterations = 10000000;
+    static constexpr long long newDiskKeyDerivationIterations = 10000;
+    // The grain size of a disk without sparse extents (flat ones): the
+    // unit of its grains in prepared form.
+    static constexpr long long flatGrainSizeSectors = 128;
 
     // Opens an existing disk. access is zu::IIOStream::accessRead or
     // accessReadWrite. password may be empty for a disk without encryption.
@@ -90,7 +102,9 @@ public:
 
     // Opens any VMDK disk, whichever tool made it: the entry point for
     // callers that do not know the variant. Takes the same arguments as the
-    // constructor (default compression, its own grain table cache).
+    // constructor (default compression, its own grain table cache). Parts
+    // that cannot be written (other tools' stream files, RDONLY and ZERO
+    // extents) refuse writes with a zu::CIOError code 3 naming the file.
     static zu::P<CVMDKDisk> openAny(zu::IFileSystem* fileSystem, const zu::CURI& uri, int access,
                                     const zu::String& password);
 
@@ -104,10 +118,12 @@ public:
                                  const zu::String& derivationAlgorithm, const zu::TBuffer<unsigned char>& salt);
 
     // Writes the encryption keys of a disk into its descriptor: the data key
-    // wrapped under a key derived from the password with a fresh random
-    // salt, the IV, the parameters and the data key's SHA-256 hash.
+    // wrapped under a key derived from the password (by that many PBKDF2
+    // iterations) with a fresh random salt, the IV, the parameters and the
+    // data key's SHA-256 hash.
     static void storeEncryptionKeys(CVMDKDescriptor& descriptor, const zu::TCryptBuffer<unsigned char>& dataKey,
-                                    const zu::TBuffer<unsigned char>& iv, const zu::String& password);
+                                    const zu::TBuffer<unsigned char>& iv, const zu::String& password,
+                                    long long iterations = newDiskKeyDerivationIterations);
 
     // Byte-stream access to the virtual contents.
     void seek(long long position);
@@ -177,12 +193,26 @@ public:
     CVMDKGrainTableCache* getGrainTableCache() const { return grainTableCache; }
     // The open parent of a delta disk (opened now if needed), else null.
     CVMDKDisk* getParentDisk();
-    // The extent lines in file order, and the URI each resolves to.
+    // The extent lines in file order, and the URI each resolves to (the
+    // main file for the only sparse extent of an embedded descriptor; for
+    // a ZERO extent, which has no file, the main file too).
     const zu::TArray<zu::P<CVMDKExtentInfo>>& getExtentInfos() const { return extentInfos; }
-    zu::CURI getExtentURI(int index) const;
+    const zu::CURI& getExtentURI(int index) const { return extentURIs.at(static_cast<size_t>(index)); }
     // Refuses (zu::CIOError code 5) an extent file to be made on demand
     // that does not lie beside the main file.
     void checkOnDemandExtentLocation(const zu::CURI& uri) const;
+    // Extent line `index` opened read-only, without parent and without
+    // content-ID updates, for inspection: a CVMDKSparseExtentFile for a
+    // SPARSE line, a flat extent for FLAT and VMFS, a null extent for ZERO
+    // and NOACCESS lines; null when the file is one the disk makes on
+    // demand and not made yet (and lies where it may be made). Throws what
+    // the extent's constructor throws; whether a sparse extent fits its
+    // line is the caller's to check (checkMatchesDisk).
+    zu::P<IVMDKExtentFile> openExtentForInspection(int index);
+    // Opened through openAny (and so are its parents).
+    bool opensAnyVariant() const { return anyVariant; }
+    // The descriptor lies in the main file's descriptor area.
+    bool hasEmbeddedDescriptor() const { return descriptorEmbedded; }
     // Disk-wide number of the first grain of the extent line, and the
     // sector where the line's extent begins in the disk.
     long long getExtentStartGrainIndex(int index) const;
@@ -196,10 +226,12 @@ public:
 
 protected:
     friend class CVMDKParentDiskDataProvider;
-    // childChain: the URIs of the disks below this one in a chain being opened.
+    friend class CVMDKDiskCreator;
+    // childChain: the URIs of the disks below this one in a chain being
+    // opened. anyVariant: open as openAny does.
     CVMDKDisk(zu::IFileSystem* fileSystem, const zu::CURI& uri, int access, const zu::String& password,
               int compressionLevel, CVMDKGrainTableCache* grainTableCache, CVMDKDisk* parentDisk,
-              const std::vector<zu::CURI>& childChain);
+              const std::vector<zu::CURI>& childChain, bool anyVariant);
 
 private:
     void construct(const zu::String& password, CVMDKGrainTableCache* cache, CVMDKDisk* parentDisk,
@@ -211,10 +243,25 @@ private:
     bool unwrapsWithNextPassword(const zu::String& password);
     bool hasPasswordOnly(const zu::String& password);
     void verifyPasswordChange(const zu::String& newPassword) const;
+    void checkExtentLine(const CVMDKExtentInfo& line) const;
     void buildExtentMap();
     void learnGrainGeometry();
     void beginIOOp(long long bytes, zu::P<IVMDKExtentFile>& extent, long long& bytesInExtent);
-    zu::P<IVMDKExtentFile> openExtent(const CExtentKey& key, const CExtentValue& value);
+    zu::P<IVMDKExtentFile> openExtent(const CExtentValue& value);
+    // The extent object of line `index` as its file makes it (no access
+    // restrictions of the line applied), opened with `extentAccess`.
+    zu::P<IVMDKExtentFile> openExtentFile(int index, int extentAccess, IVMDKDataProvider* fallback,
+                                          CVMDKContentIDUpdater* updater);
+    zu::P<IVMDKExtentFile> openSparseExtentFile(int index, int extentAccess, IVMDKDataProvider* fallback,
+                                                CVMDKContentIDUpdater* updater);
+    // openExtentFile for the disk's own use, with its parent and updater; a
+    // sparse file must fit its line and the disk's grain geometry.
+    zu::P<IVMDKExtentFile> openCheckedExtentFile(int index, int extentAccess);
+    bool isMadeOnDemandAndMissing(int index) const;
+    // A NOACCESS line (openAny only): its file is never opened.
+    bool isWithoutAccess(int index) const;
+    // A file-less extent of line `index`: zeros, no parent.
+    zu::P<IVMDKExtentFile> makeNullExtent(int index) const;
     void closeCurrentExtent();
     zu::P<CVMDKDescriptorAccessor> openDescriptorAccessor();
     zu::CProps mainProps() const;
@@ -227,16 +274,21 @@ private:
     zu::P<zu::IFileSystem> fileSystem;
     zu::CURI mainURI;
     int access;
-    zu::CURI firstExtentURI;
+    bool anyVariant = false;
+    bool descriptorEmbedded = false;
     int compressionLevel;
     zu::P<CVMDKGrainTableCache> grainTableCache;
     zu::CURI parentURI;
     zu::P<CVMDKParentDiskDataProvider> parentDataProvider;
     zu::P<CVMDKDescriptor> descriptor;
     zu::TArray<zu::P<CVMDKExtentInfo>> extentInfos;
-    // First sector and first grain number of each extent line, in file order.
+    // First sector and first grain number of each extent line in the disk,
+    // and the file it names, in file order.
     std::vector<long long> extentStartSectors;
     std::vector<long long> extentStartGrains;
+    std::vector<zu::CURI> extentURIs;
+    // The first SPARSE line, which gives the grain geometry; -1 when none.
+    int firstSparseLine = -1;
     zu::TMap<CExtentKey, CExtentValue> extents;
     long long diskSizeSectors = 0;
     long long diskSizeBytes = 0;

@@ -116,17 +116,17 @@ void CVMDKDiskCreator::checkGeometry() const
 
 void CVMDKDiskCreator::takeParentGeometry()
 {
-    CVMDKDisk parent(fileSystem, params.parentURI, zu::IIOStream::accessRead, params.password, params.compressionLevel,
-                     nullptr, nullptr);
-    parentContentID = parent.getDescriptor()->getContentID();
-    if (capacitySectors == 0) capacitySectors = parent.getDiskSizeSectors();
-    grainSizeSectors = parent.getGrainSizeSectors();
-    if (parent.getCompressed() != streamOptimized)
-        throw zu::CInvalidArgError(where, zu::String(parent.getCompressed()
+    // Any variant may be a parent, as any variant may be opened.
+    zu::P<CVMDKDisk> parent = CVMDKDisk::openAny(fileSystem, params.parentURI, zu::IIOStream::accessRead, params.password);
+    parentContentID = parent->getDescriptor()->getContentID();
+    if (capacitySectors == 0) capacitySectors = parent->getDiskSizeSectors();
+    grainSizeSectors = parent->getGrainSizeSectors();
+    if (parent->getCompressed() != streamOptimized)
+        throw zu::CInvalidArgError(where, zu::String(parent->getCompressed()
                                                          ? "a delta disk of a compressed parent must be streamOptimized"
                                                          : "a delta disk of an uncompressed parent cannot be streamOptimized"),
-                                   zu::CProps().set("parentURI", parent.getMainURI().toString(true)));
-    parentFileNameHint = relativeReference(uri.getParent(), parent.getMainURI());
+                                   zu::CProps().set("parentURI", parent->getMainURI().toString(true)));
+    parentFileNameHint = relativeReference(uri.getParent(), parent->getMainURI());
 }
 
 void CVMDKDiskCreator::buildDescriptor()
@@ -186,14 +186,14 @@ void CVMDKDiskCreator::createSplitFiles()
         // learns its grain geometry from it when it opens.
         if (i > 0 && params.createExtentFilesOnDemand) break;
         zu::CURI extentURI = splitExtentURI(uri, static_cast<int>(i) + 1);
-        createEmptyVMDKSparseExtentFile(fileSystem, extentURI, false, roundUp(extentSizes[i], grainSizeSectors) / grainSizeSectors,
-                                        grainSizeSectors, zeros, nullptr, 0, keyHash);
+        createEmptyVMDKSparseExtentFile(fileSystem, extentURI, false, extentSizes[i], grainSizeSectors, zeros, nullptr, 0,
+                                        keyHash);
         createdFiles.push_back(extentURI);
     }
     descriptor->setEncodingUTF8();
     long long textBytes = static_cast<long long>(descriptor->toString().toUTF8().size());
     long long fileBytes = roundUp(textBytes + descriptorFileRoomBytes, vmdkSectorSize);
-    createVMDKFileAtomically(fileSystem, uri, [&](zu::IIOStream& stream) {
+    writeVMDKFileAtomically(fileSystem, uri, false, [&](zu::IIOStream& stream) {
         descriptor->store(stream, static_cast<int>(fileBytes), zeros);
     });
     createdFiles.push_back(uri);
@@ -205,8 +205,8 @@ void CVMDKDiskCreator::createFiles()
         createSplitFiles();
         return;
     }
-    createEmptyVMDKSparseExtentFile(fileSystem, uri, streamOptimized, roundUp(capacitySectors, grainSizeSectors) / grainSizeSectors,
-                                    grainSizeSectors, zeros, descriptor, CVMDKDisk::embeddedDescriptorSectors, keyHash);
+    createEmptyVMDKSparseExtentFile(fileSystem, uri, streamOptimized, capacitySectors, grainSizeSectors, zeros, descriptor,
+                                    CVMDKDisk::embeddedDescriptorSectors, keyHash);
     createdFiles.push_back(uri);
 }
 
@@ -238,8 +238,10 @@ zu::P<CVMDKDisk> CVMDKDiskCreator::create()
                                        zu::CProps().set("uri", file.toString(true)));
     try {
         createFiles();
-        return zu::newObj<CVMDKDisk>(fileSystem, uri, zu::IIOStream::accessReadWrite, params.password,
-                                     params.compressionLevel, nullptr, nullptr);
+        // Opened as openAny opens disks, for a parent of any variant.
+        return zu::P<CVMDKDisk>(new CVMDKDisk(fileSystem, uri, zu::IIOStream::accessReadWrite, params.password,
+                                              params.compressionLevel, nullptr, nullptr, std::vector<zu::CURI>(), true),
+                                zu::AdoptRef());
     } catch (const std::exception& e) {
         zu::logError(e, "Error creating VMDK disk ('" + uri.toString(true) + "'). Deleting its files and letting error through.");
         deleteCreatedFiles();

@@ -15,12 +15,12 @@ CVMDKParentDiskDataProvider::CVMDKParentDiskDataProvider(
     zu::IFileSystem* fileSystem, const zu::CURI& childURI, unsigned parentContentID,
     const zu::String& parentFileNameHint, long long grainSizeSectors, const zu::String& password,
     int compressionLevel, CVMDKGrainTableCache* grainTableCache, CVMDKDisk* parentDisk,
-    const std::vector<zu::CURI>& childChain)
+    const std::vector<zu::CURI>& childChain, bool anyVariant)
     : fileSystem(fileSystem), childURI(childURI.toNormalized()), expectedParentContentID(parentContentID),
       parentFileNameHint(parentFileNameHint),
       parentURI(vmdkFileReferenceToURI(this->childURI.getParent(), parentFileNameHint)),
       grainSizeSectors(grainSizeSectors), password(password), compressionLevel(compressionLevel),
-      grainTableCache(grainTableCache), chain(childChain)
+      grainTableCache(grainTableCache), chain(childChain), anyVariant(anyVariant)
 {
     if (chain.empty()) chain.push_back(this->childURI);
     if (parentDisk) {
@@ -56,7 +56,7 @@ void CVMDKParentDiskDataProvider::ensureParentDiskOpen()
     zu::P<CVMDKDisk> disk;
     try {
         disk = zu::P<CVMDKDisk>(new CVMDKDisk(fileSystem, parentURI, zu::IIOStream::accessRead, password,
-                                              compressionLevel, grainTableCache, nullptr, chain),
+                                              compressionLevel, grainTableCache, nullptr, chain, anyVariant),
                                 zu::AdoptRef());
     } catch (const std::exception& e) {
         zu::logError(e, "Error while opening VMDK parent disk (parent URI: '" + parentURI.toString(true) +

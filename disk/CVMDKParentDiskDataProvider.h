@@ -26,11 +26,13 @@ public:
     // childChain: the normalised main URIs of the child and of the disks
     // below it (the child first), for loop detection. parentDisk, when given,
     // is used as the parent (no content-ID check) instead of opening one.
+    // anyVariant: the parent opens as CVMDKDisk::openAny opens disks.
     CVMDKParentDiskDataProvider(zu::IFileSystem* fileSystem, const zu::CURI& childURI, unsigned parentContentID,
                                 const zu::String& parentFileNameHint, long long grainSizeSectors,
                                 const zu::String& password, int compressionLevel,
                                 CVMDKGrainTableCache* grainTableCache, CVMDKDisk* parentDisk,
-                                const std::vector<zu::CURI>& childChain = std::vector<zu::CURI>());
+                                const std::vector<zu::CURI>& childChain = std::vector<zu::CURI>(),
+                                bool anyVariant = false);
     ~CVMDKParentDiskDataProvider() override;
 
     void getData(long long position, void* buffer, int bytes) override;
@@ -60,6 +62,7 @@ private:
     zu::P<CVMDKDataPreparer> dataPreparer;
     zu::P<zu::TBuffer<unsigned char>> preparedZeroGrain;
     std::vector<zu::CURI> chain;
+    bool anyVariant;
 };
 
 } // namespace kord

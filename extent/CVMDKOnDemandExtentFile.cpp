@@ -65,8 +65,8 @@ void CVMDKOnDemandExtentFile::prepareWrite()
     if (!fileSystem->exists(uri)) {
         zu::TBuffer<unsigned char> zeros;
         zeros.setUsedFill(2048, 0);
-        createEmptyVMDKSparseExtentFile(fileSystem, uri, compressed, capacitySectors / grainSizeSectors,
-                                        grainSizeSectors, zeros, nullptr, 0, keyHash);
+        createEmptyVMDKSparseExtentFile(fileSystem, uri, compressed, sizeSectors, grainSizeSectors, zeros, nullptr, 0,
+                                        keyHash);
     }
     updateInnerFileObject(false);
 }

@@ -15,10 +15,11 @@ namespace kord {
 
 class CVMDKOnDemandExtentFile : public zu::CBase, public IVMDKExtentFile {
 public:
-    // capacitySectors (a whole number of grains) becomes the new file's
-    // capacity; sizeSectors is the extent line's size, from startSector of
-    // the disk on. keyHash is the disk key's hash, written into the new
-    // file's header of an encrypted disk.
+    // sizeSectors, the extent line's size from startSector of the disk on,
+    // becomes the new file's capacity; capacitySectors (a whole number of
+    // grains, at least sizeSectors) is handed to the null extent. keyHash is
+    // the disk key's hash, written into the new file's header of an
+    // encrypted disk.
     CVMDKOnDemandExtentFile(zu::IFileSystem* fileSystem, const zu::CURI& uri, int access, long long startGrainIndex,
                             long long startSector, long long grainSizeSectors, long long capacitySectors,
                             long long sizeSectors,

@@ -9,6 +9,7 @@
 #include "extent/CVMDKSparseExtentVerifier.h"
 #include "format/VMDKEmptyLayout.h"
 #include "format/VMDKMarker.h"
+#include "format/VMDKStreamFooter.h"
 
 #include <algorithm>
 #include <climits>
@@ -27,28 +28,16 @@ CVMDKSparseExtentFile::CVMDKSparseExtentFile(zu::IIOStream* stream, int access, 
                                              int compressionLevel, CVMDKGrainTableCache* grainTableCache,
                                              IVMDKDataProvider* fallback, CVMDKContentIDUpdater* contentIDUpdater,
                                              pell::ICipher* cipher, const zu::TCryptBuffer<unsigned char>& key,
-                                             const zu::TBuffer<unsigned char>& iv, long long startSector)
+                                             const zu::TBuffer<unsigned char>& iv, long long startSector,
+                                             bool acceptForeignStreams)
     : stream(stream), access(access), startGrainIndex(startGrainIndex), compressionLevel(compressionLevel),
       grainTableCache(grainTableCache), fallback(fallback), contentIDUpdater(contentIDUpdater),
       header(zu::newObj<CVMDKSparseExtentHeader>())
 {
-    stream->seek(0);
-    zu::CDataInStream in(stream);
-    header->load(in);
+    loadHeader(acceptForeignStreams);
     checkEncryption(cipher, key, iv);
-    if (header->version < 1 || header->version > 3)
-        throw zu::CIOError(zu::CIOError::codeUnsupportedVersion,
-                           "VMDK file has an unsupported version: " + zu::toString(header->version), uriProps());
     compressed = (header->flags & CVMDKSparseExtentHeader::flagCompressedGrains) != 0;
-    bool markers = (header->flags & CVMDKSparseExtentHeader::flagMetadataMarkers) != 0;
-    if (compressed != markers)
-        throw zu::CIOError(zu::CIOError::codeInvalidData,
-                           "VMDK flags 'compressed' and 'metaMarkers' are different (compressed: " +
-                               zu::toString(compressed) + ", metaMarkers: " + zu::toString(markers) + ").",
-                           uriProps());
-    if (header->gdOffset == -1)
-        throw zu::CIOError(zu::CIOError::codeInvalidData,
-                           "VMDK file uses an unsupported variant of the 'stream optimized' format.", uriProps());
+    checkFormat();
     checkGeometry();
     grainSizeBytes = header->grainSize * vmdkSectorSize;
     sizeBytes = header->capacity * vmdkSectorSize;
@@ -58,22 +47,58 @@ CVMDKSparseExtentFile::CVMDKSparseExtentFile(zu::IIOStream* stream, int access, 
     bounds.descriptorSizeSectors = header->descriptorSize;
     bounds.overHeadSectors = header->overHead;
     bounds.fileSizeBytes = stream->getLength();
+    CVMDKGrainDirectory::COptions options;
+    options.zeroedGrainEntries = (header->flags & CVMDKSparseExtentHeader::flagZeroedGrainEntries) != 0;
+    options.acceptForeignStreams = acceptForeignStreams;
     directory = zu::newObj<CVMDKGrainDirectory>(stream, access, header->gdOffset, header->rgdOffset, header->capacity,
                                                 header->grainSize, static_cast<int>(header->numGTEsPerGT), compressed,
-                                                grainTableCache, bounds);
+                                                grainTableCache, bounds, options);
+    foreignStream = foreignStream || directory->isForeignStream();
     grainAreaStartSectors = std::max(header->overHead, directory->getMetadataEndSectors());
+    if (foreignStream) {
+        // Other tools put grain tables and the directory among or after the grains.
+        grainAreaStartSectors = header->overHead;
+        this->access = zu::IIOStream::accessRead;
+    }
     if (header->descriptorOffset > 0)
         grainAreaStartSectors = std::max(grainAreaStartSectors, header->descriptorOffset + header->descriptorSize);
     // Reads check grain by grain; a writer must know at once that the
     // tables it writes back land on nothing else.
-    if (access == zu::IIOStream::accessReadWrite) CVMDKSparseExtentVerifier(*this, throwVMDKProblem).verifyLayout();
+    if (this->access == zu::IIOStream::accessReadWrite) CVMDKSparseExtentVerifier(*this, throwVMDKProblem).verifyLayout();
 
-    zu::TBuffer<unsigned char> trail = compressed ? makeTrail() : zu::TBuffer<unsigned char>();
-    allocator = zu::newObj<CVMDKGrainAllocator>(stream, access, grainAreaStartSectors * vmdkSectorSize,
+    zu::TBuffer<unsigned char> trail = compressed && !foreignStream ? makeTrail() : zu::TBuffer<unsigned char>();
+    allocator = zu::newObj<CVMDKGrainAllocator>(stream, this->access, grainAreaStartSectors * vmdkSectorSize,
                                                 bounds.fileSizeBytes - trail.getUsed(), directory, trail);
     long long startBytes = (startSector >= 0 ? startSector : startGrainIndex * header->grainSize) * vmdkSectorSize;
-    grain = zu::newObj<CVMDKGrain>(stream, access, header->grainSize, allocator, compressed, compressionLevel, fallback,
-                                   cipher, key, iv, startBytes);
+    grain = zu::newObj<CVMDKGrain>(stream, this->access, header->grainSize, allocator, compressed, compressionLevel,
+                                   fallback, cipher, key, iv, startBytes);
+}
+
+void CVMDKSparseExtentFile::loadHeader(bool acceptForeignStreams)
+{
+    stream->seek(0);
+    zu::CDataInStream in(stream);
+    header->load(in);
+    if (header->gdOffset == CVMDKSparseExtentHeader::gdOffsetInFooter && acceptForeignStreams) {
+        loadVMDKStreamFooter(stream, *header);
+        foreignStream = true;
+    }
+}
+
+void CVMDKSparseExtentFile::checkFormat() const
+{
+    if (header->version < 1 || header->version > 3)
+        throw zu::CIOError(zu::CIOError::codeUnsupportedVersion,
+                           "VMDK file has an unsupported version: " + zu::toString(header->version), uriProps());
+    bool markers = (header->flags & CVMDKSparseExtentHeader::flagMetadataMarkers) != 0;
+    if (compressed != markers)
+        throw zu::CIOError(zu::CIOError::codeInvalidData,
+                           "VMDK flags 'compressed' and 'metaMarkers' are different (compressed: " +
+                               zu::toString(compressed) + ", metaMarkers: " + zu::toString(markers) + ").",
+                           uriProps());
+    if (header->gdOffset == CVMDKSparseExtentHeader::gdOffsetInFooter)
+        throw zu::CIOError(zu::CIOError::codeInvalidData,
+                           "VMDK file uses an unsupported variant of the 'stream optimized' format.", uriProps());
 }
 
 CVMDKSparseExtentFile::~CVMDKSparseExtentFile()
@@ -230,6 +255,7 @@ long long CVMDKSparseExtentFile::beginIOOp(long long bytes)
         long long posSectors = 0;
         long long slotSizeSectors = 0;
         directory->getGrainInfo(index, posSectors, slotSizeSectors);
+        if (foreignStream && posSectors > 0) slotSizeSectors = getUnrecordedSlotSectors();
         // Read and written through: it must lie where grain data may be.
         CVMDKSparseExtentVerifier(*this, throwVMDKProblem).verifyGrainEntry(index, posSectors, slotSizeSectors);
         grain->open(index, startGrainIndex + index, posSectors, slotSizeSectors);
@@ -263,6 +289,7 @@ void CVMDKSparseExtentFile::write(const void* data, int bytes)
     if (bytes < 0 || position + bytes > sizeBytes)
         throw zu::CIOError(zu::CIOError::codeWrite, "Write exceeded VMDK extent size.",
                            uriProps().set("bytesToWrite", bytes).set("position", position));
+    refuseChangesOfForeignStream();
     flushIfCacheFull();
     onAboutToChange();
     const auto* in = static_cast<const unsigned char*>(data);
@@ -298,6 +325,7 @@ void CVMDKSparseExtentFile::checkPreparedGrainOp(bool write)
 
 void CVMDKSparseExtentFile::writePreparedGrainData(const zu::TBuffer<unsigned char>& preparedData)
 {
+    refuseChangesOfForeignStream();
     checkPreparedGrainOp(true);
     flushIfCacheFull();
     onAboutToChange();
@@ -314,6 +342,7 @@ void CVMDKSparseExtentFile::readPreparedGrainData(zu::TBuffer<unsigned char>& pr
 
 bool CVMDKSparseExtentFile::makeGrainIndependentOfParent(long long grainIndex)
 {
+    refuseChangesOfForeignStream();
     verifyHaveWriteAccess();
     throwIfFailed();
     seek(grainIndex * grainSizeBytes);
@@ -345,6 +374,13 @@ void CVMDKSparseExtentFile::verifyHaveWriteAccess() const
     if (access != zu::IIOStream::accessReadWrite)
         throw zu::CError("Internal error: VMDK sparse extent file is about to be changed, but it was not opened for "
                          "writing.");
+}
+
+void CVMDKSparseExtentFile::refuseChangesOfForeignStream() const
+{
+    if (foreignStream)
+        throw zu::CIOError(zu::CIOError::codeWrite,
+                           "VMDK stream-optimized file made by another tool can only be read, not written.", uriProps());
 }
 
 void CVMDKSparseExtentFile::onAboutToChange()

@@ -23,6 +23,11 @@
 // change and flush with that error, and only a fresh open of the disk
 // writes to it again.
 //
+// Stream-optimized files of other tools (without our slot-size directory,
+// or with the grain directory after the grains and the real header in the
+// footer) open only where the caller accepts them, and then only for
+// reading: their grains have no known room to be rewritten in.
+//
 // Made by the disk (and the on-demand extent); it holds its stream, header,
 // grain directory, allocator and grain, and shares the grain table cache,
 // the fallback provider, the content-ID updater and the cipher.
@@ -53,11 +58,13 @@ public:
     // startGrainIndex, for extents that begin on a grain boundary). Throws
     // zu::CIOError (code 5 corrupt, code 6 unsupported) or the encryption
     // errors when the extent cannot be used; nothing is written while opening.
+    // acceptForeignStreams: another tool's stream-optimized file opens
+    // (read-only) instead of being refused.
     CVMDKSparseExtentFile(zu::IIOStream* stream, int access, long long startGrainIndex, int compressionLevel,
                           CVMDKGrainTableCache* grainTableCache, IVMDKDataProvider* fallback,
                           CVMDKContentIDUpdater* contentIDUpdater, pell::ICipher* cipher,
                           const zu::TCryptBuffer<unsigned char>& key, const zu::TBuffer<unsigned char>& iv,
-                          long long startSector = -1);
+                          long long startSector = -1, bool acceptForeignStreams = false);
     ~CVMDKSparseExtentFile() override;
 
     void setFallbackDataProvider(IVMDKDataProvider* provider) override;
@@ -82,7 +89,14 @@ public:
     zu::P<CVMDKSpaceInfo> gatherSpaceInfo() override;
 
     zu::IIOStream* getStream() const { return stream; }
+    // The header as read; for a stream file with the directory at its end,
+    // the footer, which holds the real positions.
     const CVMDKSparseExtentHeader& getHeader() const { return *header; }
+    // Another tool's stream-optimized file: read-only, grains of unknown room.
+    bool isForeignStream() const { return foreignStream; }
+    // The room a compressed grain of such a file may take: as much as a
+    // grain is read with at most (its size field is checked then).
+    long long getUnrecordedSlotSectors() const { return 2 * header->grainSize; }
     CVMDKGrainDirectory* getGrainDirectory() const { return directory; }
     CVMDKGrainAllocator* getGrainAllocator() const { return allocator; }
     CVMDKGrain* getGrain() const { return grain; }
@@ -103,12 +117,15 @@ public:
                          unsigned char* out);
 
 private:
+    void loadHeader(bool acceptForeignStreams);
+    void checkFormat() const;
     void checkEncryption(pell::ICipher* cipher, const zu::TCryptBuffer<unsigned char>& key,
                          const zu::TBuffer<unsigned char>& iv) const;
     void checkGeometry() const;
     zu::TBuffer<unsigned char> makeTrail() const;
     long long beginIOOp(long long bytes);
     void verifyHaveWriteAccess() const;
+    void refuseChangesOfForeignStream() const;
     void onAboutToChange();
     void verifyForWriting();
     void beginChange(bool streamChanged);
@@ -131,6 +148,7 @@ private:
     long long grainSizeBytes = 0;
     long long sizeBytes = 0;
     bool compressed = false;
+    bool foreignStream = false;
     long long grainAreaStartSectors = 0;
     zu::P<CVMDKGrainDirectory> directory;
     zu::P<CVMDKGrainAllocator> allocator;

@@ -34,7 +34,12 @@ struct CStructure {
     std::uint32_t index;
     What what;
 
-    bool operator<(const CStructure& other) const { return startSectors < other.startSectors; }
+    // By position, then kind and index: a report names the same pair each time.
+    bool operator<(const CStructure& other) const
+    {
+        if (startSectors != other.startSectors) return startSectors < other.startSectors;
+        return what != other.what ? what < other.what : index < other.index;
+    }
 
     zu::String describe() const
     {
@@ -59,6 +64,10 @@ public:
                    long long fileSectors)
         : verifier(verifier), grainSectors(grainSizeSectors)
     {
+        // Grain sizes are powers of two in practice: one shift per grain
+        // instead of two divisions.
+        while ((1LL << grainShift) < grainSectors) ++grainShift;
+        if ((1LL << grainShift) != grainSectors) grainShift = -1;
         // Positions were checked to lie in the file: bucket + 1 stays in range.
         long long buckets = fileSectors / grainSizeSectors + 2;
         if (uniformSlots && buckets / 8 <= maxBitmapBytes) bits.assign(static_cast<size_t>((buckets + 63) / 64), 0);
@@ -66,11 +75,12 @@ public:
 
     void add(long long posSectors, long long slotSectors)
     {
-        if (bits.empty() || posSectors % grainSectors != 0) {
+        long long bucket = grainShift >= 0 ? posSectors >> grainShift : posSectors / grainSectors;
+        if (bits.empty() || bucket * grainSectors != posSectors) {
             placements.push_back(CPlacement{static_cast<std::uint32_t>(posSectors), static_cast<std::uint32_t>(slotSectors)});
             return;
         }
-        if (testAndSet(posSectors / grainSectors)) report(posSectors, slotSectors, posSectors);
+        if (testAndSet(bucket)) report(posSectors, slotSectors, posSectors);
     }
 
     // Calls visit(posSectors, sectors) for every run of sectors in [start,
@@ -148,12 +158,17 @@ private:
 
     const CVMDKSparseExtentVerifier& verifier;
     long long grainSectors;
+    int grainShift = 0;
     std::vector<std::uint64_t> bits;
     std::vector<CPlacement> placements;
 };
 
 CVMDKSparseExtentVerifier::CVMDKSparseExtentVerifier(const CVMDKSparseExtentFile& extent, const VMDKProblemSink& sink)
-    : extent(extent), sink(sink), fileSizeBytes(extent.getStream()->getLength())
+    : extent(extent), sink(sink), fileSizeBytes(extent.getStream()->getLength()),
+      grainAreaStartSectors(extent.getGrainAreaStartSectors()),
+      // A compressed grain needs at least its header's sector; how much
+      // more its header says, and that is checked when it is read.
+      neededSectors(extent.getCompressed() ? 1 : extent.getGrainSizeSectors())
 {
 }
 
@@ -165,26 +180,20 @@ void CVMDKSparseExtentVerifier::report(CVMDKProblem::Kind kind, const zu::String
 
 bool CVMDKSparseExtentVerifier::verifyGrainEntry(long long grainIndex, long long posSectors, long long slotSectors) const
 {
-    if (posSectors == 0) return false;
-    long long fileSize = fileSizeBytes;
-    long long grainSize = extent.getGrainSizeSectors();
-    long long areaStart = extent.getGrainAreaStartSectors();
+    if (posSectors <= 0) return false;
     auto misplaced = [&](CVMDKProblem::Kind kind, const char* message) {
         report(kind, message,
                zu::CProps()
                    .set("grainIndex", grainIndex)
                    .set("posSectors", posSectors)
                    .set("slotSizeSectors", slotSectors)
-                   .set("fileSize", fileSize)
-                   .set("grainAreaStart", areaStart));
+                   .set("fileSize", fileSizeBytes)
+                   .set("grainAreaStart", grainAreaStartSectors));
         return false;
     };
-    if (posSectors < areaStart)
+    if (posSectors < grainAreaStartSectors)
         return misplaced(CVMDKProblem::kindGrainInMetadata, "VMDK grain table entry points into the metadata.");
-    // A compressed grain needs at least its header's sector; how much more
-    // its header says, and that is checked when it is read.
-    long long neededSectors = extent.getCompressed() ? 1 : grainSize;
-    if (posSectors > fileSize / vmdkSectorSize - neededSectors)
+    if (posSectors > fileSizeBytes / vmdkSectorSize - neededSectors)
         return misplaced(CVMDKProblem::kindGrainPastEnd, "VMDK grain table entry points past the end of the extent file.");
     if (slotSectors < neededSectors)
         return misplaced(CVMDKProblem::kindSlotTooSmall, "VMDK grain table entry has a slot too small for its grain.");
@@ -219,9 +228,10 @@ void CVMDKSparseExtentVerifier::verifyLayout() const
     // The slot-size directory starts with its marker sector.
     if (directory->getSlotSizeDirectoryPosSectors() > 0)
         structures.push_back({directory->getSlotSizeDirectoryPosSectors() - 1, 0, CStructure::slotSizeDirectory});
+    // Position 0: a table that another tool's stream file leaves out.
     auto addTables = [&](const zu::TBuffer<unsigned int>& positions, CStructure::What what) {
         for (long long i = 0; i < positions.getUsed(); ++i)
-            structures.push_back({positions[i], static_cast<std::uint32_t>(i), what});
+            if (positions[i] != 0) structures.push_back({positions[i], static_cast<std::uint32_t>(i), what});
     };
     addTables(entries, CStructure::table);
     addTables(redundant, CStructure::redundantTable);
@@ -243,6 +253,19 @@ void CVMDKSparseExtentVerifier::verifyLayout() const
     }
 }
 
+// Another tool's stream file records no slot sizes: a grain's room is what
+// its data takes, from the size in its first sector.
+long long CVMDKSparseExtentVerifier::measureUnrecordedSlot(long long posSectors) const
+{
+    unsigned char first[vmdkSectorSize];
+    zu::IIOStream* stream = extent.getStream();
+    stream->seek(posSectors * vmdkSectorSize);
+    stream->read(first, vmdkSectorSize);
+    long long stored =
+        extent.getGrain()->checkStoredCompressedGrain(first, posSectors, extent.getUnrecordedSlotSectors(), sink);
+    return stored < 0 ? -1 : sectorsFor(stored);
+}
+
 CVMDKSparseExtentVerifier::CGrainScan CVMDKSparseExtentVerifier::verifyGrains(const GrainVisitor& onGrain,
                                                                                const TableProgress& onTable,
                                                                                const GapVisitor& onGap) const
@@ -255,7 +278,7 @@ CVMDKSparseExtentVerifier::CGrainScan CVMDKSparseExtentVerifier::verifyGrains(co
     long long fileSectors = fileSizeBytes / vmdkSectorSize;
     COverlapFinder overlaps(*this, grainSize, uniformSlots, fileSectors);
     CGrainScan scan;
-    scan.referencedEndSectors = extent.getGrainAreaStartSectors();
+    scan.referencedEndSectors = grainAreaStartSectors;
     directory->forEachGrainTable([&](long long t, const CVMDKGrainTable& table) {
         long long inTable = std::min(perTable, grains - t * perTable);
         for (long long i = 0; i < inTable; ++i) {
@@ -263,6 +286,7 @@ CVMDKSparseExtentVerifier::CGrainScan CVMDKSparseExtentVerifier::verifyGrains(co
             table.getGrainInfo(i, pos, slot);
             long long grainIndex = t * perTable + i;
             if (!verifyGrainEntry(grainIndex, pos, slot)) continue;
+            if (extent.isForeignStream() && (slot = measureUnrecordedSlot(pos)) < 0) continue;
             ++scan.writtenGrains;
             scan.slotSectorsInFile += std::min(pos + slot, fileSectors) - pos;
             scan.referencedEndSectors = std::max(scan.referencedEndSectors, pos + slot);

@@ -11,7 +11,8 @@
 //   and tables) do not share sectors;
 // - the grains: every written grain's slot lies in the grain area and in
 //   the file, has a size the grain fits, and shares no sector with another
-//   grain's slot.
+//   grain's slot (in another tool's stream file, which records no slots,
+//   a grain's slot is what its data takes).
 // Reads need less and check grain by grain (verifyGrainEntry), so that
 // what is intact in a damaged file can still be read.
 #pragma once
@@ -65,10 +66,13 @@ private:
     class COverlapFinder;
 
     void report(CVMDKProblem::Kind kind, const zu::String& message, zu::CProps props) const;
+    long long measureUnrecordedSlot(long long posSectors) const;
 
     const CVMDKSparseExtentFile& extent;
     VMDKProblemSink sink;
     long long fileSizeBytes;
+    long long grainAreaStartSectors;
+    long long neededSectors;
 };
 
 } // namespace kord

@@ -23,13 +23,13 @@ zu::P<zu::IIOStream> openVMDKFileStream(zu::IFileSystem* fileSystem, const zu::C
     return zu::newObj<CVMDKLowLevelFileStream>(fileSystem, uri, access);
 }
 
-void createVMDKFileAtomically(zu::IFileSystem* fileSystem, const zu::CURI& uri,
-                              const std::function<void(zu::IIOStream& stream)>& fill)
+void writeVMDKFileAtomically(zu::IFileSystem* fileSystem, const zu::CURI& uri, bool replace,
+                             const std::function<void(zu::IIOStream& stream)>& fill)
 {
-    if (fileSystem->exists(uri))
+    if (!replace && fileSystem->exists(uri))
         throw zu::CFileSystemError(zu::CFileSystemError::problemAlreadyExists, "Cannot create the file: it exists.",
                                    zu::CProps().set("uri", uri.toString(true)));
-    zu::CURI temporary(uri.getParent(), uri.getName() + ".kord-tmp");
+    zu::CURI temporary(uri.getParent(), uri.getName() + ".kord-new");
     fileSystem->deleteFile(temporary, true);
     zu::P<zu::IIOStream> stream = openVMDKFileStream(fileSystem, temporary, zu::IIOStream::accessCreateNew);
     try {
@@ -42,7 +42,7 @@ void createVMDKFileAtomically(zu::IFileSystem* fileSystem, const zu::CURI& uri,
             stream->close();
             fileSystem->deleteFile(temporary, true);
         } catch (const std::exception& e) {
-            zu::logError(e, "Error deleting a temporary file. Ignoring.");
+            zu::logError(e, "Error deleting an unfinished temporary file. Ignoring.");
         }
         throw;
     }

@@ -18,13 +18,14 @@ public:
 
 zu::P<zu::IIOStream> openVMDKFileStream(zu::IFileSystem* fileSystem, const zu::CURI& uri, int access);
 
-// Makes the new file `uri` so that it appears whole or not at all: `fill`
-// writes the content into a stream on a temporary file beside it (the name
-// plus ".kord-tmp", replacing one an earlier attempt left), which is then
-// synced and renamed into place, durably. An existing file is not replaced:
-// zu::CFileSystemError problemAlreadyExists. On failure the temporary file
-// is deleted and the error passed on.
-void createVMDKFileAtomically(zu::IFileSystem* fileSystem, const zu::CURI& uri,
-                              const std::function<void(zu::IIOStream& stream)>& fill);
+// Writes the file `uri` so that it holds its old content or the new, never
+// a part (a new file appears whole or not at all): `fill` writes the new
+// content into a stream on a temporary file beside it (the name plus
+// ".kord-new", replacing one an earlier attempt left), which is then synced
+// and renamed over `uri`, durably. Without `replace` an existing file is
+// not touched: zu::CFileSystemError problemAlreadyExists. On failure the
+// temporary file is deleted and the error passed on.
+void writeVMDKFileAtomically(zu::IFileSystem* fileSystem, const zu::CURI& uri, bool replace,
+                             const std::function<void(zu::IIOStream& stream)>& fill);
 
 } // namespace kord

@@ -20,6 +20,7 @@ const char* CVMDKProblem::getKindName(Kind kind)
     case kindExtentMismatch: return "extentMismatch";
     case kindBadGrainData: return "badGrainData";
     case kindGrainLBAMismatch: return "grainLBAMismatch";
+    case kindDescriptorFull: return "descriptorFull";
     }
     return "unknown";
 }

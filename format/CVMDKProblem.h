@@ -33,6 +33,7 @@ struct CVMDKProblem {
         kindExtentMismatch,      // an extent's grain size or compression differs from the disk's
         kindBadGrainData,        // a compressed grain's data does not expand to a grain
         kindGrainLBAMismatch,    // a compressed grain's header names another grain
+        kindDescriptorFull,      // an embedded descriptor has no room for a new content ID
     };
 
     Kind kind;

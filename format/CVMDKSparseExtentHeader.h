@@ -29,8 +29,13 @@ public:
     // Flag bits stored on disk; never renumber.
     static constexpr std::uint32_t flagValidNewLineTest = 0x1;      // bytes 73..76 are checked
     static constexpr std::uint32_t flagRedundantGrainTables = 0x2;  // rgdOffset is meaningful
+    static constexpr std::uint32_t flagZeroedGrainEntries = 0x4;    // a grain table entry of 1 means "all zeros"
     static constexpr std::uint32_t flagCompressedGrains = 0x10000;  // grains are deflate streams
     static constexpr std::uint32_t flagMetadataMarkers = 0x20000;   // metadata framed by markers
+
+    // gdOffset of stream-optimized files whose grain directory follows the
+    // grains: the footer at the end of the file holds the real position.
+    static constexpr long long gdOffsetInFooter = -1;
 
     static constexpr std::uint16_t compressionNone = 0;
     static constexpr std::uint16_t compressionDeflate = 1;

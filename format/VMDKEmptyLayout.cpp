@@ -44,15 +44,15 @@ void checkDirectoryEnd(zu::CDataOutStream& out, long long expectedSector)
                          " sectors)");
 }
 
-void checkLayoutArguments(long long grainCount, long long grainSizeSectors, bool hasDescriptor,
+void checkLayoutArguments(long long capacitySectors, long long grainSizeSectors, bool hasDescriptor,
                           long long descriptorSizeSectors, const zu::TBuffer<unsigned char>& zeros,
                           const zu::TBuffer<unsigned char>& keyHash)
 {
     const char* where = "kord::createEmptyVMDKSparseExtentFile";
     if (grainSizeSectors < 1 || grainSizeSectors > vmdkMaxGrainSizeSectors)
         throw zu::CInvalidArgError(where, "invalid grain size", zu::CProps().set("grainSizeSectors", grainSizeSectors));
-    if (grainCount < 1 || grainCount > vmdkMaxAddressableSectors / grainSizeSectors)
-        throw zu::CInvalidArgError(where, "invalid grain count", zu::CProps().set("grainCount", grainCount));
+    if (capacitySectors < 1 || capacitySectors > vmdkMaxAddressableSectors / grainSizeSectors * grainSizeSectors)
+        throw zu::CInvalidArgError(where, "invalid capacity", zu::CProps().set("capacitySectors", capacitySectors));
     if (descriptorSizeSectors < 0 || descriptorSizeSectors > INT_MAX / vmdkSectorSize)
         throw zu::CInvalidArgError(where, "invalid descriptor size",
                                    zu::CProps().set("descriptorSizeSectors", descriptorSizeSectors));
@@ -65,12 +65,12 @@ void checkLayoutArguments(long long grainCount, long long grainSizeSectors, bool
         throw zu::CInvalidArgError(where, "key hash is too long", zu::CProps().set("keyHashSize", keyHash.getUsed()));
 }
 
-void writeLayout(zu::CDataOutStream& out, bool streamOptimized, long long grainCount, long long grainSizeSectors,
+void writeLayout(zu::CDataOutStream& out, bool streamOptimized, long long capacitySectors, long long grainSizeSectors,
                  const zu::TBuffer<unsigned char>& zeros, IVMDKDescriptorText* descriptor,
                  long long descriptorSizeSectors, const zu::TBuffer<unsigned char>& keyHash)
 {
     CVMDKSparseExtentHeader header;
-    header.capacity = grainCount * grainSizeSectors;
+    header.capacity = capacitySectors;
     header.grainSize = grainSizeSectors;
     header.numGTEsPerGT = vmdkGrainTableEntries;
     if (streamOptimized) {
@@ -97,6 +97,7 @@ void writeLayout(zu::CDataOutStream& out, bool streamOptimized, long long grainC
         descriptor->store(out, static_cast<int>(descriptorSizeSectors * vmdkSectorSize), zeros);
     }
 
+    long long grainCount = (capacitySectors + grainSizeSectors - 1) / grainSizeSectors;
     long long tableCount = (grainCount + vmdkGrainTableEntries - 1) / vmdkGrainTableEntries;
     long long directorySectors = vmdkDirectorySectors(tableCount);
     if (streamOptimized) writeVMDKMarker(out, vmdkMarkerGrainDirectory, directorySectors, zeros);
@@ -161,16 +162,16 @@ void writeEmptyVMDKSlotSizeDirectoryWithMarkerAndTablesWithMarkers(zu::CDataOutS
 }
 
 void createEmptyVMDKSparseExtentFile(zu::IFileSystem* fileSystem, const zu::CURI& uri, bool streamOptimized,
-                                     long long grainCount, long long grainSizeSectors,
+                                     long long capacitySectors, long long grainSizeSectors,
                                      const zu::TBuffer<unsigned char>& zeros, IVMDKDescriptorText* descriptor,
                                      long long descriptorSizeSectors, const zu::TBuffer<unsigned char>& keyHash)
 {
-    checkLayoutArguments(grainCount, grainSizeSectors, descriptor != nullptr, descriptorSizeSectors, zeros, keyHash);
+    checkLayoutArguments(capacitySectors, grainSizeSectors, descriptor != nullptr, descriptorSizeSectors, zeros, keyHash);
     try {
-        createVMDKFileAtomically(fileSystem, uri, [&](zu::IIOStream& stream) {
+        writeVMDKFileAtomically(fileSystem, uri, false, [&](zu::IIOStream& stream) {
             zu::CDataOutStream out(&stream);
-            writeLayout(out, streamOptimized, grainCount, grainSizeSectors, zeros, descriptor, descriptorSizeSectors,
-                        keyHash);
+            writeLayout(out, streamOptimized, capacitySectors, grainSizeSectors, zeros, descriptor,
+                        descriptorSizeSectors, keyHash);
         });
     } catch (const std::exception& e) {
         // A file that exists already is left alone, and its refusal is not news.

@@ -45,13 +45,16 @@ void writeEmptyVMDKSlotSizeDirectoryWithMarkerAndTablesWithMarkers(zu::CDataOutS
                                                                    const zu::TBuffer<unsigned char>& zeros);
 
 // Creates a new extent file (it must not exist) with its complete empty
-// layout. `descriptor` may be null (no embedded descriptor); an empty
-// keyHash makes an unencrypted extent, a non-empty one an extended header
-// carrying it. The file appears whole and durable or not at all (it is
-// written under a temporary name and renamed into place); on failure the
-// half-written file is deleted and the error passed on.
+// layout. The header's capacity is capacitySectors exactly, the extent
+// line's size: a last grain that the capacity ends inside is partly used,
+// and every reader sees the same virtual size. `descriptor` may be null (no
+// embedded descriptor); an empty keyHash makes an unencrypted extent, a
+// non-empty one an extended header carrying it. The file appears whole and
+// durable or not at all (it is written under a temporary name and renamed
+// into place); on failure the half-written file is deleted and the error
+// passed on.
 void createEmptyVMDKSparseExtentFile(zu::IFileSystem* fileSystem, const zu::CURI& uri, bool streamOptimized,
-                                     long long grainCount, long long grainSizeSectors,
+                                     long long capacitySectors, long long grainSizeSectors,
                                      const zu::TBuffer<unsigned char>& zeros, IVMDKDescriptorText* descriptor,
                                      long long descriptorSizeSectors, const zu::TBuffer<unsigned char>& keyHash);
 

@@ -1,6 +1,7 @@
-// A sparse extent file from untrusted bytes: open it (header, directories,
-// slot-size directory, trail) and read every grain, plainly and in prepared
-// form. Errors are expected; crashes, hangs and huge allocations are not.
+// A sparse extent file from untrusted bytes: open it (header, footer,
+// directories, slot-size directory, trail), accepting other tools' stream
+// layouts, and read every grain, plainly and in prepared form. Errors are
+// expected; crashes, hangs and huge allocations are not.
 #include "FuzzTarget.h"
 
 #include "base/CError.h"
@@ -58,7 +59,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         zu::P<zu::IIOStream> stream = kord::openVMDKFileStream(fs, fileURI(), zu::IIOStream::accessRead);
         zu::P<kord::CVMDKGrainTableCache> cache = zu::newObj<kord::CVMDKGrainTableCache>(64);
         kord::CVMDKSparseExtentFile extent(stream, zu::IIOStream::accessRead, 0, -1, cache, nullptr, nullptr, nullptr,
-                                           zu::TCryptBuffer<unsigned char>(), zu::TBuffer<unsigned char>());
+                                           zu::TCryptBuffer<unsigned char>(), zu::TBuffer<unsigned char>(), true);
         readEverything(extent);
         extent.gatherSpaceInfo();
     } catch (const zu::CError&) {
@@ -76,7 +77,7 @@ std::vector<std::vector<std::uint8_t>> fuzzSeeds()
         kord::CVMDKDescriptor descriptor;
         descriptor.setValue("CID", "1234", false, true);
         descriptor.setCreateType(streamOptimized ? "streamOptimized" : "monolithicSparse");
-        kord::createEmptyVMDKSparseExtentFile(fs, fileURI(), streamOptimized, 40, 16, zeros, &descriptor, 4,
+        kord::createEmptyVMDKSparseExtentFile(fs, fileURI(), streamOptimized, 40 * 16, 16, zeros, &descriptor, 4,
                                               zu::TBuffer<unsigned char>());
         {
             zu::P<zu::IIOStream> stream = kord::openVMDKFileStream(fs, fileURI(), zu::IIOStream::accessReadWrite);
@@ -96,5 +97,18 @@ std::vector<std::vector<std::uint8_t>> fuzzSeeds()
         zu::P<zu::TBuffer<unsigned char>> bytes = fs->getFileData(fileURI());
         seeds.emplace_back(bytes->getData(), bytes->getData() + bytes->getUsed());
     }
+    // The stream file in other tools' layouts: the grain directory found
+    // through the footer (gdOffset -1), and without slot-size directory
+    // (its marker's type cleared; the first one after the grain tables).
+    std::vector<std::uint8_t> footer = seeds.back();
+    std::fill(footer.begin() + 56, footer.begin() + 64, 0xFF);
+    seeds.push_back(footer);
+    std::vector<std::uint8_t> noSlots = seeds[1];
+    for (std::size_t at = 512; at + 512 <= noSlots.size(); at += 512)
+        if (noSlots[at + 12] == 0x02 && noSlots[at + 13] == 0x90 && noSlots[at + 14] == 0x34 && noSlots[at + 15] == 0x18) {
+            noSlots[at + 12] = 0;
+            break;
+        }
+    seeds.push_back(noSlots);
     return seeds;
 }

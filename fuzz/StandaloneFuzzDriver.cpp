@@ -7,7 +7,9 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <fstream>
 #include <random>
+#include <string>
 
 namespace {
 
@@ -33,10 +35,25 @@ void mutate(std::vector<std::uint8_t>& input, std::mt19937& random)
     }
 }
 
+// Writes the seeds as files seed-0, seed-1, ... into a folder.
+int writeSeeds(const std::string& folder)
+{
+    std::vector<std::vector<std::uint8_t>> seeds = fuzzSeeds();
+    for (std::size_t i = 0; i < seeds.size(); ++i) {
+        std::ofstream out(folder + "/seed-" + std::to_string(i), std::ios::binary);
+        out.write(reinterpret_cast<const char*>(seeds[i].data()), static_cast<std::streamsize>(seeds[i].size()));
+        if (!out) return 1;
+    }
+    return 0;
+}
+
 } // namespace
 
+// Arguments: the number of mutated inputs (300 by default), or
+// "--write-seeds FOLDER".
 int main(int argc, char** argv)
 {
+    if (argc > 2 && std::string(argv[1]) == "--write-seeds") return writeSeeds(argv[2]);
     int iterations = argc > 1 ? std::atoi(argv[1]) : 300;
     // Hostile inputs make the library log warnings by the thousand.
     zu::setLogSink([](zu::LogLevel, const zu::String&) {});

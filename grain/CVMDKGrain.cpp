@@ -176,11 +176,10 @@ void CVMDKGrain::readCompressedGrain(zu::TBuffer<unsigned char>& out)
 void CVMDKGrain::loadContents(unsigned char* target)
 {
     try {
-        if (posSectors <= 0) {
-            if (fallback)
-                fallback->getData(fallbackPosition(), target, static_cast<int>(grainSize));
-            else
-                std::memset(target, 0, static_cast<size_t>(grainSize));
+        if (readsFromFallback()) {
+            fallback->getData(fallbackPosition(), target, static_cast<int>(grainSize));
+        } else if (posSectors <= 0) {
+            std::memset(target, 0, static_cast<size_t>(grainSize));
         } else if (compressed) {
             readCompressedGrain(prepared);
             preparedLoaded = true;
@@ -224,7 +223,7 @@ void CVMDKGrain::read(void* target, int bytes)
             posInGrain = grainSize;
             return;
         }
-        if (posSectors <= 0 && !fallback) {
+        if (posSectors <= 0 && !readsFromFallback()) {
             std::memset(out, 0, static_cast<size_t>(bytes));
             posInGrain += bytes;
             return;
@@ -276,8 +275,8 @@ void CVMDKGrain::write(const void* source, int bytes)
 // of the parent, which must then read as zeros.
 bool CVMDKGrain::needsStoring(const unsigned char* plain) const
 {
-    if (posSectors != 0 || !isAllZero(plain, grainSize)) return true;
-    return fallback && fallback->isGrainWritten(fallbackPosition());
+    if (posSectors > 0 || !isAllZero(plain, grainSize)) return true;
+    return readsFromFallback() && fallback->isGrainWritten(fallbackPosition());
 }
 
 void CVMDKGrain::storePlain(const unsigned char* plain)
@@ -418,7 +417,7 @@ void CVMDKGrain::readPreparedGrainData(zu::TBuffer<unsigned char>& out)
                            grainProps());
     flushChangesToStream();
     if (posSectors <= 0) {
-        if (fallback) {
+        if (readsFromFallback()) {
             fallback->getPreparedGrainData(fallbackPosition(), out, static_cast<int>(grainSize), compressed);
         } else {
             initZeroGrainData();
@@ -454,7 +453,7 @@ long long CVMDKGrain::makeIndependentOfParent()
     verifyWriteAccess("makeIndependentOfParent");
     if (!fallback) return 0;
     long long result = grainSize;
-    if (posSectors <= 0 && !dirty) {
+    if (posSectors == 0 && !dirty) {
         fallback->getPreparedGrainData(fallbackPosition(), parentGrain, static_cast<int>(grainSize), compressed);
         writePreparedGrainData(parentGrain);
         result = parentGrain.getUsed();
@@ -465,7 +464,7 @@ long long CVMDKGrain::makeIndependentOfParent()
 
 bool CVMDKGrain::isGrainWritten()
 {
-    if (dirty || posSectors > 0) return true;
+    if (isGrainWrittenAndIndependentOfParent()) return true;
     return fallback && fallback->isGrainWritten(fallbackPosition());
 }
 

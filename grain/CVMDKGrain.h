@@ -51,7 +51,9 @@ public:
                                    long long grainIndex);
 
     // Stores the current grain's changes and makes the given grain current.
-    // posSectors 0: the grain has no storage in this extent.
+    // posSectors 0: the grain has no storage in this extent (it reads from
+    // the fallback provider); negative: a zeroed grain, without storage but
+    // all zeros whatever the parent holds. A write gives either storage.
     void open(long long extentGrainIndex, long long diskGrainIndex, long long posSectors, long long slotSizeSectors);
     void close();
     bool isOpen() const { return extentGrainIndex >= 0; }
@@ -73,7 +75,7 @@ public:
     // returns the bytes the grain now covers.
     long long makeIndependentOfParent();
     bool isGrainWritten();
-    bool isGrainWrittenAndIndependentOfParent() const { return dirty || posSectors > 0; }
+    bool isGrainWrittenAndIndependentOfParent() const { return dirty || posSectors != 0; }
     void setFallbackDataProvider(IVMDKDataProvider* provider) { fallback = provider; }
     zu::P<CVMDKDataPreparer> createDataPreparer() const;
     void flushChangesToStream();
@@ -89,6 +91,8 @@ public:
     long long getMaxCompressedSlotSectors() const { return maxCompressedSlotSectors; }
 
 private:
+    // Whether the grain's contents come from the fallback provider.
+    bool readsFromFallback() const { return posSectors == 0 && fallback; }
     zu::CProps grainProps() const;
     // The disk position of the grain, where the fallback provider has its data.
     long long fallbackPosition() const { return extentStartBytes + extentGrainIndex * grainSize; }

@@ -29,27 +29,33 @@ bool rangesOverlap(long long aStart, long long aLength, long long bStart, long l
 CVMDKGrainDirectory::CVMDKGrainDirectory(zu::IIOStream* stream, int access, long long posSectors,
                                          long long redundantPosSectors, long long capacitySectors,
                                          long long grainSizeSectors, int grainTableEntryCount, bool compressed,
-                                         CVMDKGrainTableCache* cache, const CBounds& bounds)
+                                         CVMDKGrainTableCache* cache, const CBounds& bounds, const COptions& options)
     : stream(stream), access(access), cache(cache), posSectors(posSectors), redundantPosSectors(redundantPosSectors),
       grainSizeSectors(grainSizeSectors), grainTableEntryCount(grainTableEntryCount), compressed(compressed),
       grainCount(calcExtentGrainCount(capacitySectors, grainSizeSectors)),
       grainTableCount(calcExtentGrainTableCount(capacitySectors, grainSizeSectors, grainTableEntryCount)),
-      capacitySectors(capacitySectors), bounds(bounds)
+      capacitySectors(capacitySectors), bounds(bounds), options(options)
 {
     long long tableSectors = sectorsFor(static_cast<long long>(grainTableEntryCount) * 4);
+    // Only a stream file of another tool may leave tables out; which one
+    // this is shows once the slot-size directory is looked for.
+    bool mayLeaveOut = options.acceptForeignStreams && compressed;
     readDirectory(posSectors, entries, "grain directory");
-    checkEntries(entries, tableSectors, "grain directory");
+    long long leftOut = checkEntries(entries, tableSectors, "grain directory", mayLeaveOut);
     if (redundantPosSectors > 0) {
         readDirectory(redundantPosSectors, redundantEntries, "redundant grain directory");
-        checkEntries(redundantEntries, tableSectors, "redundant grain directory");
+        checkEntries(redundantEntries, tableSectors, "redundant grain directory", mayLeaveOut);
     }
     slotSizeDirectoryPosSectors = findSlotSizeDirectory();
     if (slotSizeDirectoryPosSectors > 0) {
+        if (leftOut >= 0) throw invalidEntry("grain directory", leftOut, 0);
         stream->seek(slotSizeDirectoryPosSectors * vmdkSectorSize);
         slotSizeDirectory.setUsed(grainTableCount);
         if (grainTableCount > 0) stream->read(slotSizeDirectory.getData(), static_cast<int>(grainTableCount * 4));
     } else if (compressed) {
-        throw zu::CError("Slot size directory not found in compressed VMDK.", zu::String(), -1, uriProps());
+        if (!options.acceptForeignStreams)
+            throw zu::CError("Slot size directory not found in compressed VMDK.", zu::String(), -1, uriProps());
+        this->access = zu::IIOStream::accessRead;
     }
 }
 
@@ -110,20 +116,28 @@ void CVMDKGrainDirectory::readDirectory(long long at, zu::TBuffer<unsigned int>&
     if (bytes > 0) stream->read(out.getData(), static_cast<int>(bytes));
 }
 
-void CVMDKGrainDirectory::checkEntries(const zu::TBuffer<unsigned int>& table, long long tableSectors,
-                                       const char* what)
+zu::CIOError CVMDKGrainDirectory::invalidEntry(const char* what, long long tableIndex, long long at) const
+{
+    return zu::CIOError(zu::CIOError::codeInvalidData, "VMDK " + zu::String(what) + " entry is invalid.",
+                        uriProps().set("tableIndex", tableIndex).set("posSectors", at).set("fileSize", bounds.fileSizeBytes));
+}
+
+long long CVMDKGrainDirectory::checkEntries(const zu::TBuffer<unsigned int>& table, long long tableSectors,
+                                            const char* what, bool mayLeaveOut)
 {
     long long fileSectors = bounds.fileSizeBytes / vmdkSectorSize;
+    long long firstLeftOut = -1;
     for (long long i = 0; i < table.getUsed(); ++i) {
         long long at = table[i];
+        if (at == 0 && mayLeaveOut) {
+            if (firstLeftOut < 0) firstLeftOut = i;
+            continue;
+        }
         if (overlapsHeaderOrDescriptor(at, tableSectors) || at + tableSectors > fileSectors)
-            throw zu::CIOError(zu::CIOError::codeInvalidData, "VMDK " + zu::String(what) + " entry is invalid.",
-                               uriProps()
-                                   .set("tableIndex", i)
-                                   .set("posSectors", at)
-                                   .set("fileSize", bounds.fileSizeBytes));
+            throw invalidEntry(what, i, at);
         metadataEndSectors = std::max(metadataEndSectors, at + tableSectors);
     }
+    return firstLeftOut;
 }
 
 long long CVMDKGrainDirectory::findSlotSizeDirectory()
@@ -195,7 +209,7 @@ zu::P<CVMDKGrainTable> CVMDKGrainDirectory::getGrainTable(long long tableIndex)
             long long redundant = redundantEntries.getUsed() > 0 ? redundantEntries[i] : 0;
             long long slotTable = slotSizeDirectory.getUsed() > 0 ? slotSizeDirectory[i] : 0;
             table = zu::newObj<CVMDKGrainTable>(stream, access, grainSizeSectors, entries[i], redundant, slotTable,
-                                                grainTableEntryCount);
+                                                grainTableEntryCount, options.zeroedGrainEntries);
             if (table->hasUnflushedChanges()) staleRedundantTables.insert(i);
         }
         if (i == tableIndex)
@@ -224,7 +238,7 @@ void CVMDKGrainDirectory::forEachGrainTable(const std::function<void(long long, 
             scratch->reload(entries[t], slotTable);
         else
             scratch = zu::newObj<CVMDKGrainTable>(stream, zu::IIOStream::accessRead, grainSizeSectors, entries[t], 0,
-                                                  slotTable, grainTableEntryCount);
+                                                  slotTable, grainTableEntryCount, options.zeroedGrainEntries);
         visit(t, *scratch);
     }
 }

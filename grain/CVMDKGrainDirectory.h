@@ -19,8 +19,14 @@
 // file is laid out. Tables are written only by flushChangesToStream, which
 // the extent calls in its crash-safe order; dropping the directory drops
 // unflushed changes.
+//
+// Stream-optimized files of other tools have no slot-size directory, and
+// leave out the grain tables of grains never written (directory entry 0).
+// Where the caller accepts them, such a directory is read-only: a grain's
+// room in the file is not known, so nothing can be rewritten in place.
 #pragma once
 
+#include "base/CIOError.h"
 #include "base/IIOStream.h"
 #include "base/TBuffer.h"
 #include "grain/CVMDKGrainTable.h"
@@ -41,15 +47,25 @@ public:
         long long fileSizeBytes = 0;
     };
 
+    // What the extent's header allows beyond our own layout.
+    struct COptions {
+        // Grain table entries of 1 mean "all zeros" (the header's flag).
+        bool zeroedGrainEntries = false;
+        // A compressed extent without slot-size directory is another
+        // tool's stream file (read-only) instead of an error.
+        bool acceptForeignStreams = false;
+    };
+
     static constexpr int tablesPerBatch = 32;
 
     // Reads and checks the directories and finds the slot-size directory.
     // Throws zu::CIOError code 5 for a misplaced directory or entry, and
     // zu::CError "Slot size directory not found in compressed VMDK." when a
-    // compressed extent has none.
+    // compressed extent has none and options do not accept it.
     CVMDKGrainDirectory(zu::IIOStream* stream, int access, long long posSectors, long long redundantPosSectors,
                         long long capacitySectors, long long grainSizeSectors, int grainTableEntryCount,
-                        bool compressed, CVMDKGrainTableCache* cache, const CBounds& bounds);
+                        bool compressed, CVMDKGrainTableCache* cache, const CBounds& bounds,
+                        const COptions& options);
     ~CVMDKGrainDirectory() override;
 
     // Grains and tables of an extent (rounded up).
@@ -58,6 +74,9 @@ public:
                                               int grainTableEntryCount);
 
     bool getHaveSlotSizeInfo() const { return slotSizeDirectory.getUsed() > 0; }
+    // A compressed extent without slot-size directory (another tool's
+    // stream file): read-only whatever access was asked for.
+    bool isForeignStream() const { return compressed && !getHaveSlotSizeInfo(); }
     long long getGrainCount() const { return grainCount; }
     long long getGrainTableCount() const { return grainTableCount; }
     int getGrainTableEntryCount() const { return grainTableEntryCount; }
@@ -92,7 +111,11 @@ public:
 
 private:
     void readDirectory(long long posSectors, zu::TBuffer<unsigned int>& out, const char* what);
-    void checkEntries(const zu::TBuffer<unsigned int>& table, long long tableSectors, const char* what);
+    // Returns the index of the first entry 0 (a table left out), or -1;
+    // such entries are refused unless mayLeaveOut.
+    long long checkEntries(const zu::TBuffer<unsigned int>& table, long long tableSectors, const char* what,
+                           bool mayLeaveOut);
+    zu::CIOError invalidEntry(const char* what, long long tableIndex, long long posSectors) const;
     bool overlapsHeaderOrDescriptor(long long startSectors, long long sectors) const;
     long long findSlotSizeDirectory();
     zu::CProps uriProps() const;
@@ -113,6 +136,7 @@ private:
     zu::TBuffer<unsigned int> slotSizeDirectory;
     long long capacitySectors;
     CBounds bounds;
+    COptions options;
     long long metadataEndSectors = 1;
     // Tables loaded for writing whose redundant copy differed.
     std::set<long long> staleRedundantTables;

@@ -14,10 +14,11 @@ static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "grain tables are used 
 } // namespace
 
 CVMDKGrainTable::CVMDKGrainTable(zu::IIOStream* stream, int access, long long grainSizeSectors, long long posSectors,
-                                 long long redundantPosSectors, long long slotSizeTablePosSectors, int entryCount)
+                                 long long redundantPosSectors, long long slotSizeTablePosSectors, int entryCount,
+                                 bool zeroedGrainEntries)
     : stream(stream), access(access), grainSizeSectors(grainSizeSectors), posSectors(posSectors),
       redundantPosSectors(redundantPosSectors), slotSizeTablePosSectors(slotSizeTablePosSectors),
-      entryCount(entryCount)
+      entryCount(entryCount), zeroedGrainEntries(zeroedGrainEntries)
 {
     load();
     if (redundantPosSectors > 0 && access == zu::IIOStream::accessReadWrite) {
@@ -30,6 +31,12 @@ CVMDKGrainTable::CVMDKGrainTable(zu::IIOStream* stream, int access, long long gr
 
 void CVMDKGrainTable::load()
 {
+    // A table the file leaves out holds no grains.
+    if (posSectors == 0) {
+        entries.setUsedFill(entryCount, 0);
+        slotSizes.setUsed(0);
+        return;
+    }
     entries.setUsed(entryCount);
     stream->seek(posSectors * vmdkSectorSize);
     stream->read(entries.getData(), entryCount * 4);
@@ -57,7 +64,8 @@ void CVMDKGrainTable::getGrainInfo(long long index, long long& pos, long long& s
         throw zu::CInvalidArgError("CVMDKGrainTable::getGrainInfo", "Invalid grain index: " + zu::toString(index),
                                    uriProps());
     pos = entries[index];
-    if (pos == 0)
+    if (zeroedGrainEntries && pos == zeroedGrainEntry) pos = zeroedGrainPosSectors;
+    if (pos <= 0)
         slot = 0;
     else
         slot = hasSlotSizes() ? static_cast<long long>(slotSizes[index]) : grainSizeSectors;
@@ -82,6 +90,10 @@ void CVMDKGrainTable::setGrainInfo(long long index, long long pos, long long slo
     if (access != zu::IIOStream::accessReadWrite)
         throw zu::CError("Internal error: CVMDKGrainTable::setGrainInfo was called, but the table was not opened for "
                          "writing.");
+    // A table the file leaves out has no place to be written to.
+    if (posSectors == 0)
+        throw zu::CError("Internal error: CVMDKGrainTable::setGrainInfo was called on a grain table that the file "
+                         "does not hold.", zu::String(), -1, uriProps());
     if (static_cast<long long>(entries[index]) != pos) {
         entries[index] = static_cast<unsigned int>(pos);
         entriesDirty = true;

@@ -12,6 +12,7 @@ packages=(
   qemu-utils libvmdk-utils   # black-box interop oracles for the tests
   e2fsprogs                  # mke2fs builds the sample file system of the main job
   strace                     # scripts/sync-profile.sh shows where the syncs land
+  clang libclang-rt-14-dev   # libFuzzer runs by hand (scripts/fuzz.sh)
 )
 
 missing=()

@@ -114,7 +114,7 @@ void runConvert(CConvertOptions& options)
     }
     CProgress progress(options.progress, "convert");
     if (options.outputFormat == "raw") {
-        kord::createVMDKFileAtomically(localFileSystem(), pathToURI(options.destination), [&](zu::IIOStream& stream) {
+        kord::writeVMDKFileAtomically(localFileSystem(), pathToURI(options.destination), false, [&](zu::IIOStream& stream) {
             CRawTarget target(stream, source->getSizeBytes());
             copy(options, *source, sourceDisk, target, nullptr, progress);
             target.finish();

@@ -5,7 +5,7 @@
 #include "Sizes.h"
 #include "ToolSupport.h"
 
-#include "disk/CVMDKChecker.h"
+#include "format/VMDKFileReference.h"
 
 #include <nlohmann/json.hpp>
 
@@ -47,17 +47,22 @@ Json spaceJson(const kord::CVMDKSpaceInfo& space)
 Json extentJson(kord::CVMDKDisk* disk, int index)
 {
     const kord::CVMDKExtentInfo& line = *disk->getExtentInfos()[static_cast<size_t>(index)];
-    zu::CURI uri = disk->getExtentURI(index);
-    Json extent{{"file", uriToDisplay(uri)}, {"sectors", line.sizeSectors}};
-    zu::P<kord::CVMDKSparseExtentFile> file = kord::CVMDKChecker::openExtentForInspection(disk, index);
-    if (!file) {
-        // Made on demand and not written yet.
-        extent["writtenGrains"] = 0;
-        extent["fileSize"] = nullptr;
-        return extent;
-    }
-    extent["writtenGrains"] = file->gatherSpaceInfo()->payloadSize / disk->getGrainSizeBytes();
-    extent["fileSize"] = localFileSystem()->getFileSize(uri);
+    const zu::CURI& uri = disk->getExtentURI(index);
+    bool zero = line.type == zu::String("ZERO");
+    Json extent{{"file", zero ? Json() : Json(uriToDisplay(uri))},
+                {"type", line.type.toUTF8()},
+                {"access", line.access.toUTF8()},
+                {"sectors", line.sizeSectors}};
+    if (line.offset != -1) extent["offset"] = line.offset;
+    // A descriptor embedded in the disk's only sparse extent makes its own
+    // file that extent, whatever the line names (a copied or renamed file).
+    if (!zero && kord::vmdkFileReferenceToURI(disk->getMainURI().getParent(), line.fileName) != uri)
+        extent["nameInDescriptor"] = line.fileName.toUTF8();
+    zu::P<kord::IVMDKExtentFile> file = disk->openExtentForInspection(index);
+    extent["writtenGrains"] = file ? file->gatherSpaceInfo()->payloadSize / disk->getGrainSizeBytes() : 0;
+    // Null for a ZERO extent and for a file that is not there (made on
+    // demand and not made yet, or of a NOACCESS line).
+    extent["fileSize"] = !zero && localFileSystem()->exists(uri) ? Json(localFileSystem()->getFileSize(uri)) : Json();
     return extent;
 }
 
@@ -126,9 +131,18 @@ void printDisk(const Json& info, const std::string& indent)
     if (info["extentFilesOnDemand"].get<bool>()) printLine(indent, "extent files", "made on demand");
     std::cout << indent << "extents:\n";
     for (const Json& extent : info["extents"]) {
-        std::string file = extent["fileSize"].is_null() ? "not made yet" : "file " + sizeText(extent["fileSize"].get<long long>());
-        std::cout << indent << "  " << text(extent["file"]) << ": " << text(extent["sectors"]) << " sectors, "
-                  << text(extent["writtenGrains"]) << " written grains, " << file << "\n";
+        std::string file = extent["file"].is_null()               ? "no file"
+                           : !extent["fileSize"].is_null()        ? "file " + sizeText(extent["fileSize"].get<long long>())
+                           : text(extent["access"]) == "NOACCESS" ? "not there"
+                                                                  : "not made yet";
+        std::string kind = text(extent["access"]) + " " + text(extent["type"]);
+        if (extent.contains("offset")) kind += " at sector " + text(extent["offset"]);
+        std::cout << indent << "  " << (extent["file"].is_null() ? "(zeros)" : text(extent["file"])) << ": " << kind
+                  << ", " << text(extent["sectors"]) << " sectors, " << text(extent["writtenGrains"])
+                  << " written grains, " << file << "\n";
+        if (extent.contains("nameInDescriptor"))
+            std::cout << indent << "    note: the extent line names \"" << text(extent["nameInDescriptor"])
+                      << "\"; the descriptor is embedded in this file, which is the extent\n";
     }
     const Json& space = info["space"];
     std::cout << indent << "space:\n";

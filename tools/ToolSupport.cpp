@@ -64,7 +64,7 @@ zu::P<kord::CVMDKDisk> openDisk(const std::string& path, int access, CPasswordSo
     zu::CURI uri = pathToURI(path);
     zu::String password;
     if (diskNeedsPassword(uri)) password = passwords.get("Password for " + path + ": ");
-    return zu::newObj<kord::CVMDKDisk>(localFileSystem(), uri, access, password, -1, nullptr, nullptr);
+    return kord::CVMDKDisk::openAny(localFileSystem(), uri, access, password);
 }
 
 zu::CError toolError(const std::string& message, const zu::CProps& props)

@@ -28,8 +28,8 @@ std::string uriToDisplay(const zu::CURI& uri);
 // read say no: opening them reports the real problem.
 bool diskNeedsPassword(const zu::CURI& uri);
 
-// Opens the disk at `path` (access zu::IIOStream::accessRead or
-// accessReadWrite), asking `passwords` for the password when the disk is
+// Opens the disk at `path`, of any variant (access zu::IIOStream::accessRead
+// or accessReadWrite), asking `passwords` for the password when the disk is
 // encrypted; a file that `format` does not take as a VMDK disk is refused.
 zu::P<kord::CVMDKDisk> openDisk(const std::string& path, int access, CPasswordSource& passwords,
                                 const CImageFormat& format);

@@ -4,6 +4,9 @@
 
 #include "base/CLockFile.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <chrono>
 #include <thread>
 
@@ -140,4 +143,55 @@ TEST(MemoryFileSystemTest, spellingsOfOneFileNameTheSameFile)
     auto fs = newObj<CMemoryFileSystem>();
     kordtest::writeAll(fs, CURI("file:///vm/disk.vmdk"), {1, 2, 3});
     EXPECT_EQ(fs->getFileSize(CURI("FILE:///vm/./sub/../disk.vmdk")), 3);
+}
+
+// What is not a regular file is refused at once, whatever the access: a
+// FIFO without a writer would otherwise block the open forever. A block
+// device opens only when the caller allows it; links name their target.
+TEST(LocalFileSystemTest, onlyRegularFilesOpenAndNothingBlocks)
+{
+    kordtest::TempDir dir;
+    P<IFileSystem> fs = newObj<CLocalFileSystem>();
+    auto local = [&](const std::string& name) { return CLocalFileSystem::pathToURI(dir.file(name)); };
+    ASSERT_EQ(0, ::mkfifo(dir.file("fifo").c_str(), 0600));
+    ASSERT_EQ(0, ::mkdir(dir.file("folder").c_str(), 0700));
+    const std::pair<CURI, std::string> special[] = {
+        {local("fifo"), "Cannot open the file: it is a FIFO, not a regular file."},
+        {CLocalFileSystem::pathToURI("/dev/null"), "Cannot open the file: it is a character device, not a regular file."},
+        {local("folder"), "Cannot open the file: Is a directory."},
+    };
+    for (const auto& [file, message] : special) {
+        for (int access : {IIOStream::accessRead, IIOStream::accessReadWrite}) {
+            auto e = expectThrows<CFileSystemError>([&] { open(fs, file, access); });
+            EXPECT_EQ(message, kordtest::msg(e));
+            EXPECT_EQ(file.toString(true), e.getProp("uri"));
+        }
+    }
+    EXPECT_EQ(CFileSystemError::problemNotRegularFile,
+              expectThrows<CFileSystemError>([&] { fs->lockFile(local("fifo"), IStreamBase::lockShared, false, false); })
+                  .getProblem());
+
+    kordtest::writeAll(fs, local("a"), {1});
+    ASSERT_EQ(0, ::symlink(dir.file("a").c_str(), dir.file("link").c_str()));
+    ASSERT_EQ(0, ::link(dir.file("a").c_str(), dir.file("hard").c_str()));
+    kordtest::writeAll(fs, local("b"), {1});
+    EXPECT_EQ(fs->getFileIdentity(local("a")), fs->getFileIdentity(local("link")));
+    EXPECT_EQ(fs->getFileIdentity(local("a")), fs->getFileIdentity(local("hard")));
+    EXPECT_NE(fs->getFileIdentity(local("a")), fs->getFileIdentity(local("b")));
+
+    // Any block device will do; containers often have none.
+    for (const char* device : {"/dev/loop0", "/dev/vda", "/dev/sda", "/dev/nvme0n1"}) {
+        struct stat info;
+        if (::stat(device, &info) != 0 || !S_ISBLK(info.st_mode)) continue;
+        CURI uri = CLocalFileSystem::pathToURI(device);
+        EXPECT_EQ(CFileSystemError::problemNotRegularFile,
+                  expectThrows<CFileSystemError>([&] { open(fs, uri, IIOStream::accessRead); }).getProblem());
+        try {
+            fs->openStream(uri, IIOStream::accessRead, CProps().set(IFileSystem::optionAllowBlockDevice, "true"));
+        } catch (const CFileSystemError& e) {
+            EXPECT_NE(CFileSystemError::problemNotRegularFile, e.getProblem()) << e.what();
+        }
+        return;
+    }
+    GTEST_SKIP() << "no block device to open";
 }

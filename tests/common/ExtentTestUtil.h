@@ -80,7 +80,7 @@ inline void createExtent(zu::IFileSystem* fs, const zu::CURI& uri, const ExtentK
     zu::TBuffer<unsigned char> keyHash, zeros;
     if (kind.encrypted) keyHash = pell::CDigestType_SHA256::hash(testKey().getData(), 32);
     zeros.setUsedFill(65536, 0);
-    kord::createEmptyVMDKSparseExtentFile(fs, uri, kind.streamOptimized, grainCount, grainSectors, zeros,
+    kord::createEmptyVMDKSparseExtentFile(fs, uri, kind.streamOptimized, grainCount * grainSectors, grainSectors, zeros,
                                           zu::newObj<kord::CVMDKDescriptor>(toBuffer(Bytes(text.begin(), text.end()))),
                                           descriptorSectors, keyHash);
 }

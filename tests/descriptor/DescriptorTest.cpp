@@ -248,6 +248,8 @@ TEST(DescriptorTest, extentLineGrammar)
         {"RW  100   FLAT   \"x.vmdk\"   0", "RW 100 FLAT \"x.vmdk\" 0"},
         {"ZZ 1 QQ \"f\"", "ZZ 1 QQ \"f\""},   // words are not checked here
         {"RW 100 ZERO \"\"", "RW 100 ZERO \"\""},
+        {"RW 100 ZERO", "RW 100 ZERO"},       // a ZERO extent needs no file
+        {"RW 100 ZERO \r", "RW 100 ZERO"},
         {"RW 100 FLAT \"x.vmdk\" 9000000000 \r", "RW 100 FLAT \"x.vmdk\" 9000000000"},
     };
     for (const auto& c : cases) {
@@ -258,7 +260,7 @@ TEST(DescriptorTest, extentLineGrammar)
     for (const char* notExtent : {"RW 100 FLAT x.vmdk", "RW 100 \"x.vmdk\"", "RW abc SPARSE \"x.vmdk\"",
                                   "RW 100 FLAT \"x.vmdk\" 0 extra", "RW 100 FLAT \"x.vmdk", "RW\t100 FLAT \"x\"",
                                   " RW 100 FLAT \"x\"", "RW 99999999999999999999 FLAT \"x\"",
-                                  "RW 100 FLAT \"x\" 99999999999999999999", "RW", ""}) {
+                                  "RW 100 FLAT \"x\" 99999999999999999999", "RW 100 FLAT", "RW abc ZERO", "RW", ""}) {
         EXPECT_FALSE(CVMDKExtentInfo::tryParseDescriptorLine(zu::String(notExtent))) << notExtent;
     }
 

@@ -6,6 +6,7 @@
 #include "DiskTestUtil.h"
 
 #include "base/CIOError.h"
+#include "base/Endian.h"
 #include "disk/CVMDKDiskIOStream.h"
 
 #include <tuple>
@@ -522,23 +523,28 @@ TEST_F(DiskEdgeTest, passwordsAndEncryptionBounds)
         };
     };
     const std::string prefix = "pkcs5-pbkdf2-hmac-sha1:";
-    const std::string argument = "Invalid argument passed to 'CVMDKDisk::deriveEncryptKey': ";
+    // Damage in the descriptor, not a caller's bad argument.
     const std::vector<std::tuple<Edit, std::string, long long>> bounds = {
         {[&](kord::CVMDKDescriptor& d) { d.setZuEncryptionIV(bytes(15)); },
          "VMDK encryption IV has an invalid size.", 5},
         {[&](kord::CVMDKDescriptor& d) { d.setZuEncryptedEncryptionKey(bytes(32)); },
          "VMDK encrypted encryption key has an invalid size.", 5},
-        {derivation(prefix + "10000001", 0), argument + "Key derivation iterations are too large: 10000001.", -1},
-        {derivation(prefix + "10000001", 7), argument + "Key derivation salt is too small: 7 bytes.", -1},
-        {derivation(prefix + "999", 0), argument + "Key derivation iterations are too small: 999.", -1},
-        {derivation("pbkdf2-hmac-sha1:5000", 7),
-         argument + "Unknown encryption key derivation algorithm: pbkdf2-hmac-sha1:5000.", -1}};
+        {derivation(prefix + "10000001", 0), "Key derivation iterations are too large: 10000001.", 5},
+        {derivation(prefix + "10000001", 7), "Key derivation salt is too small: 7 bytes.", 5},
+        {derivation(prefix + "999", 0), "Key derivation iterations are too small: 999.", 5},
+        {derivation("pbkdf2-hmac-sha1:5000", 7), "Unknown encryption key derivation algorithm: pbkdf2-hmac-sha1:5000.",
+         5}};
     const std::string pristine = fileText(path("e.vmdk"));
     for (const auto& [edit, message, code] : bounds) {
         putFile(path("e.vmdk"), pristine);
         editDescriptor(path("e.vmdk"), edit);
         expectError([&] { open("e.vmdk", R, "neu"); }, message, code);
     }
+    // Called with such values, the derivation refuses its arguments.
+    zu::TCryptBuffer<unsigned char> key;
+    expectError<zu::CInvalidArgError>(
+        [&] { CVMDKDisk::deriveEncryptKey(key, 32, "pw", zu::String(prefix + "999"), bytes(8)); },
+        "Invalid argument passed to 'CVMDKDisk::deriveEncryptKey': Key derivation iterations are too small: 999.", -1);
     putFile(path("e.vmdk"), pristine);
     EXPECT_TRUE(readAt(*open("e.vmdk", R, "neu"), 100, data.size()) == data);
 }
@@ -620,6 +626,22 @@ TEST_F(DiskEdgeTest, newDisksDescribeThemselvesAsOtherToolsDo)
         EXPECT_EQ(capacity / (heads * 63), d.getGeometryCylinders());
         EXPECT_EQ(0xFFFFFFFFu, d.getParentContentID());
         EXPECT_TRUE(d.hasValue("ddb.virtualHWVersion"));
+    }
+
+    // Each extent's header holds exactly its line's sectors, the last grain
+    // partly used; older disks of ours, rounded up to a whole grain in the
+    // header (and footer), keep opening.
+    for (const std::string type : {"monolithicSparse", "streamOptimized", "twoGbMaxExtentSparse"}) {
+        const std::string name = type + "-odd.vmdk";
+        const std::string extent = type == "twoGbMaxExtentSparse" ? type + "-odd-s001.vmdk" : name;
+        writeAt(*create(name, type, 1000), 1000 * sector - 3, Bytes{7, 8, 9});
+        const std::string file = fileText(path(extent));
+        EXPECT_EQ(1000u, zu::loadLE64(reinterpret_cast<const unsigned char*>(file.data()) + 12)) << type;
+        for (long long at : {12LL, type == "streamOptimized" ? static_cast<long long>(file.size()) - 1024 + 12 : 12LL})
+            kordtest::patchFile(fs, uri(extent), at, kordtest::le64(1024));
+        zu::P<CVMDKDisk> disk = open(name, RW);
+        EXPECT_EQ(1000 * sector, disk->getDiskSizeBytes());
+        EXPECT_EQ(Bytes({7, 8, 9}), readAt(*disk, 1000 * sector - 3, 3)) << type;
     }
 
     // Split extents of at most 4,192,256 sectors.

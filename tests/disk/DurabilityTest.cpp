@@ -139,8 +139,9 @@ TEST_F(DurabilityTest, trailAndRedundantTablesLeftBehindAreRepairedByTheNextFlus
             {"stale redundant table", [&](CFaultFileSystem::Files& f) {
                  zu::P<CFaultFileSystem> fs = zu::newObj<CFaultFileSystem>(f);
                  zu::P<CVMDKDisk> disk = openDisk(fs, diskURI, R);
-                 zu::P<kord::CVMDKSparseExtentFile> extent = kord::CVMDKChecker::openExtentForInspection(disk, 0);
-                 const long long at = extent->getGrainDirectory()->getRedundantEntries()[0] * sector;
+                 zu::P<kord::IVMDKExtentFile> extent = disk->openExtentForInspection(0);
+                 auto& sparse = dynamic_cast<kord::CVMDKSparseExtentFile&>(*extent);
+                 const long long at = sparse.getGrainDirectory()->getRedundantEntries()[0] * sector;
                  std::fill_n(f.at(key).begin() + at, 4, 0);
              }}};
         for (const auto& [name, damage] : damages) {
@@ -156,7 +157,8 @@ TEST_F(DurabilityTest, trailAndRedundantTablesLeftBehindAreRepairedByTheNextFlus
             EXPECT_TRUE(readAt(*disk, 5 * grainBytes, grainBytes) == data);
             EXPECT_TRUE(readAt(*disk, 0, grainBytes) == kordtest::pattern(grainBytes, 1));
             long long pos = 0, slot = 0;
-            kord::CVMDKChecker::openExtentForInspection(disk, 0)->getGrainInfo(5, pos, slot);
+            zu::P<kord::IVMDKExtentFile> extent = disk->openExtentForInspection(0);
+            dynamic_cast<kord::CVMDKSparseExtentFile&>(*extent).getGrainInfo(5, pos, slot);
             // The new grain takes the cut trail's place, or goes after what is kept.
             const long long expectedAt = name == "cut trail" ? trailAt : trailAt + 3072;
             if (name != "stale redundant table") {

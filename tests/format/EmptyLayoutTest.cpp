@@ -70,7 +70,7 @@ protected:
                 kord::CVMDKDescriptor* descriptor = nullptr, long long descriptorSectors = 0,
                 const zu::TBuffer<unsigned char>& keyHash = noKeyHash, long long zeroBytes = 65536)
     {
-        kord::createEmptyVMDKSparseExtentFile(fs, uri("x.vmdk"), streamOptimized, grainCount, grainSize,
+        kord::createEmptyVMDKSparseExtentFile(fs, uri("x.vmdk"), streamOptimized, grainCount * grainSize, grainSize,
                                               zeroBuffer(zeroBytes), descriptor, descriptorSectors, keyHash);
     }
     Bytes file() { return kordtest::readAll(fs, uri("x.vmdk")); }

@@ -1,0 +1,103 @@
+// The VMDK files that other software wrote, kept beside the project
+// (../shared/vmdk-corpus, gzip-compressed, with the expected size and
+// SHA-256 of each disk's contents), and the stream converter kept beside
+// them as a black-box oracle (../shared/oracles/vmdk-convert). Tests skip
+// where they are missing.
+#pragma once
+
+#include "common/TestUtil.h"
+
+#include "crypto/CDigestType_SHA256.h"
+
+#include <zlib.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace kordtest {
+
+struct CorpusDisk {
+    std::string id;
+    std::string mainFile;
+    long long size;
+    std::string sha256;
+};
+
+inline std::string sharedPath(const std::string& name)
+{
+    std::string path = std::string(KORD_SOURCE_DIR) + "/../shared/" + name;
+    return std::filesystem::exists(path) ? path : std::string();
+}
+
+// The rows of expected.tsv; empty when the corpus is not there.
+inline std::vector<CorpusDisk> corpusDisks()
+{
+    std::vector<CorpusDisk> disks;
+    std::string dir = sharedPath("vmdk-corpus");
+    if (dir.empty()) return disks;
+    std::ifstream in(dir + "/expected.tsv");
+    std::string line;
+    std::getline(in, line); // the column names
+    while (std::getline(in, line)) {
+        std::istringstream fields(line);
+        CorpusDisk d;
+        std::string size;
+        if (std::getline(fields, d.id, '\t') && std::getline(fields, d.mainFile, '\t') &&
+            std::getline(fields, size, '\t') && std::getline(fields, d.sha256, '\t')) {
+            d.size = std::stoll(size);
+            disks.push_back(d);
+        }
+    }
+    return disks;
+}
+
+// Unpacks every file of the disk into `dir`/<id>/ and returns the main
+// file's path.
+inline std::string unpackCorpusDisk(const CorpusDisk& disk, const std::string& dir)
+{
+    std::filesystem::path target = std::filesystem::path(dir) / disk.id;
+    std::filesystem::create_directories(target);
+    for (const auto& entry : std::filesystem::directory_iterator(sharedPath("vmdk-corpus") + "/" + disk.id)) {
+        if (entry.path().extension() != ".gz") continue;
+        gzFile in = gzopen(entry.path().c_str(), "rb");
+        std::ofstream out(target / entry.path().stem(), std::ios::binary);
+        std::vector<char> buffer(1 << 20);
+        for (int n; in && (n = gzread(in, buffer.data(), static_cast<unsigned>(buffer.size()))) > 0;) out.write(buffer.data(), n);
+        if (in) gzclose(in);
+    }
+    return (target / disk.mainFile).string();
+}
+
+// Lower-case hex SHA-256 of the bytes fed in.
+class Sha256 {
+public:
+    void update(const void* data, long long bytes) { digest->update(data, bytes); }
+    std::string hex()
+    {
+        digest->finish();
+        std::string out;
+        char two[3];
+        for (int i = 0; i < digest->getResultLength(); ++i) {
+            std::snprintf(two, sizeof two, "%02x", digest->getResult()[i]);
+            out += two;
+        }
+        return out;
+    }
+
+private:
+    zu::P<pell::IDigest> digest = pell::CDigestType_SHA256().createDigest();
+};
+
+inline std::string sha256OfFile(const std::string& path)
+{
+    Sha256 sha;
+    std::ifstream in(path, std::ios::binary);
+    std::vector<char> buffer(1 << 20);
+    while (in.read(buffer.data(), static_cast<std::streamsize>(buffer.size())) || in.gcount() > 0)
+        sha.update(buffer.data(), in.gcount());
+    return sha.hex();
+}
+
+} // namespace kordtest

@@ -1,0 +1,284 @@
+// Disks in the variants other tools make, built here byte by byte: flat,
+// ZERO, RDONLY and NOACCESS extents in one disk; zeroed-grain entries;
+// stream-optimized files without our slot-size directory or with the
+// directory at the end; descriptors embedded in a copied or renamed file;
+// and text descriptors that must grow. openAny opens them all, and the
+// constructor keeps refusing what it refuses.
+#include "disk/DiskTestUtil.h"
+
+#include "base/Endian.h"
+#include "disk/CVMDKChecker.h"
+#include "extent/CVMDKSparseExtentFile.h"
+#include "grain/CVMDKGrainTable.h"
+
+#include <sstream>
+
+using namespace disktest;
+using kordtest::expectThrows;
+using kordtest::msg;
+
+namespace {
+
+void expectError(const std::function<void()>& f, const std::string& message, long long code)
+{
+    zu::CError e = expectThrows(f);
+    EXPECT_EQ(message, msg(e));
+    EXPECT_EQ(code, e.getCode()) << message;
+}
+
+class ForeignDiskTest : public testing::Test {
+protected:
+    std::string path(const std::string& name) const { return temp.file(name); }
+    zu::CURI uri(const std::string& name) const { return fileURI(temp.file(name)); }
+    zu::P<CVMDKDisk> any(const std::string& name, int access = R)
+    {
+        return CVMDKDisk::openAny(fs, uri(name), access, zu::String());
+    }
+    void patch(const std::string& name, long long offset, const Bytes& bytes)
+    {
+        kordtest::patchFile(fs, uri(name), offset, bytes);
+    }
+    // Where the grain table entry of `grain` lies in a single-extent disk,
+    // in the table and in its redundant copy.
+    std::vector<long long> entryOffsets(const std::string& name, long long grain)
+    {
+        zu::P<kord::IVMDKExtentFile> extent = any(name)->openExtentForInspection(0);
+        auto* directory = dynamic_cast<kord::CVMDKSparseExtentFile&>(*extent).getGrainDirectory();
+        return {directory->getEntries()[grain / 512] * sector + grain % 512 * 4,
+                directory->getRedundantEntries()[grain / 512] * sector + grain % 512 * 4};
+    }
+
+    kordtest::TempDir temp;
+    zu::P<zu::IFileSystem> fs = zu::newObj<zu::CLocalFileSystem>();
+};
+
+TEST_F(ForeignDiskTest, flatZeroAndRestrictedExtentsInOneDisk)
+{
+    const Bytes f1 = kordtest::pattern(1 << 20, 1), f2 = kordtest::pattern(1 << 20, 2), f3 = kordtest::pattern(3 << 20, 3);
+    putFile(path("f1.bin"), std::string(f1.begin(), f1.end()));
+    putFile(path("f2.bin"), std::string(f2.begin(), f2.end()));
+    putFile(path("f3.bin"), std::string(f3.begin(), f3.end()));
+    const std::string lines = "RW 2048 FLAT \"f1.bin\" 0\n"
+                              "RW 1000 ZERO\n"
+                              "RDONLY 1024 VMFS \"f2.bin\"\n"
+                              "RW 512 FLAT \"f3.bin\" 4096\n"
+                              "NOACCESS 64 FLAT \"missing.bin\" 0\n";
+    const std::string text = "# Disk DescriptorFile\nversion=1\nCID=12345678\nparentCID=ffffffff\n"
+                             "createType=\"custom\"\n\n" + lines;
+    putFile(path("c.vmdk"), text);
+    auto expected = [&](long long at, long long n) {
+        Bytes out;
+        out.insert(out.end(), f1.begin(), f1.begin() + (1 << 20));
+        out.insert(out.end(), 1000 * sector, 0);
+        out.insert(out.end(), f2.begin(), f2.begin() + 1024 * sector);
+        out.insert(out.end(), f3.begin() + (2 << 20), f3.begin() + (2 << 20) + 512 * sector);
+        return Bytes(out.begin() + at, out.begin() + at + n);
+    };
+    const long long noAccess = (2048 + 1000 + 1024 + 512) * sector;
+    {
+        zu::P<CVMDKDisk> disk = any("c.vmdk", RW);
+        EXPECT_EQ(noAccess + 64 * sector, disk->getDiskSizeBytes());
+        EXPECT_EQ(CVMDKDisk::flatGrainSizeSectors, disk->getGrainSizeSectors());
+        EXPECT_TRUE(readAt(*disk, 0, noAccess) == expected(0, noAccess));
+        // Writes land in the flat files at their lines' offsets.
+        writeAt(*disk, 100, Bytes(300, 0xAA));
+        writeAt(*disk, noAccess - 200, Bytes(200, 0xBB));
+        expectError([&] { readAt(*disk, noAccess, 1); },
+                    "VMDK extent cannot be read: its descriptor line says NOACCESS.", zu::CIOError::codeRead);
+        expectError([&] { writeAt(*disk, (2048 + 1000) * sector, Bytes(1, 1)); },
+                    "VMDK extent cannot be written: its descriptor line says RDONLY.", zu::CIOError::codeWrite);
+        expectError([&] { writeAt(*disk, 2048 * sector, Bytes(1, 1)); },
+                    "VMDK extent of type ZERO holds only zeros and cannot be written.", zu::CIOError::codeWrite);
+    }
+    EXPECT_EQ(std::string(300, '\xAA'), fileText(path("f1.bin")).substr(100, 300));
+    EXPECT_EQ(std::string(200, '\xBB'), fileText(path("f3.bin")).substr((2 << 20) + 512 * sector - 200, 200));
+    EXPECT_EQ(fileText(path("f2.bin")), std::string(f2.begin(), f2.end()));
+    // The content ID was renewed; the descriptor grew for its "encoding"
+    // line and kept every extent line as written.
+    EXPECT_NE(0x12345678u, contentID(path("c.vmdk")));
+    EXPECT_NE(std::string::npos, fileText(path("c.vmdk")).find(lines));
+    EXPECT_TRUE(kord::CVMDKChecker(fs, uri("c.vmdk"), zu::String()).check().empty());
+
+    // The constructor keeps to our own variants.
+    expectError([&] { openDisk(fs, uri("c.vmdk"), R); }, "VMDK disk has an unsupported create type: 'custom'.", 5);
+    const std::vector<std::pair<std::string, std::string>> bad = {
+        {"WO 1 FLAT \"f1.bin\" 0", "VMDK disk has an unsupported extent access: 'WO'."},
+        {"RW 1 VMFSSPARSE \"f1.bin\"", "VMDK disk has an unsupported extent type: 'VMFSSPARSE'."},
+        {"RW 1 SPARSE \"f1.bin\"", "VMDK disk names the same extent file twice."},
+        {"RW 1 FLAT \"f1.bin\" 4000", "VMDK disk names the same extent file twice."},
+        {"RW 1 FLAT \"c.vmdk\"", "VMDK disk names the same extent file twice."}};
+    for (const auto& [line, message] : bad) {
+        putFile(path("c.vmdk"), text + line + "\n");
+        expectError([&] { any("c.vmdk"); }, message, 5);
+    }
+    // A flat file shorter than its line is refused where it is used.
+    putFile(path("short.bin"), std::string(2048 * sector, 'x'));
+    putFile(path("c.vmdk"), text + "RW 2048 FLAT \"short.bin\" 1\n");
+    zu::P<CVMDKDisk> disk = any("c.vmdk");
+    expectError([&] { readAt(*disk, disk->getDiskSizeBytes() - 1, 1); },
+                "VMDK flat extent file is shorter than its extent line.", 5);
+}
+
+TEST_F(ForeignDiskTest, zeroedGrainsReadAsZerosAndTakeWrites)
+{
+    const Bytes data = kordtest::pattern(4 * grainBytes, 3);
+    writeAt(*CVMDKDisk::create(fs, uri("p.vmdk"), params("monolithicSparse", 8 * grainSectors)), 0, data);
+    writeAt(*CVMDKDisk::create(fs, uri("c.vmdk"), params("monolithicSparse", 0, "", uri("p.vmdk"))), grainBytes,
+            Bytes(grainBytes, 7));
+    // Grain 1 (written in the child) and grain 3 (only in the parent) become
+    // zeroed grains: entry 1 with the header's flag.
+    for (long long grain : {1, 3})
+        for (long long at : entryOffsets("c.vmdk", grain))
+            patch("c.vmdk", at, kordtest::le32(kord::CVMDKGrainTable::zeroedGrainEntry));
+    expectError([&] { readAt(*any("c.vmdk"), grainBytes, 1); }, "VMDK grain table entry points into the metadata.", 5);
+    patch("c.vmdk", 8, kordtest::le32(0x3 | kord::CVMDKSparseExtentHeader::flagZeroedGrainEntries));
+
+    Bytes expected = data;
+    std::fill(expected.begin() + grainBytes, expected.begin() + 2 * grainBytes, 0);
+    std::fill(expected.begin() + 3 * grainBytes, expected.end(), 0);
+    for (bool anyVariant : {true, false}) {
+        zu::P<CVMDKDisk> disk = anyVariant ? any("c.vmdk") : openDisk(fs, uri("c.vmdk"), R);
+        EXPECT_TRUE(readAt(*disk, 0, 4 * grainBytes) == expected);
+        disk->seek(3 * grainBytes);
+        EXPECT_TRUE(disk->isGrainWrittenAndIndependentOfParent());
+    }
+    EXPECT_TRUE(kord::CVMDKChecker(fs, uri("c.vmdk"), zu::String()).check().empty());
+
+    // A write into a zeroed grain gives it storage; the rest of it stays zeros.
+    writeAt(*any("c.vmdk", RW), 3 * grainBytes + 10, Bytes(5, 9));
+    std::fill(expected.begin() + 3 * grainBytes + 10, expected.begin() + 3 * grainBytes + 15, 9);
+    EXPECT_TRUE(readAt(*any("c.vmdk"), 0, 4 * grainBytes) == expected);
+    const std::string file = fileText(path("c.vmdk"));
+    for (long long at : entryOffsets("c.vmdk", 3))
+        EXPECT_GT(zu::loadLE32(reinterpret_cast<const unsigned char*>(file.data()) + at), 1u);
+}
+
+// Our stream file turned into the two layouts other tools write: without
+// the slot-size directory, and with the grain directory found through the
+// footer (our trail ends with one).
+TEST_F(ForeignDiskTest, otherToolsStreamLayoutsReadOnly)
+{
+    const Bytes data = kordtest::pattern(3 * grainBytes + 5000, 4);
+    {
+        zu::P<CVMDKDisk> disk = CVMDKDisk::create(fs, uri("s.vmdk"), params("streamOptimized", 20 * grainSectors));
+        writeAt(*disk, grainBytes, data);
+    }
+    const std::string original = fileText(path("s.vmdk"));
+    const long long slotMarker = [&] {
+        zu::P<kord::IVMDKExtentFile> extent = any("s.vmdk")->openExtentForInspection(0);
+        return (dynamic_cast<kord::CVMDKSparseExtentFile&>(*extent).getGrainDirectory()->getSlotSizeDirectoryPosSectors() - 1) *
+               sector;
+    }();
+    const std::vector<std::tuple<std::string, std::function<void()>, std::string>> layouts = {
+        {"no slot-size directory", [&] { patch("s.vmdk", slotMarker + 12, kordtest::le32(0)); },
+         "Slot size directory not found in compressed VMDK."},
+        {"directory in the footer", [&] { patch("s.vmdk", 56, kordtest::le64(~0ULL)); },
+         "VMDK file uses an unsupported variant of the 'stream optimized' format."}};
+    for (const auto& [name, edit, refusal] : layouts) {
+        SCOPED_TRACE(name);
+        putFile(path("s.vmdk"), original);
+        edit();
+        zu::CError e = expectThrows([&] { readAt(*openDisk(fs, uri("s.vmdk"), R), 0, 1); });
+        EXPECT_EQ(refusal, msg(e));
+        zu::P<CVMDKDisk> disk = any("s.vmdk", RW);
+        EXPECT_TRUE(readAt(*disk, grainBytes, data.size()) == data);
+        const std::string before = fileText(path("s.vmdk"));
+        expectError([&] { writeAt(*disk, 0, Bytes(1, 1)); },
+                    "VMDK stream-optimized file made by another tool can only be read, not written.", 3);
+        disk = nullptr;
+        EXPECT_EQ(before, fileText(path("s.vmdk")));
+        EXPECT_TRUE(kord::CVMDKChecker(fs, uri("s.vmdk"), zu::String()).check().empty());
+    }
+    // Without its last sector the footer is gone.
+    putFile(path("s.vmdk"), fileText(path("s.vmdk")).substr(0, original.size() - sector));
+    expectError([&] { any("s.vmdk"); },
+                "VMDK stream-optimized file does not end with its footer: the file is truncated or was never finished.",
+                5);
+}
+
+// A descriptor embedded in the disk's only sparse extent makes the file
+// that extent: a copy writes only itself, under its own lock, and a renamed
+// file or one whose line names another file opens.
+TEST_F(ForeignDiskTest, embeddedDescriptorMakesTheFileItsOwnExtent)
+{
+    for (const std::string type : {"monolithicSparse", "streamOptimized"}) {
+        SCOPED_TRACE(type);
+        const std::string a = type + "-a.vmdk", b = type + "-b.vmdk", c = type + "-c.vmdk";
+        const Bytes data = kordtest::pattern(grainBytes + 100, 5);
+        writeAt(*CVMDKDisk::create(fs, uri(a), params(type, 16 * grainSectors)), 0, data);
+        std::filesystem::copy_file(path(a), path(b));
+        const std::string original = fileText(path(a));
+        {
+            zu::P<CVMDKDisk> holdsA = openDisk(fs, uri(a), RW);
+            writeAt(*openDisk(fs, uri(b), RW), 5 * grainBytes, Bytes(10, 0x5A));
+        }
+        EXPECT_EQ(original, fileText(path(a)));
+        EXPECT_TRUE(readAt(*openDisk(fs, uri(b), R), 5 * grainBytes, 10) == Bytes(10, 0x5A));
+        std::filesystem::rename(path(b), path(c));
+        EXPECT_TRUE(readAt(*any(c), 0, data.size()) == data);
+        for (const std::string name : {"", "../elsewhere/x.vmdk"}) {
+            editDescriptor(path(c), [&](kord::CVMDKDescriptor& d) {
+                zu::TArray<zu::P<kord::CVMDKExtentInfo>> lines;
+                d.getExtentEntries(lines);
+                lines[0]->fileName = zu::String(name);
+            });
+            EXPECT_TRUE(readAt(*openDisk(fs, uri(c), R), 0, data.size()) == data) << name;
+        }
+    }
+}
+
+// The in-memory file system, whose renames fail while `failRenames` is set.
+class RenameFailingFileSystem : public zu::CMemoryFileSystem {
+public:
+    void renameFile(const zu::CURI& from, const zu::CURI& to) override
+    {
+        if (failRenames) throw zu::CFileSystemError(zu::CFileSystemError::problemNoSpace, "No space left for the rename.");
+        CMemoryFileSystem::renameFile(from, to);
+    }
+    bool failRenames = false;
+};
+
+// A text descriptor without room for what a store adds is replaced by a
+// longer file in one step, on both file systems; when the replacement
+// fails, the write fails before any change and nothing is left behind.
+TEST_F(ForeignDiskTest, textDescriptorGrowsByReplacement)
+{
+    zu::P<RenameFailingFileSystem> failing = zu::newObj<RenameFailingFileSystem>();
+    for (zu::P<zu::IFileSystem> fileSystem : {zu::P<zu::IFileSystem>(failing), fs}) {
+        const zu::CURI main = uri(fileSystem == failing ? "memory.vmdk" : "local.vmdk");
+        CVMDKDisk::create(fileSystem, main, params("twoGbMaxExtentSparse", 100));
+        zu::P<CVMDKDisk> disk = CVMDKDisk::openAny(fileSystem, main, R, zu::String());
+        // The text as other tools leave it: no "encoding" line, no room.
+        std::string text = disk->getDescriptor()->toString().toUTF8();
+        text = replaced(text, "encoding=\"UTF-8\"\n", "");
+        disk = nullptr;
+        fileSystem->deleteFile(main, false);
+        kordtest::writeAll(fileSystem, main, Bytes(text.begin(), text.end()));
+        const zu::CURI leftover(main.getParent(), main.getName() + ".kord-new");
+        if (fileSystem == failing) {
+            failing->failRenames = true;
+            zu::P<CVMDKDisk> disk = CVMDKDisk::openAny(fileSystem, main, RW, zu::String());
+            zu::CError e = expectThrows([&] { writeAt(*disk, 0, Bytes(10, 3)); });
+            EXPECT_EQ("No space left for the rename.", msg(e));
+            EXPECT_TRUE(readAt(*disk, 0, 10) == Bytes(10, 0));
+            disk = nullptr;
+            EXPECT_TRUE(kordtest::readAll(fileSystem, main) == Bytes(text.begin(), text.end()));
+            EXPECT_FALSE(fileSystem->exists(leftover));
+            failing->failRenames = false;
+        }
+        kordtest::writeAll(fileSystem, leftover, Bytes(3, 'x'));
+
+        writeAt(*CVMDKDisk::openAny(fileSystem, main, RW, zu::String()), 0, Bytes(10, 3));
+        const Bytes grown = kordtest::readAll(fileSystem, main);
+        EXPECT_EQ(0u, grown.size() % sector);
+        const std::string grownText(grown.begin(), std::find(grown.begin(), grown.end(), 0));
+        EXPECT_NE(std::string::npos, grownText.find("encoding=\"UTF-8\"\n")) << grownText;
+        std::istringstream lines(text);
+        for (std::string line; std::getline(lines, line);)
+            EXPECT_TRUE(line.rfind("CID=", 0) == 0 || grownText.find(line + "\n") != std::string::npos) << line;
+        EXPECT_FALSE(fileSystem->exists(leftover));
+        EXPECT_TRUE(readAt(*CVMDKDisk::openAny(fileSystem, main, R, zu::String()), 0, 10) == Bytes(10, 3));
+    }
+}
+
+} // namespace
