@@ -670,11 +670,46 @@ zu::P<CVMDKDataPreparer> CVMDKDisk::createDataPreparer()
     return zu::newObj<CVMDKDataPreparer>(grainSizeSectors, compressed, compressionLevel);
 }
 
-void CVMDKDisk::beginGrainOp(const char* internalMessage, zu::P<IVMDKExtentFile>& extent)
+bool CVMDKDisk::beginGrainOp(const char* internalMessage, zu::P<IVMDKExtentFile>& extent)
 {
     long long offered = 0;
     beginIOOp(grainSizeBytes, extent, offered);
-    if (offered < grainSizeBytes) throw zu::CError(internalMessage, zu::String(), -1, preparedGrainProps().set("opBytes", offered));
+    if (offered == grainSizeBytes) return true;
+    // Our disks are made of whole grains; other tools' extents may end
+    // inside one.
+    if (anyVariant) return false;
+    throw zu::CError(internalMessage, zu::String(), -1, preparedGrainProps().set("opBytes", offered));
+}
+
+CVMDKDataPreparer& CVMDKDisk::spanningGrainPreparer()
+{
+    if (!spanningPreparer) spanningPreparer = createDataPreparer();
+    return *spanningPreparer;
+}
+
+// A grain that spans extents has no stored form of its own: its prepared
+// form is made from its bytes, and taken back into them.
+void CVMDKDisk::readSpanningGrain(zu::TBuffer<unsigned char>& preparedData)
+{
+    long long grainIndex = position / grainSizeBytes;
+    zu::TBuffer<unsigned char>& plain = compressed ? spanningGrain : preparedData;
+    plain.setUsed(grainSizeBytes);
+    read(plain.getData(), static_cast<int>(grainSizeBytes));
+    if (compressed) spanningGrainPreparer().prepareGrainData(plain.getData(), grainSizeBytes, grainIndex, preparedData);
+}
+
+void CVMDKDisk::writeSpanningGrain(const zu::TBuffer<unsigned char>& preparedData)
+{
+    if (!compressed && preparedData.getUsed() != grainSizeBytes)
+        throw zu::CInvalidArgError("CVMDKDisk::writePreparedGrainData", "uncompressed prepared data must be one grain",
+                                   preparedGrainProps().set("preparedDataSize", preparedData.getUsed()));
+    const unsigned char* plain = preparedData.getData();
+    if (compressed) {
+        spanningGrain.setUsed(grainSizeBytes);
+        spanningGrainPreparer().unprepareGrainData(preparedData.getData(), preparedData.getUsed(), spanningGrain.getData());
+        plain = spanningGrain.getData();
+    }
+    write(plain, static_cast<int>(grainSizeBytes));
 }
 
 zu::CProps CVMDKDisk::preparedGrainProps() const
@@ -706,9 +741,10 @@ void CVMDKDisk::writePreparedGrainData(const zu::TBuffer<unsigned char>& prepare
     checkPreparedGrainPosition("write");
     prepareDataWrite("write");
     zu::P<IVMDKExtentFile> extent;
-    beginGrainOp("Internal error: CVMDKDisk::beginIOOp in CVMDKDisk::writePreparedGrainData returned less than the "
-                 "grain size.",
-                 extent);
+    if (!beginGrainOp("Internal error: CVMDKDisk::beginIOOp in CVMDKDisk::writePreparedGrainData returned less than "
+                      "the grain size.",
+                      extent))
+        return writeSpanningGrain(preparedData);
     extent->writePreparedGrainData(preparedData);
     position += grainSizeBytes;
 }
@@ -717,9 +753,10 @@ void CVMDKDisk::readPreparedGrainData(zu::TBuffer<unsigned char>& preparedData)
 {
     checkPreparedGrainPosition("read");
     zu::P<IVMDKExtentFile> extent;
-    beginGrainOp("Internal error: CVMDKDisk::beginIOOp in CVMDKDisk::tryRreparedGrainData returned less than the grain "
-                 "size.",
-                 extent);
+    if (!beginGrainOp("Internal error: CVMDKDisk::beginIOOp in CVMDKDisk::tryRreparedGrainData returned less than the "
+                      "grain size.",
+                      extent))
+        return readSpanningGrain(preparedData);
     extent->readPreparedGrainData(preparedData);
     position += grainSizeBytes;
 }
@@ -732,9 +769,16 @@ bool CVMDKDisk::makeGrainIndependentOfParent(long long grainIndex)
                                    mainProps());
     seek(grainIndex * grainSizeBytes);
     zu::P<IVMDKExtentFile> extent;
-    beginGrainOp("Internal error: CVMDKDisk::beginIOOp in CVMDKDisk::writePreparedGrainData returned less than the "
-                 "grain size.",
-                 extent);
+    if (!beginGrainOp("Internal error: CVMDKDisk::beginIOOp in CVMDKDisk::writePreparedGrainData returned less than "
+                      "the grain size.",
+                      extent)) {
+        // Each part takes the parent's bytes as written data.
+        spanningGrain.setUsed(grainSizeBytes);
+        read(spanningGrain.getData(), static_cast<int>(grainSizeBytes));
+        seek(grainIndex * grainSizeBytes);
+        write(spanningGrain.getData(), static_cast<int>(grainSizeBytes));
+        return parentDataProvider != nullptr;
+    }
     bool result = extent->makeGrainIndependentOfParent(grainIndex - extent->getStartGrainIndex());
     position += grainSizeBytes;
     return result;

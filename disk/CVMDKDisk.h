@@ -267,7 +267,12 @@ private:
     zu::CProps mainProps() const;
     void verifyWritable(const char* operation) const;
     void prepareDataWrite(const char* operation);
-    void beginGrainOp(const char* internalMessage, zu::P<IVMDKExtentFile>& extent);
+    // The extent holding the whole grain at the position: false (in a
+    // disk opened by openAny) where the grain spans extents.
+    bool beginGrainOp(const char* internalMessage, zu::P<IVMDKExtentFile>& extent);
+    CVMDKDataPreparer& spanningGrainPreparer();
+    void readSpanningGrain(zu::TBuffer<unsigned char>& preparedData);
+    void writeSpanningGrain(const zu::TBuffer<unsigned char>& preparedData);
     zu::CProps preparedGrainProps() const;
     void checkPreparedGrainPosition(const char* kind) const;
 
@@ -308,6 +313,9 @@ private:
     zu::TCryptBuffer<unsigned char> encryptionKey;
     zu::TBuffer<unsigned char> encryptionIV;
     zu::TBuffer<unsigned char> encryptionKeyHash;
+    // For grains that span extents: made on first need and reused.
+    zu::P<CVMDKDataPreparer> spanningPreparer;
+    zu::TBuffer<unsigned char> spanningGrain;
 };
 
 } // namespace kord

@@ -7,7 +7,9 @@
 # type, an encrypted one and a delta disk with changed data, shows
 # "kord info" and runs "kord check" on each, converts each back to raw and
 # compares the bytes, and has qemu-img read the unencrypted disks too when it
-# is installed. The last line says what was verified.
+# is installed. Where nbdkit is installed, it serves the delta and the
+# encrypted disk through kord's plugin, and nbdcopy and qemu-img read them
+# back. The last line says what was verified.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -15,6 +17,10 @@ cd "$(dirname "$0")/.."
 cmake -S . -B build/release -G Ninja -DKORD_WERROR=ON -DCMAKE_BUILD_TYPE=RelWithDebInfo
 cmake --build build/release -j "$(nproc)" --target kord_tool
 kord="$PWD/build/release/tools/kord"
+plugin="$PWD/build/release/nbdkit/nbdkit-kord-plugin.so"
+if cmake --build build/release --target help | grep -q kord_nbdkit; then
+    cmake --build build/release -j "$(nproc)" --target kord_nbdkit
+fi
 
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
@@ -87,6 +93,22 @@ if command -v qemu-img >/dev/null; then
     qemu_note="qemu-img read the 4 unencrypted disks identically"
 fi
 
+nbd_note="nbdkit not installed: no disk served over NBD"
+if command -v nbdkit >/dev/null && command -v nbdcopy >/dev/null && [ -e "$plugin" ]; then
+    step "nbdkit serves disks through kord's plugin; nbdcopy and qemu-img read them back"
+    printf '%s\n' "$KORD_PASSWORD" >password.txt
+    for disk in delta encrypted; do
+        read_back='nbdinfo --map "$uri" && nbdcopy "$uri" nbd.raw'
+        if command -v qemu-img >/dev/null; then read_back="$read_back"' && qemu-img convert -f raw -O raw "$uri" nbd-qemu.raw'; fi
+        nbdkit -U - "$plugin" file="$disk.vmdk" readonly=true password-file=password.txt --run "$read_back"
+        cmp nbd.raw "$(expected_of "$disk")"
+        if [ -e nbd-qemu.raw ]; then cmp nbd-qemu.raw "$(expected_of "$disk")"; fi
+        echo "nbdkit: $disk.vmdk read back identically over NBD"
+        rm -f nbd.raw nbd-qemu.raw
+    done
+    nbd_note="nbdkit served the delta and the encrypted disk, read back identically over NBD"
+fi
+
 echo
 echo "main-job: verified a 64 MiB ext4 image of $file_count files as monolithicSparse, twoGbMaxExtentSparse," \
-    "streamOptimized, encrypted and delta disks: kord check clean, every disk back to raw byte for byte; $qemu_note."
+    "streamOptimized, encrypted and delta disks: kord check clean, every disk back to raw byte for byte; $qemu_note; $nbd_note."

@@ -13,6 +13,11 @@ packages=(
   e2fsprogs                  # mke2fs builds the sample file system of the main job
   strace                     # scripts/sync-profile.sh shows where the syncs land
   clang libclang-rt-14-dev   # libFuzzer runs by hand (scripts/fuzz.sh)
+  # The doors to kord: each is built when its development files are present.
+  nbdkit nbdkit-plugin-dev libnbd-bin python3-libnbd   # the nbdkit plugin; libnbd's tools and Python module test it
+  fuse3 libfuse3-dev                    # kord mount
+  pybind11-dev python3-dev python3-pytest   # the Python module, for Debian's /usr/bin/python3
+  dpkg-dev lintian debootstrap          # the Debian packages: built, checked, installed in a fresh root
 )
 
 missing=()
@@ -28,16 +33,19 @@ sudo=""
 if [ "$(id -u)" -ne 0 ]; then sudo="sudo"; fi
 export DEBIAN_FRONTEND=noninteractive
 $sudo apt-get update
-# The interop oracles are optional: the tests that use them skip with a message
-# when they cannot be installed, so their absence must not stop the build.
-oracles=(qemu-utils libvmdk-utils)
+# The interop oracles and the doors' dependencies are optional: the build
+# leaves out a door whose development files are missing, and the tests that
+# need a program skip with a message, so their absence must not stop the build.
+optional=(qemu-utils libvmdk-utils nbdkit nbdkit-plugin-dev libnbd-bin python3-libnbd fuse3 libfuse3-dev
+  pybind11-dev python3-dev python3-pytest dpkg-dev lintian debootstrap)
 required=()
+wanted=()
 for p in "${missing[@]}"; do
-  case " ${oracles[*]} " in *" $p "*) ;; *) required+=("$p") ;; esac
+  case " ${optional[*]} " in *" $p "*) wanted+=("$p") ;; *) required+=("$p") ;; esac
 done
 if [ "${#required[@]}" -gt 0 ]; then
   $sudo apt-get install -y --no-install-recommends "${required[@]}"
 fi
-for p in "${oracles[@]}"; do
-  $sudo apt-get install -y --no-install-recommends "$p" || echo "setup: could not install $p; interop tests will be skipped" >&2
+for p in "${wanted[@]}"; do
+  $sudo apt-get install -y --no-install-recommends "$p" || echo "setup: could not install $p; what needs it is left out or skipped" >&2
 done

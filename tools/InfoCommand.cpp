@@ -5,9 +5,7 @@
 #include "Sizes.h"
 #include "ToolSupport.h"
 
-#include "format/VMDKFileReference.h"
-
-#include <nlohmann/json.hpp>
+#include "info/DiskInfo.h"
 
 #include <iostream>
 #include <memory>
@@ -16,7 +14,7 @@ namespace kordtool {
 
 namespace {
 
-using Json = nlohmann::ordered_json;
+using kordinfo::Json;
 
 struct CInfoOptions {
     CImageFormat format;
@@ -24,75 +22,6 @@ struct CInfoOptions {
     std::string disk;
     CPasswordSource passwords;
 };
-
-// A descriptor value that may be missing (disks made by other tools): null.
-template <class F>
-Json valueOrNull(F get)
-{
-    try {
-        return Json(get());
-    } catch (const zu::CError&) {
-        return Json();
-    }
-}
-
-Json spaceJson(const kord::CVMDKSpaceInfo& space)
-{
-    return Json{{"payloadSize", space.payloadSize},
-                {"payloadSizeInFile", space.payloadSizeInFile},
-                {"headerSize", space.headerSize},
-                {"deadSpace", space.deadSpace}};
-}
-
-Json extentJson(kord::CVMDKDisk* disk, int index)
-{
-    const kord::CVMDKExtentInfo& line = *disk->getExtentInfos()[static_cast<size_t>(index)];
-    const zu::CURI& uri = disk->getExtentURI(index);
-    bool zero = line.type == zu::String("ZERO");
-    Json extent{{"file", zero ? Json() : Json(uriToDisplay(uri))},
-                {"type", line.type.toUTF8()},
-                {"access", line.access.toUTF8()},
-                {"sectors", line.sizeSectors}};
-    if (line.offset != -1) extent["offset"] = line.offset;
-    // A descriptor embedded in the disk's only sparse extent makes its own
-    // file that extent, whatever the line names (a copied or renamed file).
-    if (!zero && kord::vmdkFileReferenceToURI(disk->getMainURI().getParent(), line.fileName) != uri)
-        extent["nameInDescriptor"] = line.fileName.toUTF8();
-    zu::P<kord::IVMDKExtentFile> file = disk->openExtentForInspection(index);
-    extent["writtenGrains"] = file ? file->gatherSpaceInfo()->payloadSize / disk->getGrainSizeBytes() : 0;
-    // Null for a ZERO extent and for a file that is not there (made on
-    // demand and not made yet, or of a NOACCESS line).
-    extent["fileSize"] = !zero && localFileSystem()->exists(uri) ? Json(localFileSystem()->getFileSize(uri)) : Json();
-    return extent;
-}
-
-Json diskJson(kord::CVMDKDisk* disk)
-{
-    kord::CVMDKDescriptor* descriptor = disk->getDescriptor();
-    Json info;
-    info["file"] = uriToDisplay(disk->getMainURI());
-    info["createType"] = descriptor->getCreateType().toUTF8();
-    info["virtualSize"] = disk->getDiskSizeBytes();
-    info["grainSize"] = disk->getGrainSizeSectors();
-    info["compression"] = disk->getCompressed() ? "deflate" : "none";
-    info["encryption"] = disk->isEncrypted() ? descriptor->getZuEncryptionAlgorithm().toUTF8() : "none";
-    info["contentID"] = zu::toHexString(descriptor->getContentID()).toUTF8();
-    info["parentContentID"] = zu::toHexString(descriptor->getParentContentID()).toUTF8();
-    info["parentFileNameHint"] = valueOrNull([&] { return descriptor->getParentFileNameHint().toUTF8(); });
-    info["adapterType"] = valueOrNull([&] { return descriptor->getAdapterType().toUTF8(); });
-    info["geometry"] = valueOrNull([&] {
-        return Json{{"cylinders", descriptor->getGeometryCylinders()},
-                    {"heads", descriptor->getGeometryHeads()},
-                    {"sectors", descriptor->getGeometrySectors()}};
-    });
-    info["extentFilesOnDemand"] = descriptor->getZuCreateExtentFilesOnDemand();
-    Json extents = Json::array();
-    for (int i = 0; i < static_cast<int>(disk->getExtentInfos().size()); ++i) extents.push_back(extentJson(disk, i));
-    info["extents"] = extents;
-    info["space"] = spaceJson(*disk->gatherSpaceInfo());
-    if (kord::CVMDKDisk* parent = disk->getParentDisk()) info["parent"] = diskJson(parent);
-    return info;
-}
 
 std::string text(const Json& value)
 {
@@ -159,7 +88,7 @@ void printDisk(const Json& info, const std::string& indent)
 void runInfo(CInfoOptions& options)
 {
     zu::P<kord::CVMDKDisk> disk = openDisk(options.disk, zu::IIOStream::accessRead, options.passwords, options.format);
-    Json info = diskJson(disk);
+    Json info = kordinfo::diskInfoJson(disk);
     if (options.json)
         std::cout << info.dump(2) << "\n";
     else

@@ -40,12 +40,6 @@ zu::IFileSystem* localFileSystem()
 
 zu::CURI pathToURI(const std::string& path) { return zu::CLocalFileSystem::pathToURI(zu::String(path)).toNormalized(); }
 
-std::string uriToDisplay(const zu::CURI& uri)
-{
-    if (uri.getScheme() == zu::String("file")) return zu::CLocalFileSystem::uriToPath(uri).toUTF8();
-    return uri.toString(true).toUTF8();
-}
-
 bool diskNeedsPassword(const zu::CURI& uri)
 {
     try {

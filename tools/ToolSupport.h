@@ -6,6 +6,7 @@
 #include "base/CError.h"
 #include "base/CLocalFileSystem.h"
 #include "disk/CVMDKDisk.h"
+#include "info/DiskInfo.h"
 
 #include <string>
 
@@ -21,8 +22,7 @@ constexpr int exitFailure = 2;
 
 zu::IFileSystem* localFileSystem();
 zu::CURI pathToURI(const std::string& path);
-// The local path of a file URI, for messages and listings.
-std::string uriToDisplay(const zu::CURI& uri);
+using kordinfo::uriToDisplay;
 
 // Whether a disk's descriptor asks for a password. Files that cannot be
 // read say no: opening them reports the real problem.

@@ -8,6 +8,7 @@
 #include "CreateCommand.h"
 #include "InfoCommand.h"
 #include "MapCommand.h"
+#include "MountCommand.h"
 #include "PasswdCommand.h"
 #include "ToolSupport.h"
 #include "WriteCommand.h"
@@ -24,6 +25,7 @@ int main(int argc, char** argv)
     int exitCode = kordtool::exitSuccess;
     CLI::App app("kord: read, write, make, convert and check VMDK virtual disks", "kord");
     app.require_subcommand(1);
+    app.set_version_flag("--version", "kord " KORD_VERSION);
     kordtool::addCreateCommand(app);
     kordtool::addInfoCommand(app);
     kordtool::addConvertCommand(app);
@@ -32,6 +34,7 @@ int main(int argc, char** argv)
     kordtool::addMapCommand(app);
     kordtool::addCheckCommand(app, exitCode);
     kordtool::addPasswdCommand(app);
+    kordtool::addMountCommands(app);
     try {
         app.parse(argc, argv);
     } catch (const CLI::ParseError& e) {

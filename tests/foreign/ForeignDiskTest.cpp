@@ -111,6 +111,24 @@ TEST_F(ForeignDiskTest, flatZeroAndRestrictedExtentsInOneDisk)
         putFile(path("c.vmdk"), text + line + "\n");
         expectError([&] { any("c.vmdk"); }, message, 5);
     }
+    // A grain that spans two extents moves in prepared form as its bytes.
+    putFile(path("a.bin"), std::string(100 * sector, 'a'));
+    putFile(path("b.bin"), std::string(100 * sector, 'b'));
+    putFile(path("span.vmdk"), replaced(text, lines, "RW 100 FLAT \"a.bin\"\nRW 100 FLAT \"b.bin\"\n"));
+    {
+        zu::P<CVMDKDisk> span = any("span.vmdk", RW);
+        zu::TBuffer<unsigned char> prepared;
+        span->readPreparedGrainData(prepared);
+        EXPECT_EQ(std::string(100 * sector, 'a') + std::string(28 * sector, 'b'),
+                  std::string(prepared.getData(), prepared.getData() + prepared.getUsed()));
+        std::fill(prepared.getData(), prepared.getData() + prepared.getUsed(), 'c');
+        span->seek(0);
+        span->writePreparedGrainData(prepared);
+        EXPECT_EQ(grainBytes, span->getPosition());
+    }
+    EXPECT_EQ(std::string(100 * sector, 'c'), fileText(path("a.bin")));
+    EXPECT_EQ(std::string(28 * sector, 'c') + std::string(72 * sector, 'b'), fileText(path("b.bin")));
+
     // A flat file shorter than its line is refused where it is used.
     putFile(path("short.bin"), std::string(2048 * sector, 'x'));
     putFile(path("c.vmdk"), text + "RW 2048 FLAT \"short.bin\" 1\n");

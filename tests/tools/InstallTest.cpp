@@ -59,7 +59,7 @@ TEST(InstallTest, programBuildsAgainstInstalledPrefix)
     ASSERT_FALSE(pcFile.empty()) << "kord.pc not installed";
     const std::string libdir = std::filesystem::path(pcFile).parent_path().parent_path().string();
     EXPECT_TRUE(std::filesystem::exists(prefix + "/include/kord/disk/CVMDKDisk.h"));
-    EXPECT_TRUE(std::filesystem::exists(prefix + "/share/man/man1/kord.1"));
+    EXPECT_TRUE(std::filesystem::exists(prefix + "/share/man/man1/kord.1.gz"));
     sh("prefix/bin/kord --help");
 
     std::filesystem::create_directories(temp.file("app"));

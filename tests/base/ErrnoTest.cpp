@@ -1,0 +1,48 @@
+// The errno that servers of disks answer with for each kind of failure: the
+// operating system's own where a cause carries it, else one chosen from the
+// error's class and code.
+#include "common/TestUtil.h"
+
+#include "base/Errno.h"
+
+#include <cerrno>
+
+namespace {
+
+TEST(ErrnoTest, eachErrorGetsItsErrno)
+{
+    const zu::CFileSystemError full(zu::CFileSystemError::problemNoSpace, "Cannot write.",
+                                    zu::CProps().set("osError", EDQUOT));
+    struct Case {
+        const char* name;
+        std::function<void()> raise;
+        int expected;
+    } cases[] = {
+        {"os error of the cause", [&] { throw zu::CIOError(zu::CIOError::codeWrite, "", zu::CProps(), &full); }, EDQUOT},
+        {"os error that is no number",
+         [] { throw zu::CFileSystemError(zu::CFileSystemError::problemNoSpace, "x", zu::CProps().set("osError", "many")); },
+         ENOSPC},
+        {"not found", [] { throw zu::CFileSystemError(zu::CFileSystemError::problemNotFound, "x"); }, ENOENT},
+        {"exists", [] { throw zu::CFileSystemError(zu::CFileSystemError::problemAlreadyExists, "x"); }, EEXIST},
+        {"denied", [] { throw zu::CFileSystemError(zu::CFileSystemError::problemAccessDenied, "x"); }, EACCES},
+        {"lock", [] { throw zu::CLockFileError("x"); }, EBUSY},
+        {"unsupported", [] { throw zu::CFileSystemError(zu::CFileSystemError::problemNotSupported, "x"); }, EOPNOTSUPP},
+        {"corrupt data", [] { throw zu::CIOError(zu::CIOError::codeInvalidData); }, EIO},
+        {"bad seek", [] { throw zu::CIOError(zu::CIOError::codeSeek); }, EINVAL},
+        {"closed stream", [] { throw zu::CIOError(zu::CIOError::codeClosed); }, EBADF},
+        {"bad argument", [] { throw zu::CInvalidArgError("f", "bad"); }, EINVAL},
+        {"wrong password", [] { throw zu::CError("Specified VMDK encryption password is not correct."); }, EIO},
+        {"allocation", [] { throw std::bad_alloc(); }, ENOMEM},
+        {"foreign", [] { throw std::runtime_error("x"); }, EIO},
+    };
+    for (const Case& c : cases) {
+        try {
+            c.raise();
+            ADD_FAILURE() << c.name << ": nothing thrown";
+        } catch (const std::exception& error) {
+            EXPECT_EQ(c.expected, zu::errnoOf(error)) << c.name;
+        }
+    }
+}
+
+} // namespace

@@ -1,0 +1,180 @@
+// kord mount on a real FUSE mount: the raw file reads as "kord cat" does
+// and follows the disk's map with SEEK_DATA/SEEK_HOLE; with -w it takes
+// dd's writes and a whole ext4 file system; unmounting (kord umount,
+// fusermount3 -u) and SIGTERM write the changes and release the lock.
+#include "common/SampleDisks.h"
+
+namespace {
+
+using disktest::fileText;
+
+const std::string kord = KORD_BINARY_DIR "/tools/kord";
+
+class MountTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+        if (!kordtest::haveTool("fusermount3")) GTEST_SKIP() << "fusermount3 is not installed (package fuse3)";
+        std::filesystem::create_directory(file("mnt"));
+        // Whether this kord has FUSE and this machine lets it mount.
+        static std::string unusable = probe();
+        if (!unusable.empty()) GTEST_SKIP() << "kord mount cannot be used here: " << unusable;
+    }
+
+    void TearDown() override
+    {
+        if (isMounted()) kordtest::runCommand("fusermount3 -u -z '" + file("mnt") + "'");
+    }
+
+    // Runs a shell command in the test's folder, with the sample password
+    // at hand; returns its status and output.
+    int sh(const std::string& command, std::string* output = nullptr)
+    {
+        std::string out;
+        int status = kordtest::runCommand("cd '" + temp.path() + "' && export KORD_PASSWORD=" +
+                                          kordtest::samplePassword + " && K='" + kord + "' && (" + command + ")", &out);
+        if (output) *output = out;
+        return status;
+    }
+
+    void expectOk(const std::string& command)
+    {
+        std::string out;
+        EXPECT_EQ(0, sh(command, &out)) << command << "\n" << out;
+    }
+
+    bool isMounted() const
+    {
+        return fileText("/proc/self/mountinfo").find(" " + file("mnt") + " ") != std::string::npos;
+    }
+
+    std::string file(const std::string& name) const { return temp.file(name); }
+
+    kordtest::TempDir temp;
+
+private:
+    static std::string probe()
+    {
+        kordtest::TempDir dir;
+        std::string out;
+        std::filesystem::create_directory(dir.file("mnt"));
+        if (kordtest::runCommand("cd '" + dir.path() + "' && '" + kord + "' create probe.vmdk 1M && '" + kord +
+                                     "' mount probe.vmdk mnt && '" + kord + "' umount mnt",
+                                 &out) != 0)
+            return out;
+        return std::string();
+    }
+};
+
+TEST_F(MountTest, readOnlyMountShowsWhatKordCatReads)
+{
+    for (const kordtest::CSampleDisk& disk : kordtest::makeSampleDisks(temp.path())) {
+        SCOPED_TRACE(disk.file);
+        const std::string raw = "mnt/" + std::filesystem::path(disk.file).stem().string() + ".raw";
+        expectOk("$K mount " + disk.file + " mnt && $K cat " + disk.file + " >kord.raw");
+        EXPECT_EQ(raw.substr(4) + "\n", [&] { std::string out; sh("ls mnt", &out); return out; }());
+        expectOk("dd if=" + raw + " of=dd.raw bs=1M status=none && cmp dd.raw kord.raw && cmp " + raw + " kord.raw");
+        // Data and holes as the disk's chain has them.
+        std::string map, seeks;
+        expectOk("$K map --json " + disk.file + " >map.json");
+        ASSERT_EQ(0, sh("/usr/bin/python3 -c 'import os, sys\n"
+                        "fd = os.open(sys.argv[1], os.O_RDONLY); end = os.fstat(fd).st_size; at = 0\n"
+                        "while True:\n"
+                        "    try: at = os.lseek(fd, at, os.SEEK_DATA)\n"
+                        "    except OSError: break\n"
+                        "    hole = os.lseek(fd, at, os.SEEK_HOLE); print(at, hole - at); at = hole\n"
+                        "' " + raw, &seeks)) << seeks;
+        for (const auto& range : kordtest::kordMapRanges(fileText(file("map.json"))))
+            map += std::to_string(range.first) + " " + std::to_string(range.second) + "\n";
+        EXPECT_EQ(map, seeks);
+        std::string out;
+        EXPECT_NE(0, sh("dd if=kord.raw of=" + raw + " bs=512 count=1 conv=notrunc status=none", &out));
+        EXPECT_NE(std::string::npos, out.find("Read-only file system")) << out;
+        // A writer (that writes nothing) is kept out until the unmount.
+        EXPECT_EQ(2, sh("$K write " + disk.file + " --offset 0 /dev/null", &out));
+        EXPECT_NE(std::string::npos, out.find("The lock file is held by another process.")) << out;
+        expectOk("$K umount mnt && $K write " + disk.file + " --offset 0 /dev/null");
+        EXPECT_FALSE(isMounted());
+    }
+}
+
+TEST_F(MountTest, writesThroughTheMountReadBackThroughKordCat)
+{
+    const disktest::Bytes patch = kordtest::pattern(300000, 77);
+    disktest::putFile(file("patch.bin"), std::string(patch.begin(), patch.end()));
+    // The delta disk first: a change of its parent afterwards breaks it.
+    std::vector<kordtest::CSampleDisk> disks = kordtest::makeSampleDisks(temp.path());
+    std::reverse(disks.begin(), disks.end());
+    for (const kordtest::CSampleDisk& disk : disks) {
+        SCOPED_TRACE(disk.file);
+        const std::string raw = "mnt/" + std::filesystem::path(disk.file).stem().string() + ".raw";
+        expectOk("$K cat " + disk.file + " >expected.raw && dd if=patch.bin of=expected.raw bs=1000 seek=3000 "
+                 "conv=notrunc status=none");
+        expectOk("$K mount -w " + disk.file + " mnt && dd if=patch.bin of=" + raw +
+                 " bs=1000 seek=3000 conv=notrunc,fsync status=none");
+        // The size is fixed: no write past the end, no other size.
+        std::string out;
+        EXPECT_NE(0, sh("dd if=patch.bin of=" + raw + " bs=1M seek=8 conv=notrunc status=none", &out));
+        EXPECT_NE(std::string::npos, out.find("No space left on device")) << out;
+        EXPECT_NE(0, sh("truncate -s 4M " + raw, &out));
+        EXPECT_NE(std::string::npos, out.find("Invalid argument")) << out;
+        expectOk("$K umount mnt && $K cat " + disk.file + " | cmp - expected.raw && $K check " + disk.file);
+    }
+}
+
+TEST_F(MountTest, mkfsAndFsckOnTheMountedFile)
+{
+    if (!std::filesystem::exists("/sbin/mkfs.ext4")) GTEST_SKIP() << "mkfs.ext4 is not installed (package e2fsprogs)";
+    for (const std::string type : {"monolithicSparse", "streamOptimized"}) {
+        SCOPED_TRACE(type);
+        expectOk("rm -f fs.vmdk && $K create -t " + type + " fs.vmdk 64M && $K mount -w fs.vmdk mnt");
+        expectOk("/sbin/mkfs.ext4 -q -F -L kord mnt/fs.raw && /sbin/e2fsck -fn mnt/fs.raw");
+        expectOk("$K umount mnt && $K cat fs.vmdk >fs.raw && /sbin/e2fsck -fn fs.raw && $K check fs.vmdk");
+        // Discarding the whole file left the unused grains unallocated.
+        std::string out;
+        sh("$K info --json fs.vmdk", &out);
+        EXPECT_LT(nlohmann::json::parse(out)["space"]["payloadSize"].get<long long>(), 8 << 20) << out;
+    }
+}
+
+TEST_F(MountTest, signalAndFusermountReleaseTheDisk)
+{
+    const std::string waitMounted = "for i in $(seq 200); do [ -e mnt/monolithic.raw ] && break; sleep 0.05; done";
+    kordtest::makeSampleDisks(temp.path());
+    expectOk("head -c 100000 /dev/urandom >one.bin && head -c 100000 /dev/urandom >two.bin");
+    // SIGTERM to a mount in the foreground: unmounted, flushed, unlocked.
+    expectOk("($K mount -f -w monolithic.vmdk mnt >/dev/null 2>&1 & echo $! >pid) && " + waitMounted +
+             " && dd if=one.bin of=mnt/monolithic.raw seek=10 conv=notrunc status=none && kill -TERM $(cat pid) && "
+             "while kill -0 $(cat pid) 2>/dev/null; do sleep 0.05; done");
+    EXPECT_FALSE(isMounted());
+    expectOk("$K cat monolithic.vmdk | cmp -n 100000 -i 5120:0 - one.bin");
+    // fusermount3 -u: the detached process flushes and lets go by itself.
+    expectOk("$K mount -w monolithic.vmdk mnt && dd if=two.bin of=mnt/monolithic.raw seek=20 conv=notrunc status=none && "
+             "fusermount3 -u mnt && for i in $(seq 200); do $K write monolithic.vmdk --offset 0 /dev/null 2>/dev/null && "
+             "break; sleep 0.05; done && $K cat monolithic.vmdk | cmp -n 100000 -i 10240:0 - two.bin");
+}
+
+TEST_F(MountTest, refusals)
+{
+    kordtest::makeSampleDisks(temp.path());
+    std::filesystem::create_directory(file("plain"));
+    expectOk("$K mount -w stream.vmdk mnt");
+    struct Case {
+        std::string command;
+        std::string message;
+    } cases[] = {
+        {"$K mount stream.vmdk plain", "The lock file is held by another process."},
+        {"$K mount monolithic.vmdk missing", "The mount point is not a folder."},
+        {"$K mount missing.vmdk plain", "Cannot open the file: No such file or directory."},
+        {"$K umount plain", "No kord mount at this folder."},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.command);
+        std::string out;
+        EXPECT_EQ(2, sh(c.command, &out));
+        EXPECT_EQ(0u, out.find("kord: " + c.message)) << out;
+    }
+    expectOk("$K umount mnt");
+}
+
+} // namespace

@@ -1,0 +1,237 @@
+// The nbdkit plugin in a real nbdkit on a Unix socket, with libnbd's
+// nbdinfo and nbdcopy and with qemu-img as clients: every kind of disk
+// serves the bytes "kord cat" reads, its map is the one "kord map" gives,
+// writes land where "kord cat" finds them, and failures reach both ends.
+#include "common/SampleDisks.h"
+
+namespace {
+
+using disktest::fileText;
+using Json = nlohmann::json;
+using kordtest::Ranges;
+
+const std::string plugin = KORD_BINARY_DIR "/nbdkit/nbdkit-kord-plugin.so";
+const std::string kord = KORD_BINARY_DIR "/tools/kord";
+
+class NbdkitPluginTest : public testing::Test {
+protected:
+    void SetUp() override
+    {
+#if defined(__SANITIZE_ADDRESS__)
+        GTEST_SKIP() << "nbdkit cannot load a sanitized plugin (with the sanitizer's runtime preloaded it hangs in "
+                        "setlocale while wxWidgets loads); the plugin is tested in the release build";
+#endif
+        if (!std::filesystem::exists(plugin)) GTEST_SKIP() << "the nbdkit plugin was not built (nbdkit-plugin-dev missing)";
+        for (const char* program : {"nbdkit", "nbdinfo", "nbdcopy"})
+            if (!kordtest::haveTool(program)) GTEST_SKIP() << program << " is not installed (packages nbdkit, libnbd-bin)";
+    }
+
+    // Serves the disk with nbdkit on a private Unix socket while `client`
+    // runs in the test's folder with $uri set; returns nbdkit's status
+    // (the client's, once it started) and everything both printed.
+    int serve(const std::string& disk, const std::string& params, const std::string& client, std::string* output = nullptr)
+    {
+        std::string out;
+        int status = kordtest::runCommand("cd '" + temp.path() + "' && nbdkit -U - '" + plugin + "' file=" + disk + " " + params +
+                                          " --run '" + client + "'",
+                                          &out);
+        if (output) *output = out;
+        return status;
+    }
+
+    std::string kordCat(const std::string& disk)
+    {
+        EXPECT_EQ(0, kordtest::runCommand("cd '" + temp.path() + "' && KORD_PASSWORD=" + kordtest::samplePassword +
+                                          " '" + kord + "' cat " + disk + " >kord.raw"));
+        return fileText(file("kord.raw"));
+    }
+
+    // The ranges that hold data: every layer of "kord map", merged.
+    Ranges kordMap(const std::string& disk)
+    {
+        std::string out;
+        EXPECT_EQ(0, kordtest::runCommand("cd '" + temp.path() + "' && KORD_PASSWORD=" + kordtest::samplePassword +
+                                          " '" + kord + "' map --json " + disk + " 2>/dev/null", &out)) << out;
+        return kordtest::kordMapRanges(out);
+    }
+
+    // The data ranges of "nbdinfo --map --json" output, merged.
+    static Ranges nbdMap(const std::string& json)
+    {
+        Ranges ranges;
+        for (const Json& extent : Json::parse(json))
+            if (extent["type"].get<int>() == 0)
+                ranges.emplace_back(extent["offset"].get<long long>(), extent["length"].get<long long>());
+        return kordtest::merged(ranges);
+    }
+
+    std::string file(const std::string& name) const { return temp.file(name); }
+
+    kordtest::TempDir temp;
+};
+
+TEST_F(NbdkitPluginTest, servesEveryKindAsKordReadsIt)
+{
+    const bool haveQemu = kordtest::haveTool("qemu-img");
+    for (const kordtest::CSampleDisk& disk : kordtest::makeSampleDisks(temp.path())) {
+        SCOPED_TRACE(disk.file);
+        const std::string params = "readonly=true" + std::string(disk.password.empty() ? "" : " password-file=password.txt");
+        std::string out;
+        ASSERT_EQ(0, serve(disk.file, params,
+                           "nbdinfo --map --json \"$uri\" >map.json && nbdcopy \"$uri\" nbd.raw" +
+                               std::string(haveQemu ? " && qemu-img convert -f raw -O raw \"$uri\" qemu.raw" : ""),
+                           &out))
+            << out;
+        const std::string expected = kordCat(disk.file);
+        ASSERT_EQ(static_cast<size_t>(kordtest::sampleDiskBytes), expected.size());
+        EXPECT_TRUE(fileText(file("nbd.raw")) == expected);
+        if (haveQemu) {
+            EXPECT_TRUE(fileText(file("qemu.raw")) == expected);
+        }
+        EXPECT_EQ(kordMap(disk.file), nbdMap(fileText(file("map.json"))));
+    }
+}
+
+// Data and holes copied onto a fresh disk and onto one full of data: the
+// holes become zero requests, which leave unwritten grains unallocated and
+// zero written ones.
+TEST_F(NbdkitPluginTest, writesReadBackThroughKordCat)
+{
+    // A sparse file: holes where it holds none of its data. The data covers
+    // grains 1 to 12 and the last one.
+    std::string source(4 << 20, '\0');
+    const disktest::Bytes data = kordtest::pattern(700000, 3);
+    std::copy(data.begin(), data.end(), source.begin() + 100000);
+    std::copy(data.begin(), data.begin() + 5000, source.end() - 5000);
+    {
+        std::ofstream out(file("source.raw"), std::ios::binary);
+        out.seekp(100000).write(source.data() + 100000, 700000);
+        out.seekp(static_cast<std::streamoff>(source.size() - 5000)).write(source.data() + source.size() - 5000, 5000);
+    }
+    disktest::putFile(file("full.raw"), std::string(source.size(), 'x'));
+    // qemu-img first tries to zero the whole disk quickly, which a disk
+    // holding data refuses (ENOTSUP) and a fresh one does at no cost.
+    std::vector<std::string> writers = {"nbdcopy source.raw \"$uri\""};
+    if (kordtest::haveTool("qemu-img")) writers.push_back("qemu-img convert -n -f raw -O raw source.raw \"$uri\"");
+    for (const std::string& writer : writers) {
+        for (const std::string type : {"monolithicSparse", "streamOptimized"}) {
+            for (const bool prefilled : {false, true}) {
+                SCOPED_TRACE(writer + " " + type + (prefilled ? " prefilled" : " fresh"));
+                std::remove(file("disk.vmdk").c_str());
+                ASSERT_EQ(0, kordtest::runCommand("cd '" + temp.path() + "' && '" + kord + "' create -t " + type +
+                                                  " disk.vmdk 4M"));
+                std::string out;
+                if (prefilled) {
+                    ASSERT_EQ(0, serve("disk.vmdk", "", "nbdcopy full.raw \"$uri\"", &out)) << out;
+                }
+                ASSERT_EQ(0, serve("disk.vmdk", "", writer, &out)) << out;
+                EXPECT_TRUE(kordCat("disk.vmdk") == source);
+                EXPECT_EQ(0, kordtest::runCommand("cd '" + temp.path() + "' && '" + kord + "' check disk.vmdk", &out)) << out;
+                if (!prefilled) {
+                    // Only the grains that hold the source's data were stored.
+                    const long long grain = disktest::grainBytes;
+                    const Ranges expected = {{grain, 13 * grain - grain}, {(4 << 20) - grain, grain}};
+                    EXPECT_EQ(expected, kordMap("disk.vmdk"));
+                }
+            }
+        }
+    }
+}
+
+// Zero requests as libnbd sends them: a fast one over unwritten grains
+// succeeds without storing anything, over data it is refused (ENOTSUP) and
+// changes nothing; a plain one zeros a written grain's part and leaves the
+// unwritten grain it reaches into unallocated.
+TEST_F(NbdkitPluginTest, zeroingKeepsUnwrittenGrainsUnallocated)
+{
+    if (kordtest::runCommand("/usr/bin/python3 -c 'import nbd'") != 0)
+        GTEST_SKIP() << "libnbd's Python module is not installed (package python3-libnbd)";
+    const long long grain = disktest::grainBytes;
+    const disktest::Bytes data = kordtest::pattern(grain, 8);
+    {
+        zu::P<zu::IFileSystem> fs = zu::newObj<zu::CLocalFileSystem>();
+        zu::P<kord::CVMDKDisk> disk = kord::CVMDKDisk::create(fs, disktest::fileURI(file("disk.vmdk")),
+                                                              disktest::params("monolithicSparse", 8192));
+        disktest::writeAt(*disk, 0, data);
+    }
+    disktest::putFile(file("zero.py"), R"(import nbd, sys
+h = nbd.NBD()
+h.connect_uri(sys.argv[1])
+h.zero(3 * 65536, 2 * 65536, nbd.CMD_FLAG_FAST_ZERO)
+try:
+    h.zero(65536, 0, nbd.CMD_FLAG_FAST_ZERO)
+except nbd.Error as e:
+    print("refused", e.errno)
+h.zero(70000, 100)
+)");
+    std::string out;
+    ASSERT_EQ(0, serve("disk.vmdk", "", "/usr/bin/python3 zero.py \"$uri\"", &out)) << out;
+    EXPECT_EQ("refused ENOTSUP\n", out);
+    std::string expected(4 << 20, '\0');
+    std::copy(data.begin(), data.begin() + 100, expected.begin());
+    EXPECT_TRUE(kordCat("disk.vmdk") == expected);
+    EXPECT_EQ((Ranges{{0, grain}}), kordMap("disk.vmdk"));
+}
+
+TEST_F(NbdkitPluginTest, secondServerFailsOnTheLock)
+{
+    kordtest::makeSampleDisks(temp.path());
+    const std::string inner = "nbdkit -U - " + plugin + " file=monolithic.vmdk";
+    struct Case {
+        const char* outer;
+        const char* inner;
+        int status;
+    } cases[] = {{"", "", 1}, {"", "readonly=true", 1}, {"readonly=true", "", 1}, {"readonly=true", "readonly=true", 0}};
+    for (const Case& c : cases) {
+        SCOPED_TRACE(std::string(c.outer) + " / " + c.inner);
+        std::string out;
+        EXPECT_EQ(c.status, serve("monolithic.vmdk", c.outer,
+                                  inner + " " + c.inner + " --run true", &out));
+        if (c.status != 0) {
+            EXPECT_NE(std::string::npos, out.find("The lock file is held by another process.")) << out;
+        }
+    }
+    // A server that went into the background keeps the lock (its parent
+    // process left the disk alone when it exited).
+    std::string out;
+    ASSERT_EQ(0, kordtest::runCommand("cd '" + temp.path() + "' && nbdkit -U \"$PWD/sock\" -P \"$PWD/pid\" " + plugin + " file=monolithic.vmdk", &out))
+        << out;
+    EXPECT_EQ(1, serve("monolithic.vmdk", "readonly=true", "true", &out));
+    EXPECT_NE(std::string::npos, out.find("The lock file is held by another process.")) << out;
+    EXPECT_EQ(0, kordtest::runCommand("cd '" + temp.path() + "' && pid=$(cat pid) && kill $pid && "
+                                      "while kill -0 $pid 2>/dev/null; do sleep 0.05; done"));
+    EXPECT_EQ(0, serve("monolithic.vmdk", "", "true", &out)) << out;
+}
+
+// A damaged grain fails the client's request with EIO and puts kord's
+// message in nbdkit's log; problems at start stop the server with kord's
+// message.
+TEST_F(NbdkitPluginTest, failuresReachBothEnds)
+{
+    kordtest::makeSampleDisks(temp.path());
+    // Cuts off the last grain, which the disk's tables still point to.
+    std::filesystem::resize_file(file("monolithic.vmdk"), std::filesystem::file_size(file("monolithic.vmdk")) - 32768);
+    std::string out;
+    EXPECT_NE(0, serve("monolithic.vmdk", "readonly=true", "nbdcopy \"$uri\" copy.raw", &out));
+    EXPECT_NE(std::string::npos, out.find("kord[1]: error: VMDK grain table entry points past the end of the extent file."))
+        << out;
+    EXPECT_NE(std::string::npos, out.find("Input/output error")) << out;
+
+    struct Case {
+        std::string disk;
+        std::string params;
+        std::string message;
+    } cases[] = {
+        {"encrypted.vmdk", "", "VMDK is encrypted but no password provided"},
+        {"encrypted.vmdk", "password=wrong", "Specified VMDK encryption password is not correct."},
+        {"missing.vmdk", "", "Cannot open the file: No such file or directory."},
+        {"stream.vmdk", "readonly=maybe", "could not decipher boolean"},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.disk + " " + c.params);
+        EXPECT_EQ(1, serve(c.disk, c.params, "true", &out));
+        EXPECT_NE(std::string::npos, out.find(c.message)) << out;
+    }
+}
+
+} // namespace
