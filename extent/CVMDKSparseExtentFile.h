@@ -62,6 +62,8 @@ public:
     zu::P<CVMDKDataPreparer> createDataPreparer() override { return grain->createDataPreparer(); }
     void writePreparedGrainData(const zu::TBuffer<unsigned char>& preparedData) override;
     void readPreparedGrainData(zu::TBuffer<unsigned char>& preparedData) override;
+    bool readStoredGrainData(zu::TBuffer<unsigned char>& data) override;
+    void writeStoredGrainData(const zu::TBuffer<unsigned char>& data) override;
     bool makeGrainIndependentOfParent(long long grainIndex) override;
     bool isGrainWritten() override;
     bool isGrainWrittenAndIndependentOfParent() override;
