@@ -94,6 +94,18 @@ void COptimizingIOStream::read(void* data, int bytes)
     }
 }
 
+void COptimizingIOStream::readUnbuffered(void* data, int bytes)
+{
+    checkOpen();
+    if (bytes < 0) throw CInvalidArgError("COptimizingIOStream::readUnbuffered", "Negative byte count");
+    if (bytes > getLength() - position) throwEndOfData(bytes);
+    long long start = position;
+    if (readDirect(data, bytes) < bytes) {
+        position = start;
+        throwEndOfData(bytes);
+    }
+}
+
 int COptimizingIOStream::readLax(void* data, int bytes)
 {
     checkOpen();

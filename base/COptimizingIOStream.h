@@ -13,7 +13,11 @@
 
 namespace zu {
 
-class COptimizingIOStream : public CBase, public IIOStream, public IAlignedStreamBase, public IDurableStream {
+class COptimizingIOStream : public CBase,
+                            public IIOStream,
+                            public IAlignedStreamBase,
+                            public IDurableStream,
+                            public IUnbufferedReadStream {
 public:
     static constexpr int defaultBlockBytes = 64 * 1024;
     static constexpr int defaultWriteBehindBytes = 1024 * 1024;
@@ -32,6 +36,8 @@ public:
     void read(void* data, int bytes) override;
     int readLax(void* data, int bytes) override;
     int readAvailable(void* data, int bytes) override;
+    // Straight from the inner stream, whatever the size; throws like read.
+    void readUnbuffered(void* data, int bytes) override;
     bool waitReadable(int timeoutMs) const override;
     bool isEndOfStream() const override;
     bool isEndOfStream_NonBlocking() const override;

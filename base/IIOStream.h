@@ -93,6 +93,14 @@ public:
     virtual int getBestPerformancePositionAlign() const = 0;
 };
 
+// Buffering streams, for callers that know a small read is not followed by
+// its neighbours (a random read): the bytes come from the file as asked,
+// without filling a read-ahead block around them. Earlier writes are seen.
+class IUnbufferedReadStream : public virtual IBase {
+public:
+    virtual void readUnbuffered(void* data, int bytes) = 0;
+};
+
 // Streams whose data can be made durable (on stable storage, surviving a
 // power loss), beyond flush(), which only hands it to the OS.
 class IDurableStream : public virtual IBase {

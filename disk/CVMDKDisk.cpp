@@ -738,27 +738,57 @@ void CVMDKDisk::checkPreparedGrainPosition(const char* kind) const
 
 void CVMDKDisk::writePreparedGrainData(const zu::TBuffer<unsigned char>& preparedData)
 {
+    writeWholeGrain(preparedData, false);
+}
+
+void CVMDKDisk::writeWholeGrain(const zu::TBuffer<unsigned char>& data, bool stored)
+{
     checkPreparedGrainPosition("write");
     prepareDataWrite("write");
     zu::P<IVMDKExtentFile> extent;
+    // Grains span extents only in other tools' disks, which are never
+    // encrypted: there the stored form is the prepared one.
     if (!beginGrainOp("Internal error: CVMDKDisk::beginIOOp in CVMDKDisk::writePreparedGrainData returned less than "
                       "the grain size.",
                       extent))
-        return writeSpanningGrain(preparedData);
-    extent->writePreparedGrainData(preparedData);
+        return writeSpanningGrain(data);
+    if (stored)
+        extent->writeStoredGrainData(data);
+    else
+        extent->writePreparedGrainData(data);
     position += grainSizeBytes;
 }
 
-void CVMDKDisk::readPreparedGrainData(zu::TBuffer<unsigned char>& preparedData)
+zu::P<CVMDKGrainCipher> CVMDKDisk::createGrainCipher() const
+{
+    if (!cipher) return nullptr;
+    return zu::newObj<CVMDKGrainCipher>(zu::newObj<pell::CCipher_AES256CBC>(), encryptionKey, encryptionIV,
+                                        grainSizeBytes, compressed);
+}
+
+void CVMDKDisk::writeStoredGrainData(const zu::TBuffer<unsigned char>& data) { writeWholeGrain(data, true); }
+
+bool CVMDKDisk::readStoredGrainData(zu::TBuffer<unsigned char>& data) { return readWholeGrain(data, true); }
+
+void CVMDKDisk::readPreparedGrainData(zu::TBuffer<unsigned char>& preparedData) { readWholeGrain(preparedData, false); }
+
+bool CVMDKDisk::readWholeGrain(zu::TBuffer<unsigned char>& data, bool stored)
 {
     checkPreparedGrainPosition("read");
     zu::P<IVMDKExtentFile> extent;
     if (!beginGrainOp("Internal error: CVMDKDisk::beginIOOp in CVMDKDisk::tryRreparedGrainData returned less than the "
                       "grain size.",
-                      extent))
-        return readSpanningGrain(preparedData);
-    extent->readPreparedGrainData(preparedData);
+                      extent)) {
+        readSpanningGrain(data);
+        return false;
+    }
+    bool encrypted = false;
+    if (stored)
+        encrypted = extent->readStoredGrainData(data);
+    else
+        extent->readPreparedGrainData(data);
     position += grainSizeBytes;
+    return encrypted;
 }
 
 bool CVMDKDisk::makeGrainIndependentOfParent(long long grainIndex)

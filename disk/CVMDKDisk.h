@@ -31,6 +31,7 @@
 #include "descriptor/CVMDKDescriptor.h"
 #include "descriptor/CVMDKDescriptorAccessor.h"
 #include "extent/IVMDKExtentFile.h"
+#include "grain/CVMDKGrainCipher.h"
 #include "grain/CVMDKGrainTableCache.h"
 
 #include <vector>
@@ -149,6 +150,15 @@ public:
     zu::P<CVMDKDataPreparer> createDataPreparer();
     void writePreparedGrainData(const zu::TBuffer<unsigned char>& preparedData);
     void readPreparedGrainData(zu::TBuffer<unsigned char>& preparedData);
+    // For threads that encrypt and decrypt grains beside the disk's own
+    // thread, each with its own cipher (null when the disk is not
+    // encrypted): whole grains in stored form, which is the prepared form
+    // encrypted. readStoredGrainData answers whether the grain came
+    // encrypted (false: in prepared form, as readPreparedGrainData gives
+    // it, for grains this disk does not store itself).
+    zu::P<CVMDKGrainCipher> createGrainCipher() const;
+    bool readStoredGrainData(zu::TBuffer<unsigned char>& data);
+    void writeStoredGrainData(const zu::TBuffer<unsigned char>& data);
     // Copies the parent's grain (disk-wide index) into this disk.
     bool makeGrainIndependentOfParent(long long grainIndex);
     // The grain at the position is stored in this disk or its parent chain
@@ -270,6 +280,9 @@ private:
     // The extent holding the whole grain at the position: false (in a
     // disk opened by openAny) where the grain spans extents.
     bool beginGrainOp(const char* internalMessage, zu::P<IVMDKExtentFile>& extent);
+    // Whole-grain transfers in prepared or stored form.
+    bool readWholeGrain(zu::TBuffer<unsigned char>& data, bool stored);
+    void writeWholeGrain(const zu::TBuffer<unsigned char>& data, bool stored);
     CVMDKDataPreparer& spanningGrainPreparer();
     void readSpanningGrain(zu::TBuffer<unsigned char>& preparedData);
     void writeSpanningGrain(const zu::TBuffer<unsigned char>& preparedData);

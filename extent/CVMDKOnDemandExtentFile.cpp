@@ -89,6 +89,12 @@ void CVMDKOnDemandExtentFile::writePreparedGrainData(const zu::TBuffer<unsigned 
     inner->writePreparedGrainData(preparedData);
 }
 
+void CVMDKOnDemandExtentFile::writeStoredGrainData(const zu::TBuffer<unsigned char>& data)
+{
+    prepareWrite();
+    inner->writeStoredGrainData(data);
+}
+
 bool CVMDKOnDemandExtentFile::makeGrainIndependentOfParent(long long grainIndex)
 {
     prepareWrite();

@@ -45,6 +45,8 @@ public:
     {
         inner->readPreparedGrainData(preparedData);
     }
+    bool readStoredGrainData(zu::TBuffer<unsigned char>& data) override { return inner->readStoredGrainData(data); }
+    void writeStoredGrainData(const zu::TBuffer<unsigned char>& data) override;
     bool makeGrainIndependentOfParent(long long grainIndex) override;
     bool isGrainWritten() override { return inner->isGrainWritten(); }
     bool isGrainWrittenAndIndependentOfParent() override { return inner->isGrainWrittenAndIndependentOfParent(); }

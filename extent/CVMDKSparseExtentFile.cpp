@@ -333,11 +333,28 @@ void CVMDKSparseExtentFile::writePreparedGrainData(const zu::TBuffer<unsigned ch
     position += grainSizeBytes;
 }
 
+void CVMDKSparseExtentFile::writeStoredGrainData(const zu::TBuffer<unsigned char>& data)
+{
+    refuseChangesOfForeignStream();
+    checkPreparedGrainOp(true);
+    onAboutToChange();
+    grain->writeStoredGrainData(data);
+    position += grainSizeBytes;
+}
+
 void CVMDKSparseExtentFile::readPreparedGrainData(zu::TBuffer<unsigned char>& preparedData)
 {
     checkPreparedGrainOp(false);
     grain->readPreparedGrainData(preparedData);
     position += grainSizeBytes;
+}
+
+bool CVMDKSparseExtentFile::readStoredGrainData(zu::TBuffer<unsigned char>& data)
+{
+    checkPreparedGrainOp(false);
+    bool stored = grain->readStoredGrainData(data);
+    position += grainSizeBytes;
+    return stored;
 }
 
 bool CVMDKSparseExtentFile::makeGrainIndependentOfParent(long long grainIndex)

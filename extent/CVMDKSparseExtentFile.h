@@ -83,6 +83,8 @@ public:
     void setSyncEnabled(bool enabled) override;
     void writePreparedGrainData(const zu::TBuffer<unsigned char>& preparedData) override;
     void readPreparedGrainData(zu::TBuffer<unsigned char>& preparedData) override;
+    bool readStoredGrainData(zu::TBuffer<unsigned char>& data) override;
+    void writeStoredGrainData(const zu::TBuffer<unsigned char>& data) override;
     bool makeGrainIndependentOfParent(long long grainIndex) override;
     bool isGrainWritten() override;
     bool isGrainWrittenAndIndependentOfParent() override;

@@ -35,6 +35,15 @@ public:
     // One whole grain in prepared form, at a grain boundary; advances by one grain.
     virtual void writePreparedGrainData(const zu::TBuffer<unsigned char>& preparedData) = 0;
     virtual void readPreparedGrainData(zu::TBuffer<unsigned char>& preparedData) = 0;
+    // The same in stored form, for threads that encrypt and decrypt beside
+    // the disk's (CVMDKGrain::readStoredGrainData and writeStoredGrainData).
+    // An extent without encryption stores grains in prepared form.
+    virtual bool readStoredGrainData(zu::TBuffer<unsigned char>& data)
+    {
+        readPreparedGrainData(data);
+        return false;
+    }
+    virtual void writeStoredGrainData(const zu::TBuffer<unsigned char>& data) { writePreparedGrainData(data); }
     // Copies the parent's data of the grain (index within the extent) into
     // this extent when it has none of its own; false when there is no
     // parent to copy from.

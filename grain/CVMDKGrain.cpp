@@ -34,25 +34,22 @@ CVMDKGrain::CVMDKGrain(zu::IIOStream* stream, int access, long long grainSizeSec
                        bool compressed, int compressionLevel, IVMDKDataProvider* fallback, pell::ICipher* cipher,
                        const zu::TCryptBuffer<unsigned char>& key, const zu::TBuffer<unsigned char>& diskIV,
                        long long extentStartBytes)
-    : stream(stream), access(access), allocator(allocator), grainSizeSectors(grainSizeSectors),
+    : stream(stream), unbufferedStream(dynamic_cast<zu::IUnbufferedReadStream*>(stream)), access(access),
+      allocator(allocator), grainSizeSectors(grainSizeSectors),
       grainSize(grainSizeSectors * vmdkSectorSize), compressed(compressed), compressionLevel(compressionLevel),
-      fallback(fallback), cipher(cipher), key(key), diskIV(diskIV), extentStartBytes(extentStartBytes),
+      fallback(fallback), extentStartBytes(extentStartBytes),
       preparer(zu::newObj<CVMDKDataPreparer>(grainSizeSectors, compressed, compressionLevel))
 {
+    if (cipher) grainCipher = zu::newObj<CVMDKGrainCipher>(cipher, key, diskIV, grainSize, compressed);
     long long maxPreparedBytes = preparer->getMaxPreparedSectors() * vmdkSectorSize;
-    if (cipher) {
-        long long header = compressed ? grainHeaderBytes : 0;
-        maxPreparedBytes = roundUp(maxPreparedBytes - header, cipher->getBlockSize()) + header;
-    }
+    if (grainCipher) maxPreparedBytes = grainCipher->getStoredSize(maxPreparedBytes);
     maxCompressedSlotSectors = roundUp(maxPreparedBytes, vmdkSectorSize) / vmdkSectorSize;
 }
 
 void CVMDKGrain::makeGrainEncryptIV(zu::TBuffer<unsigned char>& iv, const zu::TBuffer<unsigned char>& diskIV,
                                     long long grainIndex)
 {
-    iv.assign(diskIV.getData(), diskIV.getUsed());
-    for (long long i = 0; i < iv.getUsed(); ++i)
-        iv[i] = static_cast<unsigned char>(iv[i] ^ ((grainIndex >> (8 * (i % 8))) & 0xFF));
+    CVMDKGrainCipher::makeGrainIV(iv, diskIV, grainIndex);
 }
 
 zu::CProps CVMDKGrain::grainProps() const
@@ -83,6 +80,7 @@ void CVMDKGrain::open(long long newExtentGrainIndex, long long newDiskGrainIndex
     posSectors = newPosSectors;
     slotSizeSectors = newSlotSizeSectors;
     posInGrain = 0;
+    rangeRead = false;
 }
 
 void CVMDKGrain::close()
@@ -110,14 +108,40 @@ void CVMDKGrain::seek(long long position)
     posInGrain = position;
 }
 
+void CVMDKGrain::readFile(long long filePosition, unsigned char* target, long long bytes)
+{
+    stream->seek(filePosition);
+    if (unbufferedStream)
+        unbufferedStream->readUnbuffered(target, static_cast<int>(bytes));
+    else
+        stream->read(target, static_cast<int>(bytes));
+}
+
+void CVMDKGrain::readStoredRange(unsigned char* target, long long offset, long long bytes)
+{
+    long long grainStart = posSectors * vmdkSectorSize;
+    if (!grainCipher) {
+        readFile(grainStart + offset, target, bytes);
+        return;
+    }
+    // CBC: block k decrypts with ciphertext block k - 1 as its IV (the
+    // grain's IV for block 0).
+    long long block = grainCipher->getBlockSize();
+    long long first = offset / block * block;
+    long long end = roundUp(offset + bytes, block);
+    long long from = first > 0 ? first - block : 0;
+    work.setUsed(end - from);
+    readFile(grainStart + from, work.getData(), end - from);
+    grainCipher->decryptBlocks(work.getData() + (first - from), end - first, diskGrainIndex,
+                               first > 0 ? work.getData() : nullptr);
+    std::memcpy(target, work.getData() + (offset - from), static_cast<size_t>(bytes));
+}
+
 void CVMDKGrain::readUncompressedGrain(unsigned char* target)
 {
     stream->seek(posSectors * vmdkSectorSize);
     stream->read(target, static_cast<int>(grainSize));
-    if (cipher) {
-        makeGrainEncryptIV(grainIV, diskIV, diskGrainIndex);
-        cipher->decryptBlocksInPlace(key.getData(), target, static_cast<int>(grainSize), grainIV.getData());
-    }
+    if (grainCipher) grainCipher->decryptBlocks(target, grainSize, diskGrainIndex, nullptr);
 }
 
 long long CVMDKGrain::checkStoredCompressedGrain(const unsigned char* firstSector, long long grainPosSectors,
@@ -140,8 +164,7 @@ long long CVMDKGrain::checkStoredCompressedGrain(const unsigned char* firstSecto
         return report(CVMDKProblem::kindBadGrainHeader,
                       "Error reading compressed data from VMDK. Invalid compressed grain size.");
     long long preparedBytes = roundUp(grainHeaderBytes + size, vmdkSectorSize);
-    long long storedBytes = cipher ? grainHeaderBytes + roundUp(preparedBytes - grainHeaderBytes, cipher->getBlockSize())
-                                   : grainHeaderBytes + size;
+    long long storedBytes = grainCipher ? grainCipher->getStoredSize(preparedBytes) : grainHeaderBytes + size;
     if (storedBytes > grainSlotSectors * vmdkSectorSize)
         return report(CVMDKProblem::kindSlotTooSmall, "VMDK compressed grain runs past its slot.");
     if (position + storedBytes > fileSize)
@@ -149,27 +172,32 @@ long long CVMDKGrain::checkStoredCompressedGrain(const unsigned char* firstSecto
     return storedBytes;
 }
 
-void CVMDKGrain::readCompressedGrain(zu::TBuffer<unsigned char>& out)
+void CVMDKGrain::readStoredCompressedGrain(zu::TBuffer<unsigned char>& out)
 {
     out.setUsed(vmdkSectorSize);
     stream->seek(posSectors * vmdkSectorSize);
     stream->read(out.getData(), vmdkSectorSize);
     long long storedBytes = checkStoredCompressedGrain(out.getData(), posSectors, slotSizeSectors, throwVMDKProblem);
-    long long size = static_cast<std::int32_t>(zu::loadLE32(out.getData() + 8));
-    long long preparedBytes = roundUp(grainHeaderBytes + size, vmdkSectorSize);
-    // Growing keeps the used bytes: the sector already read.
-    out.setUsed(std::max(storedBytes, preparedBytes));
+    // Growing keeps the used bytes: the sector already read. (A sector is
+    // read at least, which may be more than an unencrypted grain stores.)
+    out.setUsed(std::max<long long>(storedBytes, vmdkSectorSize));
     if (storedBytes > vmdkSectorSize)
         stream->read(out.getData() + vmdkSectorSize, static_cast<int>(storedBytes - vmdkSectorSize));
-    if (cipher) {
-        makeGrainEncryptIV(grainIV, diskIV, diskGrainIndex);
-        cipher->decryptBlocksInPlace(key.getData(), out.getData() + grainHeaderBytes,
-                                     static_cast<int>(storedBytes - grainHeaderBytes), grainIV.getData());
-    } else {
-        // Bytes past the deflate data up to the sector end: zeros in the prepared form.
-        std::memset(out.getData() + storedBytes, 0, static_cast<size_t>(preparedBytes - storedBytes));
+    out.setUsed(storedBytes);
+}
+
+void CVMDKGrain::readCompressedGrain(zu::TBuffer<unsigned char>& out)
+{
+    readStoredCompressedGrain(out);
+    if (grainCipher) {
+        grainCipher->decrypt(out, diskGrainIndex);
+        return;
     }
+    // Bytes past the deflate data up to the sector end: zeros in the prepared form.
+    long long storedBytes = out.getUsed();
+    long long preparedBytes = roundUp(storedBytes, vmdkSectorSize);
     out.setUsed(preparedBytes);
+    std::memset(out.getData() + storedBytes, 0, static_cast<size_t>(preparedBytes - storedBytes));
 }
 
 // Fills target (one grain) with the grain's plain contents.
@@ -228,6 +256,12 @@ void CVMDKGrain::read(void* target, int bytes)
             posInGrain += bytes;
             return;
         }
+        if (posSectors > 0 && !compressed && !rangeRead) {
+            readStoredRange(out, posInGrain, bytes);
+            rangeRead = true;
+            posInGrain += bytes;
+            return;
+        }
         data.setUsed(grainSize);
         loadContents(data.getData());
         dataLoaded = true;
@@ -283,10 +317,10 @@ void CVMDKGrain::storePlain(const unsigned char* plain)
 {
     if (compressed) {
         preparer->prepareGrainData(plain, grainSize, diskGrainIndex, prepared);
-        writePreparedGrainDataInternal(prepared.getData(), prepared.getUsed(), nullptr);
+        writePreparedGrainDataInternal(prepared.getData(), prepared.getUsed(), nullptr, false);
         preparedLoaded = true;
     } else {
-        writePreparedGrainDataInternal(plain, grainSize, nullptr);
+        writePreparedGrainDataInternal(plain, grainSize, nullptr, false);
     }
 }
 
@@ -305,7 +339,7 @@ void CVMDKGrain::verifyAtGrainStart(const char* message, bool withSize, long lon
     throw zu::CIOError(zu::CIOError::codeWrite, message, props);
 }
 
-void CVMDKGrain::checkPreparedWrite(long long size) const
+void CVMDKGrain::checkPreparedWrite(long long size, bool stored) const
 {
     verifyWriteAccess("writePreparedGrainData");
     verifyAtGrainStart("CVMDKGrain::writePreparedGrainData can only be called when the position in the grain is 0.",
@@ -314,6 +348,13 @@ void CVMDKGrain::checkPreparedWrite(long long size) const
         throw zu::CIOError(zu::CIOError::codeWrite, "CVMDKGrain::writePreparedGrainData called with zero-length prepared data.",
                            grainProps().set("preparedDataSize", size));
     long long limit = compressed ? preparer->getMaxPreparedSectors() * vmdkSectorSize : grainSize;
+    if (stored && grainCipher) {
+        limit = grainCipher->getStoredSize(limit);
+        // Encrypted, it can no longer be padded to the grain.
+        if (!compressed && size != grainSize)
+            throw zu::CInvalidArgError("CVMDKGrain::writeStoredGrainData", "stored uncompressed grain data must be one grain",
+                                       grainProps().set("preparedDataSize", size));
+    }
     if (size > limit)
         throw zu::CInvalidArgError("CVMDKGrain::writePreparedGrainData", "prepared data is bigger than a prepared grain can be",
                                    grainProps().set("preparedDataSize", size).set("maxPreparedDataSize", limit));
@@ -321,19 +362,28 @@ void CVMDKGrain::checkPreparedWrite(long long size) const
 
 void CVMDKGrain::writePreparedGrainData(const zu::TBuffer<unsigned char>& source)
 {
-    checkPreparedWrite(source.getUsed());
+    checkPreparedWrite(source.getUsed(), false);
     dropCachedBuffers();
     dirty = false;
-    writePreparedGrainDataInternal(source.getData(), source.getUsed(), nullptr);
+    writePreparedGrainDataInternal(source.getData(), source.getUsed(), nullptr, false);
     posInGrain = grainSize;
 }
 
 void CVMDKGrain::writePreparedGrainDataKeepBuffer(const zu::TConstBufferSlice<unsigned char>& source)
 {
-    checkPreparedWrite(source.getLength());
+    checkPreparedWrite(source.getLength(), false);
     dropCachedBuffers();
     dirty = false;
-    writePreparedGrainDataInternal(source.getData(), source.getLength(), &source);
+    writePreparedGrainDataInternal(source.getData(), source.getLength(), &source, false);
+    posInGrain = grainSize;
+}
+
+void CVMDKGrain::writeStoredGrainData(const zu::TBuffer<unsigned char>& source)
+{
+    checkPreparedWrite(source.getUsed(), true);
+    dropCachedBuffers();
+    dirty = false;
+    writePreparedGrainDataInternal(source.getData(), source.getUsed(), nullptr, true);
     posInGrain = grainSize;
 }
 
@@ -344,26 +394,18 @@ void CVMDKGrain::copyPaddedIntoWork(const unsigned char* source, long long size,
     if (size < padded) std::memset(work.getData() + size, 0, static_cast<size_t>(padded - size));
 }
 
-void CVMDKGrain::encryptInto(const unsigned char* source, long long size)
-{
-    makeGrainEncryptIV(grainIV, diskIV, diskGrainIndex);
-    long long header = compressed ? grainHeaderBytes : 0;
-    long long payload = compressed ? roundUp(size - header, cipher->getBlockSize()) : grainSize;
-    copyPaddedIntoWork(source, size, header + payload);
-    cipher->encryptBlocksInPlace(key.getData(), work.getData() + header, static_cast<int>(payload), grainIV.getData());
-}
-
 void CVMDKGrain::writePreparedGrainDataInternal(const unsigned char* source, long long size,
-                                                const zu::TConstBufferSlice<unsigned char>* keep)
+                                                const zu::TConstBufferSlice<unsigned char>* keep, bool encrypted)
 {
     // An uncompressed grain fills its slot: shorter data would leave old
     // bytes behind it in place, or end the file inside the slot.
     bool padded = !compressed && size < grainSize;
-    if (cipher)
-        encryptInto(source, size);
+    bool encrypt = grainCipher && !encrypted;
+    if (encrypt)
+        grainCipher->encrypt(source, size, diskGrainIndex, work);
     else if (padded)
         copyPaddedIntoWork(source, size, grainSize);
-    if (cipher || padded) {
+    if (encrypt || padded) {
         source = work.getData();
         size = work.getUsed();
         keep = nullptr;
@@ -372,7 +414,7 @@ void CVMDKGrain::writePreparedGrainDataInternal(const unsigned char* source, lon
     // A torn write leaves every byte of a plain grain old or new, but makes
     // a compressed or encrypted grain unreadable: those are rewritten in
     // place only where no durable table points at them.
-    bool tearSafe = !compressed && !cipher;
+    bool tearSafe = !compressed && !grainCipher;
     bool inPlace = posSectors > 0 && (!compressed || sectors <= slotSizeSectors) &&
                    (tearSafe || allocator->isSlotUncommitted(posSectors));
     if (inPlace) {
@@ -442,6 +484,26 @@ void CVMDKGrain::readPreparedGrainData(zu::TBuffer<unsigned char>& out)
         readUncompressedGrain(out.getData());
     }
     posInGrain = grainSize;
+}
+
+bool CVMDKGrain::readStoredGrainData(zu::TBuffer<unsigned char>& out)
+{
+    verifyAtGrainStart("CVMDKGrain::tryReadPreparedGrainData can only be called when the position in the grain is 0.",
+                       false, 0);
+    flushChangesToStream();
+    if (!grainCipher || posSectors <= 0) {
+        readPreparedGrainData(out);
+        return false;
+    }
+    if (compressed) {
+        readStoredCompressedGrain(out);
+    } else {
+        out.setUsed(grainSize);
+        stream->seek(posSectors * vmdkSectorSize);
+        stream->read(out.getData(), static_cast<int>(grainSize));
+    }
+    posInGrain = grainSize;
+    return true;
 }
 
 long long CVMDKGrain::makeIndependentOfParent()

@@ -5,6 +5,13 @@
 // the data preparer), encrypts and stores, in place or in new space from the
 // grain allocator.
 //
+// A first read of part of a stored uncompressed grain reads only the bytes
+// asked for (for an encrypted grain, the cipher blocks that hold them and
+// the one before, which CBC decryption needs), straight from the file: a
+// random 4 KiB read costs a 4 KiB read. A second read of the same grain
+// suggests that more will follow, and loads the grain whole. Compressed
+// grains are always read and expanded whole, and kept.
+//
 // Whole-grain transfers take a direct path: they move between the caller's
 // buffer and the file without passing through the grain's own buffer
 // (encryption needs one copy, since the caller's data is not ours to
@@ -18,11 +25,7 @@
 // allocator. Changes are stored when the grain is closed or flushed, never
 // by the destructor (the extent flushes in its order).
 //
-// Encrypted grains (AES-256-CBC, per-grain IV from makeGrainEncryptIV):
-// uncompressed grains are encrypted whole; compressed grains keep their
-// 12-byte header in the clear and have the rest (padded with zeros to the
-// cipher block) encrypted, so a stored compressed grain is 12 + P bytes,
-// where P is its prepared size rounded up to sectors.
+// Encrypted grains are stored as CVMDKGrainCipher describes.
 #pragma once
 
 #include "base/IIOStream.h"
@@ -30,6 +33,7 @@
 #include "crypto/ICipher.h"
 #include "format/CVMDKProblem.h"
 #include "grain/CVMDKDataPreparer.h"
+#include "grain/CVMDKGrainCipher.h"
 #include "grain/IVMDKDataProvider.h"
 #include "grain/IVMDKGrainAllocator.h"
 
@@ -62,7 +66,7 @@ public:
     long long getSlotSizeSectors() const { return slotSizeSectors; }
     long long getPosInGrain() const { return posInGrain; }
     long long getGrainSizeBytes() const { return grainSize; }
-    bool isEncrypted() const { return cipher != nullptr; }
+    bool isEncrypted() const { return grainCipher != nullptr; }
 
     void seek(long long position);
     void read(void* data, int bytes);
@@ -71,6 +75,14 @@ public:
     void readPreparedGrainData(zu::TBuffer<unsigned char>& out);
     void writePreparedGrainData(const zu::TBuffer<unsigned char>& data);
     void writePreparedGrainDataKeepBuffer(const zu::TConstBufferSlice<unsigned char>& data);
+    // The whole grain as stored, still encrypted, when the extent is
+    // encrypted and holds the grain (true); otherwise its prepared form as
+    // readPreparedGrainData gives it (false). For threads that decrypt
+    // beside the disk's (CVMDKGrainCipher::decrypt).
+    bool readStoredGrainData(zu::TBuffer<unsigned char>& out);
+    // A whole grain in stored form (CVMDKGrainCipher::encrypt of this
+    // disk's key); without encryption the same as writePreparedGrainData.
+    void writeStoredGrainData(const zu::TBuffer<unsigned char>& data);
     // Copies the parent's grain into this extent when it has no storage;
     // returns the bytes the grain now covers.
     long long makeIndependentOfParent();
@@ -99,20 +111,28 @@ private:
     void dropCachedBuffers();
     void loadContents(unsigned char* target);
     void readUncompressedGrain(unsigned char* target);
+    // The stored bytes of a compressed grain, checked against its slot and the file.
+    void readStoredCompressedGrain(zu::TBuffer<unsigned char>& stored);
     void readCompressedGrain(zu::TBuffer<unsigned char>& prepared);
+    // Bytes [offset, offset + bytes) of the stored uncompressed grain.
+    void readStoredRange(unsigned char* target, long long offset, long long bytes);
+    void readFile(long long filePosition, unsigned char* target, long long bytes);
     void expandPrepared(unsigned char* target);
     bool needsStoring(const unsigned char* plain) const;
     void storePlain(const unsigned char* plain);
-    void checkPreparedWrite(long long size) const;
+    // stored: the data is in stored form (encrypted where the extent is).
+    void checkPreparedWrite(long long size, bool stored) const;
+    // encrypted: the data is in stored form already.
     void writePreparedGrainDataInternal(const unsigned char* data, long long size,
-                                        const zu::TConstBufferSlice<unsigned char>* keep);
+                                        const zu::TConstBufferSlice<unsigned char>* keep, bool encrypted);
     void copyPaddedIntoWork(const unsigned char* data, long long size, long long padded);
-    void encryptInto(const unsigned char* data, long long size);
     void initZeroGrainData();
     void verifyWriteAccess(const char* operation) const;
     void verifyAtGrainStart(const char* message, bool withSize, long long preparedSize) const;
 
     zu::P<zu::IIOStream> stream;
+    // The stream's unbuffered reads, when it offers them (it is the stream).
+    zu::IUnbufferedReadStream* unbufferedStream;
     int access;
     zu::P<IVMDKGrainAllocator> allocator;
     long long grainSizeSectors;
@@ -120,9 +140,8 @@ private:
     bool compressed;
     int compressionLevel;
     zu::P<IVMDKDataProvider> fallback;
-    zu::P<pell::ICipher> cipher;
-    zu::TCryptBuffer<unsigned char> key;
-    zu::TBuffer<unsigned char> diskIV;
+    // Null for an extent without encryption.
+    zu::P<CVMDKGrainCipher> grainCipher;
     long long extentStartBytes;
     zu::P<CVMDKDataPreparer> preparer;
 
@@ -131,6 +150,8 @@ private:
     long long posSectors = -1;
     long long slotSizeSectors = -1;
     long long posInGrain = 0;
+    // Part of the open grain was read without loading it.
+    bool rangeRead = false;
 
     // Plain contents, valid when dataLoaded.
     zu::TBuffer<unsigned char> data;
@@ -140,7 +161,6 @@ private:
     zu::TBuffer<unsigned char> prepared;
     bool preparedLoaded = false;
     zu::TBuffer<unsigned char> work;
-    zu::TBuffer<unsigned char> grainIV;
     // The parent's grain in prepared form, being copied into this extent.
     zu::TBuffer<unsigned char> parentGrain;
     zu::P<zu::TBuffer<unsigned char>> zeroGrainPrepared;

@@ -84,13 +84,17 @@ bool canCopyPrepared(kord::CVMDKDisk* from, kord::CVMDKDisk* to, const CConvertO
 void copy(CConvertOptions& options, IConvertSource& source, CDiskSource* sourceDisk, IConvertTarget& target,
           CDiskTarget* targetDisk, CProgress& progress)
 {
-    if (sourceDisk && targetDisk && canCopyPrepared(sourceDisk->getDisk(), targetDisk->getDisk(), options)) {
-        copyPrepared(*sourceDisk, *targetDisk, progress);
-    } else if (targetDisk && options.threads > 1) {
-        CParallelConverter converter(source, targetDisk->getDisk(), options.threads, progress);
+    bool passPrepared =
+        sourceDisk && targetDisk && canCopyPrepared(sourceDisk->getDisk(), targetDisk->getDisk(), options);
+    // Threads pay where grains are deflated, inflated, encrypted or decrypted.
+    bool grainWork = targetDisk || (sourceDisk && CParallelConverter::readsStoredGrains(sourceDisk->getDisk()));
+    if (options.threads > 1 && grainWork) {
+        CParallelConverter converter(source, sourceDisk, target, targetDisk, passPrepared, options.threads, progress);
         converter.run();
-        long long grain = targetDisk->getDisk()->getGrainSizeBytes();
+        long long grain = targetDisk ? targetDisk->getDisk()->getGrainSizeBytes() : sourceDisk->getDisk()->getGrainSizeBytes();
         copyPlain(source, target, grain, source.getSizeBytes() / grain * grain, progress);
+    } else if (passPrepared) {
+        copyPrepared(*sourceDisk, *targetDisk, progress);
     } else {
         long long chunk = targetDisk    ? targetDisk->getDisk()->getGrainSizeBytes()
                           : sourceDisk ? sourceDisk->getDisk()->getGrainSizeBytes()
@@ -152,7 +156,7 @@ void addConvertCommand(CLI::App& app)
                         "Deflate level of streamOptimized output, 0 to 12 (default 1)")
         ->type_name("LEVEL")
         ->check(CLI::Range(0, 12));
-    command->add_option("-j,--threads", options->threads, "Compress grains on this many threads (default 1)")
+    command->add_option("-j,--threads", options->threads, "Compress, expand, encrypt and decrypt grains on this many threads (default 1)")
         ->type_name("THREADS")
         ->check(CLI::Range(1, 256));
     command->add_option("SRC", options->source, "The source: a disk's main file or a raw image")->required();

@@ -11,17 +11,29 @@ constexpr int slotsPerWorker = 4;
 
 } // namespace
 
-CParallelConverter::CParallelConverter(IConvertSource& source, kord::CVMDKDisk* target, int workers,
+CParallelConverter::CParallelConverter(IConvertSource& source, CDiskSource* sourceDisk, IConvertTarget& target,
+                                       CDiskTarget* targetDisk, bool passPrepared, int workerCount,
                                        CProgress& progress)
-    : source(source), target(target), progress(progress), grainBytes(target->getGrainSizeBytes()),
-      grainCount(source.getSizeBytes() / grainBytes), slots(static_cast<size_t>(workers * slotsPerWorker))
+    : source(source), sourceDisk(sourceDisk ? sourceDisk->getDisk() : nullptr), target(target),
+      targetDisk(targetDisk ? targetDisk->getDisk() : nullptr), passPrepared(passPrepared),
+      storedInput(this->sourceDisk && (passPrepared || readsStoredGrains(this->sourceDisk))), progress(progress),
+      grainBytes(this->targetDisk ? this->targetDisk->getGrainSizeBytes() : this->sourceDisk->getGrainSizeBytes()),
+      grainCount(source.getSizeBytes() / grainBytes), workers(static_cast<size_t>(workerCount)),
+      slots(static_cast<size_t>(workerCount * slotsPerWorker))
 {
-    for (int i = 0; i < workers; ++i) preparers.push_back(target->createDataPreparer());
-    for (CSlot& slot : slots) {
-        slot.plain = zu::newObj<zu::TBuffer<unsigned char>>(grainBytes);
-        slot.aux = zu::newObj<zu::TBuffer<unsigned char>>();
+    for (CWorker& worker : workers) {
+        if (storedInput) {
+            worker.sourcePreparer = this->sourceDisk->createDataPreparer();
+            worker.sourceCipher = this->sourceDisk->createGrainCipher();
+        }
+        if (this->targetDisk) {
+            worker.targetPreparer = this->targetDisk->createDataPreparer();
+            worker.targetCipher = this->targetDisk->createGrainCipher();
+        }
     }
 }
+
+bool CParallelConverter::readsStoredGrains(kord::CVMDKDisk* disk) { return disk->getCompressed() || disk->isEncrypted(); }
 
 template <class Ready>
 bool CParallelConverter::waitFor(std::unique_lock<std::mutex>& lock, Ready ready)
@@ -59,7 +71,7 @@ void CParallelConverter::readGrains()
                 if (!waitFor(lock, [&] { return slot.state == stateFree; })) return;
             }
             slot.grainIndex = index;
-            slot.skip = !source.read(index * grainBytes, slot.plain->getData(), grainBytes);
+            readGrain(slot);
             setState(slot, stateRead);
         }
     } catch (...) {
@@ -67,7 +79,20 @@ void CParallelConverter::readGrains()
     }
 }
 
-void CParallelConverter::prepareGrains(kord::CVMDKDataPreparer* preparer)
+void CParallelConverter::readGrain(CSlot& slot)
+{
+    long long position = slot.grainIndex * grainBytes;
+    if (!storedInput) {
+        slot.plain.setUsed(grainBytes);
+        slot.skip = !source.read(position, slot.plain.getData(), grainBytes);
+        return;
+    }
+    sourceDisk->seek(position);
+    slot.skip = !sourceDisk->isGrainWritten();
+    if (!slot.skip) slot.encrypted = sourceDisk->readStoredGrainData(slot.input);
+}
+
+void CParallelConverter::prepareGrains(CWorker& worker)
 {
     try {
         for (;;) {
@@ -83,13 +108,42 @@ void CParallelConverter::prepareGrains(kord::CVMDKDataPreparer* preparer)
                 slot = &slots[static_cast<size_t>(nextToPrepare++) % slots.size()];
                 slot->state = statePreparing;
             }
-            if (!slot->skip) slot->skip = isAllZero(slot->plain->getData(), grainBytes);
-            if (!slot->skip) slot->prepared = preparer->prepareGrainData(slot->plain, slot->grainIndex, slot->aux);
+            if (!slot->skip) prepareGrain(worker, *slot);
             setState(*slot, statePrepared);
         }
     } catch (...) {
         fail();
     }
+}
+
+const zu::TBuffer<unsigned char>& CParallelConverter::expand(CWorker& worker, CSlot& slot)
+{
+    if (!storedInput || !worker.sourcePreparer->doesAnything()) return storedInput ? slot.input : slot.plain;
+    slot.plain.setUsed(grainBytes);
+    worker.sourcePreparer->unprepareGrainData(slot.input.getData(), slot.input.getUsed(), slot.plain.getData());
+    return slot.plain;
+}
+
+void CParallelConverter::prepareGrain(CWorker& worker, CSlot& slot)
+{
+    if (slot.encrypted) worker.sourceCipher->decrypt(slot.input, slot.grainIndex);
+    const zu::TBuffer<unsigned char>* out = &slot.input;
+    if (passPrepared) {
+        // Uncompressed prepared data is the plain grain: zeros can be seen.
+        slot.skip = !worker.targetPreparer->doesAnything() && isAllZero(slot.input.getData(), slot.input.getUsed());
+    } else {
+        out = &expand(worker, slot);
+        slot.skip = isAllZero(out->getData(), grainBytes);
+        if (!slot.skip && targetDisk && worker.targetPreparer->doesAnything()) {
+            worker.targetPreparer->prepareGrainData(out->getData(), grainBytes, slot.grainIndex, slot.prepared);
+            out = &slot.prepared;
+        }
+    }
+    if (!slot.skip && worker.targetCipher) {
+        worker.targetCipher->encrypt(out->getData(), out->getUsed(), slot.grainIndex, slot.stored);
+        out = &slot.stored;
+    }
+    slot.output = out;
 }
 
 void CParallelConverter::writeGrains()
@@ -100,10 +154,11 @@ void CParallelConverter::writeGrains()
             std::unique_lock<std::mutex> lock(mutex);
             if (!waitFor(lock, [&] { return slot.state == statePrepared; })) return;
         }
-        if (!slot.skip) {
-            target->seek(index * grainBytes);
-            target->writePreparedGrainData(*slot.prepared);
-            slot.prepared = nullptr;
+        if (!slot.skip && targetDisk) {
+            targetDisk->seek(index * grainBytes);
+            targetDisk->writeStoredGrainData(*slot.output);
+        } else if (!slot.skip) {
+            target.write(index * grainBytes, slot.output->getData(), grainBytes);
         }
         setState(slot, stateFree);
         progress.update((index + 1) * grainBytes, source.getSizeBytes());
@@ -115,10 +170,7 @@ void CParallelConverter::run()
     std::vector<std::thread> threads;
     try {
         threads.emplace_back([this] { readGrains(); });
-        for (const auto& preparer : preparers) {
-            kord::CVMDKDataPreparer* own = preparer;
-            threads.emplace_back([this, own] { prepareGrains(own); });
-        }
+        for (CWorker& worker : workers) threads.emplace_back([this, &worker] { prepareGrains(worker); });
         writeGrains();
     } catch (...) {
         fail();

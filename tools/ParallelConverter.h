@@ -1,8 +1,16 @@
-// kord convert -j: grains are read by one thread, prepared (compressed) by
-// several worker threads, each with its own data preparer, and written in
-// order by the calling thread through writePreparedGrainData, which also
-// encrypts them for an encrypted disk. Each disk is used by one thread
-// only, as the library requires.
+// kord convert -j: one thread reads grains from the source in order,
+// several worker threads turn them into what the target takes, and the
+// calling thread writes them in order. Each disk is used by one thread
+// only, as the library requires; the work on grain data (inflating,
+// deflating, decrypting, encrypting) happens on the workers, each with its
+// own preparers and ciphers.
+//
+// A compressed or encrypted source disk gives its grains as stored
+// (readStoredGrainData), for the workers to decrypt and inflate; other
+// sources give plain bytes. A target disk takes grains prepared and
+// encrypted by the workers (writeStoredGrainData); between two disks whose
+// grains look alike, prepared grains pass without being inflated and
+// deflated again. A raw image takes the plain bytes.
 //
 // Grains travel in a fixed ring of slots, each with its own buffers, so the
 // steady state allocates nothing; a slot is reused once its grain is
@@ -13,6 +21,7 @@
 #include "Progress.h"
 
 #include "grain/CVMDKDataPreparer.h"
+#include "grain/CVMDKGrainCipher.h"
 
 #include <condition_variable>
 #include <exception>
@@ -23,26 +32,49 @@ namespace kordtool {
 
 class CParallelConverter {
 public:
-    CParallelConverter(IConvertSource& source, kord::CVMDKDisk* target, int workers, CProgress& progress);
+    // sourceDisk and targetDisk: the disks behind source and target, or
+    // null for raw images. passPrepared: the disks' grains look alike
+    // (same grain size and compression), so prepared grains pass as they are.
+    CParallelConverter(IConvertSource& source, CDiskSource* sourceDisk, IConvertTarget& target,
+                       CDiskTarget* targetDisk, bool passPrepared, int workers, CProgress& progress);
 
     // Converts every grain that the source holds whole; the rest of a last
-    // grain is left to the caller. The first error of any thread
-    // stops all of them and is thrown here.
+    // grain is left to the caller. The first error of any thread stops all
+    // of them and is thrown here.
     void run();
+
+    // Whether the source disk's grains are worth reading in stored form.
+    static bool readsStoredGrains(kord::CVMDKDisk* sourceDisk);
 
 private:
     enum State { stateFree, stateRead, statePreparing, statePrepared };
     struct CSlot {
-        zu::P<zu::TBuffer<unsigned char>> plain;
-        zu::P<zu::TBuffer<unsigned char>> aux;
-        zu::P<zu::TBuffer<unsigned char>> prepared;
+        zu::TBuffer<unsigned char> input;
+        zu::TBuffer<unsigned char> plain;
+        zu::TBuffer<unsigned char> prepared;
+        zu::TBuffer<unsigned char> stored;
+        // What the writer writes: one of the buffers above.
+        const zu::TBuffer<unsigned char>* output = nullptr;
         long long grainIndex = -1;
+        // input holds the grain encrypted.
+        bool encrypted = false;
         bool skip = false;
         State state = stateFree;
     };
+    // What one worker thread uses, its own.
+    struct CWorker {
+        zu::P<kord::CVMDKDataPreparer> sourcePreparer;
+        zu::P<kord::CVMDKGrainCipher> sourceCipher;
+        zu::P<kord::CVMDKDataPreparer> targetPreparer;
+        zu::P<kord::CVMDKGrainCipher> targetCipher;
+    };
 
     void readGrains();
-    void prepareGrains(kord::CVMDKDataPreparer* preparer);
+    void readGrain(CSlot& slot);
+    void prepareGrains(CWorker& worker);
+    void prepareGrain(CWorker& worker, CSlot& slot);
+    // The slot's grain in plain form (its input or its plain buffer).
+    const zu::TBuffer<unsigned char>& expand(CWorker& worker, CSlot& slot);
     void writeGrains();
     // Waits until `ready` holds or a thread failed; false on failure.
     template <class Ready>
@@ -51,11 +83,15 @@ private:
     void fail();
 
     IConvertSource& source;
-    kord::CVMDKDisk* target;
+    kord::CVMDKDisk* sourceDisk;
+    IConvertTarget& target;
+    kord::CVMDKDisk* targetDisk;
+    bool passPrepared;
+    bool storedInput;
     CProgress& progress;
     long long grainBytes;
     long long grainCount;
-    std::vector<zu::P<kord::CVMDKDataPreparer>> preparers;
+    std::vector<CWorker> workers;
     std::vector<CSlot> slots;
 
     std::mutex mutex;

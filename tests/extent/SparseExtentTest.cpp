@@ -7,6 +7,7 @@
 // misused extents. (Parent data is covered through whole disks.)
 #include "common/ExtentTestUtil.h"
 
+#include "base/COptimizingIOStream.h"
 #include "format/VMDKMarker.h"
 #include "grain/CVMDKGrain.h"
 
@@ -151,6 +152,40 @@ TEST_P(SparseExtentTest, rewritesMoveWhereATornWriteWouldLoseTheGrainAndFreedSlo
         EXPECT_EQ(compressible(grainBytes, 3), readAt(*extent, 9 * grainBytes, grainBytes));
         if (kind.streamOptimized) {
             EXPECT_EQ(random, readAt(*extent, 5 * grainBytes, grainBytes));
+        }
+    }
+}
+
+// A first read of part of an uncompressed grain reaches the file as one
+// read of its bytes (plus a cipher block or two), not through a read-ahead
+// block; the bytes must still be exact where a read starts or ends inside
+// a cipher block.
+TEST_P(SparseExtentTest, partialReadsOfAGrainReadOnlyTheirBytes)
+{
+    const struct {
+        long long offset, bytes;
+    } reads[] = {{0, 1}, {1, 15}, {15, 2}, {16, 16}, {17, 4096}, {4096, 4096}, {grainBytes - 1, 1}, {100, grainBytes - 100}};
+    for (const ExtentKind& kind : allExtentKinds) {
+        SCOPED_TRACE(kind.name);
+        create(kind, 16);
+        const Bytes data = pattern(16 * grainBytes, 9);
+        writeAt(*open(kind), 0, data);
+        zu::P<kord::CVMDKSparseExtentFile> extent = open(kind, zu::IIOStream::accessRead);
+        auto* stream = dynamic_cast<zu::COptimizingIOStream*>(extent->getStream());
+        ASSERT_NE(nullptr, stream);
+        long long grain = 0;
+        for (const auto& r : reads) {
+            SCOPED_TRACE(r.offset);
+            const long long at = ++grain * grainBytes + r.offset;
+            readAt(*extent, at - grainBytes, 1); // the grain before: its table is loaded
+            const zu::COptimizingIOStream::Stats before = stream->getStats();
+            EXPECT_EQ(slice(data, at, r.bytes), readAt(*extent, at, r.bytes));
+            const zu::COptimizingIOStream::Stats after = stream->getStats();
+            if (!kind.streamOptimized) {
+                EXPECT_EQ(before.innerReads + 1, after.innerReads);
+                EXPECT_EQ(before.directReads + 1, after.directReads);
+            }
+            EXPECT_EQ(slice(data, at - r.offset, grainBytes), readAt(*extent, at - r.offset, grainBytes));
         }
     }
 }

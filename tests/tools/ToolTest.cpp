@@ -108,6 +108,50 @@ TEST_F(ToolTest, convertRoundTripsEveryTypeAndLeavesHoles)
     expectFailure(kord("convert -O raw -t streamOptimized source.raw x.raw"), "-t applies to VMDK output only.");
 }
 
+// Threads change how fast, never what: every conversion path gives the
+// same output with -j 1 and -j 3. Encrypted outputs have keys of their
+// own, so there the contents, the grain map and the size must agree.
+TEST_F(ToolTest, threadsGiveTheSameOutputOnEveryConversionPath)
+{
+    const std::string data = sample();
+    put("source.raw", data);
+    const std::string pw = "KORD_PASSWORD=pw";
+    for (const std::string made : {"-t monolithicSparse sparse", "-t streamOptimized stream",
+                                   "-t monolithicSparse --encrypt esparse", "-t streamOptimized --encrypt estream"})
+        ASSERT_EQ(0, kord("convert " + made.substr(0, made.rfind(' ')) + " source.raw " +
+                          made.substr(made.rfind(' ') + 1) + ".vmdk", pw).status);
+    const struct {
+        const char* source;
+        const char* options;
+    } paths[] = {{"source.raw", "-t monolithicSparse"},  {"source.raw", "-t streamOptimized"},
+                 {"source.raw", "--encrypt"},            {"source.raw", "-t streamOptimized --encrypt"},
+                 {"stream.vmdk", "-O raw"},              {"stream.vmdk", "-t monolithicSparse"},
+                 {"stream.vmdk", "-t streamOptimized --encrypt"}, {"sparse.vmdk", "--encrypt"},
+                 {"sparse.vmdk", "-t streamOptimized"}, {"estream.vmdk", "-O raw"},
+                 {"estream.vmdk", "-t streamOptimized --encrypt"}, {"estream.vmdk", "-t streamOptimized -c 2"},
+                 {"esparse.vmdk", "-O raw"},             {"esparse.vmdk", "-t streamOptimized"}};
+    int n = 0;
+    for (const auto& path : paths) {
+        const std::string what = std::string(path.source) + " " + path.options;
+        const bool raw = std::string(path.options) == "-O raw";
+        const bool encrypted = std::string(path.options).find("--encrypt") != std::string::npos;
+        std::string outputs[2];
+        for (int j : {1, 3}) {
+            const std::string out = "t" + std::to_string(n++) + (raw ? ".raw" : ".vmdk");
+            CRun run = kord("convert -j " + std::to_string(j) + " " + path.options + " " + path.source + " " + out, pw);
+            ASSERT_EQ(0, run.status) << what << ": " << run.err;
+            ASSERT_TRUE(kord("cat " + out, pw).out == data || raw) << what;
+            outputs[j == 1 ? 0 : 1] =
+                raw ? fileText(file(out))
+                    : encrypted ? std::to_string(fileText(file(out)).size()) +
+                                      Json::parse(kord("map --json " + out, pw).out)[0]["ranges"].dump()
+                                : grainArea(out);
+        }
+        EXPECT_TRUE(outputs[0] == outputs[1]) << what;
+        EXPECT_TRUE(!raw || outputs[0] == data) << what;
+    }
+}
+
 TEST_F(ToolTest, deltaDisksReadThroughTheirParents)
 {
     std::string data = sample();
