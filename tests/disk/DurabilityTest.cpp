@@ -207,3 +207,63 @@ TEST_F(DurabilityTest, rewrittenGrainsReuseTheSlotsTheyLeave)
             EXPECT_TRUE(readAt(*disk, g * grainBytes, grainBytes) == kordtest::pattern(grainBytes, g + 1)) << g;
     }
 }
+
+// A copy of a single-file disk is a disk of its own, whatever name its
+// extent line gives: a write to the copy cut short at any call, by any
+// fault or a power loss, leaves the original as it was and the copy old or
+// new; the copy is locked under its own name, and the original opens for
+// writing beside it.
+TEST_F(DurabilityTest, aCopiedSingleFileDiskWritesOnlyItselfUnderItsOwnLock)
+{
+    const zu::CURI copyURI{zu::String("file:///durable/copy.vmdk")};
+    const std::string original = diskURI.toString(false).toUTF8(), copied = copyURI.toString(false).toUTF8();
+    const Bytes data = kordtest::pattern(2 * grainBytes + 300, 7);
+    const long long at = grainBytes / 2;
+    Bytes oldData = kordtest::pattern(grainBytes, 1), newData = oldData;
+    oldData.resize(static_cast<size_t>(4 * grainBytes), 0);
+    newData.resize(oldData.size(), 0);
+    std::copy(data.begin(), data.end(), newData.begin() + at);
+    for (const std::string type : {"monolithicSparse", "streamOptimized"}) {
+        SCOPED_TRACE(type);
+        CFaultFileSystem::Files files = make(type, 64 * grainSectors)->getFiles();
+        files[copied] = files.at(original);
+        const auto workload = [&](zu::IFileSystem* fs) {
+            zu::P<CVMDKDisk> disk = openDisk(fs, copyURI, RW);
+            writeAt(*disk, at, data);
+            disk->flushChanges();
+        };
+
+        zu::P<CFaultFileSystem> fs = zu::newObj<CFaultFileSystem>(files);
+        {
+            zu::P<CVMDKDisk> copy = openDisk(fs, copyURI, RW);
+            EXPECT_TRUE(fs->exists(zu::CURI(copyURI.getParent(), "copy.vmdk.lock")));
+            EXPECT_FALSE(fs->exists(zu::CURI(diskURI.getParent(), "disk.vmdk.lock")));
+            writeAt(*openDisk(fs, diskURI, RW), 0, kordtest::pattern(grainBytes, 8));
+            EXPECT_THROW(openDisk(fs, copyURI, RW), zu::CError);
+        }
+        const long long calls = fs->getCallCount();
+        for (long long call = 1; call <= calls; ++call) {
+            for (Fault fault : {Fault::ioError, Fault::shortWrite, Fault::crash}) {
+                SCOPED_TRACE("call " + std::to_string(call) + " fault " + std::to_string(static_cast<int>(fault)));
+                zu::P<CFaultFileSystem> faulty = zu::newObj<CFaultFileSystem>(files);
+                faulty->arm(call, fault);
+                try {
+                    workload(faulty);
+                } catch (const zu::CError&) {
+                }
+                for (unsigned seed : {0u, 1u, 2u}) {
+                    CFaultFileSystem::Files after = faulty->getFilesAfterPowerLoss(seed);
+                    EXPECT_TRUE(after.at(original) == files.at(original)) << "the original changed";
+                    zu::P<CVMDKDisk> copy = openDisk(zu::newObj<CFaultFileSystem>(after), copyURI, R);
+                    const Bytes now = readAt(*copy, 0, 4 * grainBytes);
+                    for (size_t i = 0; i < now.size(); ++i) {
+                        if (now[i] != oldData[i] && now[i] != newData[i]) {
+                            ADD_FAILURE() << "byte " << i << " of the copy is neither old nor new";
+                            break;
+                        }
+                    }
+                }
+            }
+        }
+    }
+}
