@@ -742,6 +742,16 @@ bool CVMDKDisk::isGrainWrittenAndIndependentOfParent()
     return extent->isGrainWrittenAndIndependentOfParent();
 }
 
+CVMDKDataPlace CVMDKDisk::locate()
+{
+    zu::P<IVMDKExtentFile> extent;
+    long long n = 0;
+    beginIOOp(diskSizeBytes - position, extent, n);
+    CVMDKDataPlace place = extent->locate();
+    place.bytes = std::min(place.bytes, n);
+    return place;
+}
+
 zu::P<CVMDKSpaceInfo> CVMDKDisk::gatherSpaceInfo()
 {
     zu::P<CVMDKSpaceInfo> total = zu::newObj<CVMDKSpaceInfo>();

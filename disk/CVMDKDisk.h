@@ -155,6 +155,11 @@ public:
     // / in this disk itself. The position does not change.
     bool isGrainWritten();
     bool isGrainWrittenAndIndependentOfParent();
+    // Where the bytes from the position on lie in this disk's own files (not
+    // its parent's), for at least one byte and at most to the end of their
+    // grain or extent. Needs a position before the disk's end; reads at most
+    // a grain table. The position does not change.
+    CVMDKDataPlace locate();
     zu::P<CVMDKSpaceInfo> gatherSpaceInfo();
 
     // Writes the in-memory descriptor back in place.

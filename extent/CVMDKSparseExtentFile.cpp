@@ -20,7 +20,6 @@ namespace {
 
 const char* const constructorName = "CVMDKSparseExtentFile constructor";
 constexpr long long maxGrainTableEntries = 512;
-constexpr int trailSectors = 3;
 
 } // namespace
 
@@ -375,6 +374,15 @@ bool CVMDKSparseExtentFile::isGrainWritten()
 {
     beginIOOp(1);
     return grain->isGrainWritten();
+}
+
+CVMDKDataPlace CVMDKSparseExtentFile::locate()
+{
+    beginIOOp(1);
+    CVMDKDataPlace place = grain->locate();
+    // The last grain of an extent may end past it.
+    place.bytes = std::min(place.bytes, sizeBytes - position);
+    return place;
 }
 
 bool CVMDKSparseExtentFile::isGrainWrittenAndIndependentOfParent()

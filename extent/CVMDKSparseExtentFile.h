@@ -36,6 +36,10 @@ namespace kord {
 
 class CVMDKSparseExtentFile : public zu::CBase, public IVMDKExtentFile {
 public:
+    // The end of a stream-optimized file: footer marker, footer and
+    // end-of-stream marker, one sector each.
+    static constexpr int trailSectors = 3;
+
     // Opens the extent on its stream. compressionLevel is handed to the
     // grains' compressor; cipher, key and iv are those of an encrypted disk
     // (null, empty, empty otherwise). Throws zu::CIOError (code 5 corrupt,
@@ -68,6 +72,7 @@ public:
     bool isGrainWritten() override;
     bool isGrainWrittenAndIndependentOfParent() override;
     zu::P<CVMDKSpaceInfo> gatherSpaceInfo() override;
+    CVMDKDataPlace locate() override;
 
     zu::IIOStream* getStream() const { return stream; }
     // The header as read; for a stream file with the directory at its end,

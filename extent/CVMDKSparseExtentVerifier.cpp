@@ -173,7 +173,7 @@ bool CVMDKSparseExtentVerifier::verifyGrainEntry(long long grainIndex, long long
     return true;
 }
 
-void CVMDKSparseExtentVerifier::verifyLayout() const
+long long CVMDKSparseExtentVerifier::verifyLayout() const
 {
     // New grains and the trail are appended at the end of a stream-optimized
     // file; a partial sector there would put them off the sectors the tables
@@ -231,6 +231,7 @@ void CVMDKSparseExtentVerifier::verifyLayout() const
             furthest = &s;
         }
     }
+    return end;
 }
 
 // Another tool's stream file records no slot sizes: a grain's room is what

@@ -51,8 +51,9 @@ public:
     // where grain data may be; a misplaced one is reported (false).
     bool verifyGrainEntry(long long grainIndex, long long posSectors, long long slotSectors) const;
     // The layout, from what the directories hold in memory: no table I/O.
-    // Sorts the metadata structures once (16 bytes each).
-    void verifyLayout() const;
+    // Sorts the metadata structures once (16 bytes each). Returns the end
+    // of the structure reaching furthest, in sectors.
+    long long verifyLayout() const;
     // Every grain table, read once (cached tables as they are in memory).
     // Finds shared slots in one bit per grain of the file where all slots
     // are one grain (uncompressed extents), else in 8 bytes per written

@@ -519,6 +519,25 @@ long long CVMDKGrain::makeIndependentOfParent()
     return result;
 }
 
+CVMDKDataPlace CVMDKGrain::locate() const
+{
+    CVMDKDataPlace place;
+    place.bytes = grainSize - posInGrain;
+    if (posSectors > 0) {
+        place.kind = CVMDKDataPlace::kindData;
+        if (!compressed && !cipher) {
+            place.file = stream->getURI();
+            place.offsetBytes = posSectors * vmdkSectorSize + posInGrain;
+        }
+    } else if (dirty) {
+        // Written, and stored when the grain is closed.
+        place.kind = CVMDKDataPlace::kindData;
+    } else if (posSectors < 0) {
+        place.kind = CVMDKDataPlace::kindZero;
+    }
+    return place;
+}
+
 bool CVMDKGrain::isGrainWritten()
 {
     if (isGrainWrittenAndIndependentOfParent()) return true;

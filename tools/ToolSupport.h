@@ -10,13 +10,16 @@
 
 #include <string>
 
+namespace CLI {
+class App;
+}
+
 namespace kordtool {
 
 class CPasswordSource;
 
 // Exit codes of the program.
 constexpr int exitSuccess = 0;
-constexpr int exitProblemsFound = 1; // kord check only
 constexpr int exitFailure = 2;
 
 zu::IFileSystem* localFileSystem();
@@ -31,6 +34,10 @@ bool diskNeedsPassword(const zu::CURI& uri);
 // or accessReadWrite), asking `passwords` for the password when the disk is
 // encrypted.
 zu::P<kord::CVMDKDisk> openDisk(const std::string& path, int access, CPasswordSource& passwords);
+
+// Adds --output=human|json and its short form --json to a command that can
+// print JSON; `json` must outlive the command line's parsing.
+void addOutputOptions(CLI::App* command, bool& json);
 
 // An error of the tool itself (a bad combination of options, a missing
 // password source), reported like the library's errors.
@@ -50,7 +57,8 @@ public:
     void printHeldErrors();
 };
 
-// "kord: <message> <name=value ...>" on one line on standard error.
+// "kord: <message> <name=value ...>" on standard error, then each error
+// that caused it on a line of its own, "kord:   caused by: ...".
 void printError(const std::exception& error);
 
 } // namespace kordtool
