@@ -169,6 +169,12 @@ public:
     // descriptor. Needs read-write access.
     void changePassword(const zu::String& newPassword);
     void changeParentRelPath(const zu::String& parentRelPath);
+    // Makes a stream-optimized disk of one unencrypted extent a plain
+    // stream file, as other tools write it: flushes and removes the
+    // slot-size directory (CVMDKSparseExtentFile::removeSlotSizeDirectory).
+    // The disk is to be closed right after; it opens again through openAny,
+    // read-only. Needs read-write access.
+    void removeSlotSizeDirectory();
     void setAutomaticGrainTableFlushingEnabled(bool enabled);
     void setContentIDUpdatesEnabled(bool enabled);
 

@@ -462,6 +462,30 @@ void CVMDKSparseExtentFile::flushChanges()
     stream->flush();
 }
 
+void CVMDKSparseExtentFile::removeSlotSizeDirectory()
+{
+    verifyHaveWriteAccess();
+    if (!directory->getHaveSlotSizeInfo())
+        throw zu::CError("Internal error: CVMDKSparseExtentFile::removeSlotSizeDirectory was called on an extent without "
+                         "a slot-size directory.",
+                         zu::String(), -1, uriProps());
+    flushChanges();
+    // Each of these follows a marker sector, which goes too.
+    const long long tableSectors = 2;
+    long long directoryPos = directory->getSlotSizeDirectoryPosSectors();
+    long long directorySectors = (directory->getGrainTableCount() * 4 + vmdkSectorSize - 1) / vmdkSectorSize;
+    zu::TBuffer<unsigned char> zeros;
+    zeros.setUsedFill((1 + std::max(directorySectors, tableSectors)) * vmdkSectorSize, 0);
+    auto clear = [&](long long posSectors, long long sectors) {
+        stream->seek((posSectors - 1) * vmdkSectorSize);
+        stream->write(zeros.getData(), static_cast<int>((1 + sectors) * vmdkSectorSize));
+    };
+    const zu::TBuffer<unsigned int>& tables = directory->getSlotSizeDirectory();
+    for (long long t = 0; t < tables.getUsed(); ++t) clear(tables[t], tableSectors);
+    clear(directoryPos, directorySectors);
+    stream->flush();
+}
+
 zu::P<CVMDKSpaceInfo> CVMDKSparseExtentFile::gatherSpaceInfo()
 {
     if (access == zu::IIOStream::accessReadWrite) {

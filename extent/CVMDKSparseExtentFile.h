@@ -94,6 +94,12 @@ public:
     // the sink (throwVMDKProblem: zu::CIOError code 5 naming the file).
     void checkMatchesDisk(long long lineSizeSectors, long long diskGrainSizeSectors, bool diskCompressed,
                           const VMDKProblemSink& sink) const;
+    // Flushes, then overwrites the slot-size directory of a compressed
+    // extent and its tables with zeros: the file becomes a stream file as
+    // other tools write it, for readers that refuse markers they do not
+    // know. The extent is to be closed right after; opened again, it is
+    // another tool's stream file (read-only).
+    void removeSlotSizeDirectory();
     // Position and slot of a grain (index within the extent), as recorded.
     void getGrainInfo(long long extentGrainIndex, long long& posSectors, long long& slotSizeSectors);
     // Reads one grain's contents (grain size bytes) from where a table entry

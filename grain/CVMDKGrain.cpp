@@ -427,7 +427,10 @@ void CVMDKGrain::writePreparedGrainDataInternal(const unsigned char* source, lon
             stream->write(source, static_cast<int>(size));
         return;
     }
-    long long slot = compressed ? maxCompressedSlotSectors : grainSizeSectors;
+    // A compressed grain takes the sectors its data needs, so that a stream
+    // file is as small as its data, in apparent size too; one that later
+    // outgrows its slot moves.
+    long long slot = compressed ? sectors : grainSizeSectors;
     posSectors = keep ? allocator->allocNewGrainKeepBuffer(extentGrainIndex, *keep, static_cast<int>(slot))
                       : allocator->allocNewGrain(extentGrainIndex, source, static_cast<int>(size), static_cast<int>(slot));
     slotSizeSectors = slot;
@@ -525,7 +528,7 @@ CVMDKDataPlace CVMDKGrain::locate() const
     place.bytes = grainSize - posInGrain;
     if (posSectors > 0) {
         place.kind = CVMDKDataPlace::kindData;
-        if (!compressed && !cipher) {
+        if (!compressed && !grainCipher) {
             place.file = stream->getURI();
             place.offsetBytes = posSectors * vmdkSectorSize + posInGrain;
         }

@@ -23,6 +23,7 @@ struct CConvertOptions {
     std::string outputFormat = "vmdk";
     std::string type;
     bool encrypt = false;
+    bool plainStream = false;
     int compressionLevel = -1;
     int threads = 1;
     std::string source;
@@ -37,6 +38,10 @@ void checkOptions(const CConvertOptions& options)
     if (raw && options.encrypt) throw toolError("--encrypt applies to VMDK output only.");
     if (options.compressionLevel != -1 && options.type != "streamOptimized")
         throw toolError("-c applies to streamOptimized output only.");
+    if (options.plainStream && options.type != "streamOptimized")
+        throw toolError("--plain-stream applies to streamOptimized output only.");
+    if (options.plainStream && options.encrypt)
+        throw toolError("--plain-stream cannot be encrypted: encryption is one of kord's extensions.");
 }
 
 // The source disk's adapter where the library can make it, else the default.
@@ -119,7 +124,8 @@ void runConvert(CConvertOptions& options)
         target = std::make_unique<CRawTarget>(options.destination, source->getSizeBytes());
     } else {
         auto disk = std::make_unique<CDiskTarget>(
-            options.destination, targetParams(options, *source, sourceDisk ? sourceDisk->getDisk() : nullptr));
+            options.destination, targetParams(options, *source, sourceDisk ? sourceDisk->getDisk() : nullptr),
+            options.plainStream);
         targetDisk = disk.get();
         target = std::move(disk);
     }
@@ -149,6 +155,9 @@ void addConvertCommand(CLI::App& app)
                         "streamOptimized")
         ->type_name("TYPE");
     command->add_flag("--encrypt", options->encrypt, "Encrypt the new disk (AES-256-CBC) under a password");
+    command->add_flag("--plain-stream", options->plainStream,
+                      "With -t streamOptimized: a stream file without kord's extensions (no slot-size directory), "
+                      "for readers that validate strictly; kord reads it but does not write to it");
     command->add_option("-c,--compression", options->compressionLevel,
                         "Deflate level of streamOptimized output, 0 to 12 (default 1)")
         ->type_name("LEVEL")

@@ -111,8 +111,8 @@ void CRawTarget::discard()
     }
 }
 
-CDiskTarget::CDiskTarget(const std::string& path, const kord::CVMDKDisk::CCreateParams& params)
-    : disk(kord::CVMDKDisk::create(localFileSystem(), pathToURI(path), params))
+CDiskTarget::CDiskTarget(const std::string& path, const kord::CVMDKDisk::CCreateParams& params, bool plainStream)
+    : disk(kord::CVMDKDisk::create(localFileSystem(), pathToURI(path), params)), plainStream(plainStream)
 {
 }
 
@@ -122,7 +122,13 @@ void CDiskTarget::write(long long position, const unsigned char* data, long long
     disk->write(data, static_cast<int>(bytes));
 }
 
-void CDiskTarget::finish() { disk->flushChanges(); }
+void CDiskTarget::finish()
+{
+    if (plainStream)
+        disk->removeSlotSizeDirectory();
+    else
+        disk->flushChanges();
+}
 
 void CDiskTarget::discard()
 {

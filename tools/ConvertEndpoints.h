@@ -73,10 +73,11 @@ private:
     zu::P<zu::IIOStream> stream;
 };
 
-// A new disk made through the library.
+// A new disk made through the library. plainStream: a stream-optimized
+// disk is finished as a plain stream file, without our slot-size directory.
 class CDiskTarget : public IConvertTarget {
 public:
-    CDiskTarget(const std::string& path, const kord::CVMDKDisk::CCreateParams& params);
+    CDiskTarget(const std::string& path, const kord::CVMDKDisk::CCreateParams& params, bool plainStream = false);
     kord::CVMDKDisk* getDisk() const { return disk; }
     void write(long long position, const unsigned char* data, long long bytes) override;
     void finish() override;
@@ -84,6 +85,7 @@ public:
 
 private:
     zu::P<kord::CVMDKDisk> disk;
+    bool plainStream;
 };
 
 } // namespace kordtool

@@ -82,8 +82,7 @@ TEST_P(SparseExtentTest, grainsAreStoredInTheFormatsLayoutAndCounted)
             EXPECT_EQ(slot * 512, info->payloadSizeInFile);
             EXPECT_EQ(extent->getHeader().overHead * 512, info->headerSize);
             EXPECT_EQ(kind.streamOptimized ? 1536 : 0, info->deadSpace);
-            EXPECT_EQ(extent->createDataPreparer()->getMaxPreparedSectors() + (kind.streamOptimized && kind.encrypted),
-                      slot);
+            EXPECT_TRUE(kind.streamOptimized || slot == 16);
         }
         const Bytes file = image();
         if (!kind.streamOptimized) {
@@ -105,6 +104,7 @@ TEST_P(SparseExtentTest, grainsAreStoredInTheFormatsLayoutAndCounted)
         EXPECT_EQ(data, plain);
         EXPECT_EQ(Bytes(slot * 512 - storedBytes, 0), slice(file, pos * 512 + storedBytes, slot * 512 - storedBytes))
             << "the slot beyond the stored grain reads as zeros";
+        EXPECT_EQ((storedBytes + 511) / 512, slot) << "a compressed grain's slot is what it needs";
         EXPECT_EQ(static_cast<long long>(file.size()), (pos + slot) * 512 + 1536) << "the trail follows the slot";
     }
 }
@@ -124,7 +124,7 @@ TEST_P(SparseExtentTest, compressedGrainIsRewrittenInPlaceWhenItFitsAndMovedWhen
         EXPECT_EQ(pos2, grainPos(*extent, 2)) << "smaller data fits the slot";
         writeAt(*extent, 2 * grainBytes, random);
         extent->flushChanges();
-        EXPECT_EQ(pos2, grainPos(*extent, 2)) << "our slots hold incompressible grains too";
+        EXPECT_LT(pos2, grainPos(*extent, 2)) << "larger data moves";
 
         // A grain stored with a slot of exactly its data's size.
         zu::P<kord::CVMDKDataPreparer> preparer = extent->createDataPreparer();
@@ -139,7 +139,7 @@ TEST_P(SparseExtentTest, compressedGrainIsRewrittenInPlaceWhenItFitsAndMovedWhen
         extent->flushChanges();
         long long slot;
         EXPECT_EQ(end / 512, grainPos(*extent, 5, &slot)) << "larger data moves to new storage";
-        EXPECT_EQ(preparer->getMaxPreparedSectors(), slot);
+        EXPECT_EQ(preparer->getMaxPreparedSectors(), slot) << "random data: the stored-only form";
     }
     zu::P<kord::CVMDKSparseExtentFile> extent = open(compressedKind, zu::IIOStream::accessRead);
     EXPECT_EQ(random, readAt(*extent, 2 * grainBytes, grainBytes));
@@ -206,22 +206,19 @@ TEST_P(SparseExtentTest, streamOptimizedTrailMovesBehindNewGrains)
 {
     create(compressedKind, 64);
     const long long overHead = static_cast<long long>(fileLE64(image(), hdr::overHead));
-    long long slot = 0, dataBytes = 0;
+    long long slot = 0, slot7 = 0;
     {
         zu::P<kord::CVMDKSparseExtentFile> extent = open(compressedKind);
         writeAt(*extent, 0, Bytes(grainBytes, 0x11)); // one sector when compressed
         writeAt(*extent, 7 * grainBytes, compressible(grainBytes, 2));
         extent->flushChanges();
         EXPECT_EQ(overHead, grainPos(*extent, 0, &slot)) << "the first grain replaces the trail";
-        EXPECT_EQ(overHead + slot, grainPos(*extent, 7));
-        dataBytes = (12 + fileLE32(image(), overHead * 512 + 8) + 511) / 512 * 512;
+        EXPECT_EQ(1, slot);
+        EXPECT_EQ(overHead + slot, grainPos(*extent, 7, &slot7)) << "packed: the next grain follows at once";
     }
     Bytes bytes = image();
     expectTrailAtEnd(bytes);
-    EXPECT_EQ(static_cast<long long>(bytes.size()), (overHead + 2 * slot) * 512 + 1536);
-    ASSERT_LT(dataBytes, 1536);
-    EXPECT_EQ(Bytes(1536 - dataBytes, 0), slice(bytes, overHead * 512 + dataBytes, 1536 - dataBytes))
-        << "the old trail inside the first grain's slot must be zeroed";
+    EXPECT_EQ(static_cast<long long>(bytes.size()), (overHead + slot + slot7) * 512 + 1536);
 
     // Bytes we did not write at the end are kept; grains and trail go after them.
     const Bytes foreign(512, 0xAB);
