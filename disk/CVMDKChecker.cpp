@@ -158,7 +158,7 @@ void CVMDKChecker::checkExtent(CVMDKDisk* disk, int index)
                            disk->getDiskSizeBytes()};
     checkHeader(context);
     CVMDKSparseExtentVerifier verifier(*extent, sinkFor(context.uri));
-    verifier.verifyLayout();
+    long long metadataEndSectors = verifier.verifyLayout();
     CVMDKGrainDirectory* directory = extent->getGrainDirectory();
     const zu::TBuffer<unsigned int>& redundant = directory->getRedundantEntries();
     // Entries 0 are tables that another tool's stream file leaves out.
@@ -176,7 +176,51 @@ void CVMDKChecker::checkExtent(CVMDKDisk* disk, int index)
                               (context.startGrainIndex + std::min(grains, tablesDone * perTable)) * context.grainBytes),
                      context.diskBytes);
     };
-    verifier.verifyGrains(onGrain, onTable);
+    CVMDKSparseExtentVerifier::CGrainScan scan = verifier.verifyGrains(onGrain, onTable);
+    checkLeakedSpace(context, std::max(metadataEndSectors, scan.referencedEndSectors));
+}
+
+// Only the space behind everything that is used can be told for sure:
+// holes between grains may be slots of another tool's layout. Zeros there
+// are padding (some tools round their files up), not leaked grains.
+void CVMDKChecker::checkLeakedSpace(CExtentContext& context, long long usedEndSectors)
+{
+    // A damaged trail is reported as such; its bytes are not counted twice.
+    if (context.compressed && !context.extent->getGrainAllocator()->isTrailIntact()) return;
+    zu::IIOStream* stream = context.extent->getStream();
+    long long fileSize = stream->getLength();
+    long long endSectors = (fileSize + vmdkSectorSize - 1) / vmdkSectorSize -
+                           (context.compressed ? CVMDKSparseExtentFile::trailSectors : 0);
+    long long dataEndSectors = endOfNonZeroSectors(stream, usedEndSectors, endSectors);
+    if (dataEndSectors > usedEndSectors)
+        addFinding(CVMDKProblem::kindLeakedSpace, context.uri,
+                   "VMDK extent file holds space that no grain or metadata uses.",
+                   zu::CProps()
+                       .set("leakedBytes", (dataEndSectors - usedEndSectors) * vmdkSectorSize)
+                       .set("usedEndSectors", usedEndSectors)
+                       .set("fileSize", fileSize));
+}
+
+// Reads backwards from endSectors in chunks until a sector that is not all
+// zeros: the end of that sector, or fromSectors when there is none.
+long long CVMDKChecker::endOfNonZeroSectors(zu::IIOStream* stream, long long fromSectors, long long endSectors)
+{
+    constexpr long long chunkSectors = 2048;
+    long long fileSize = stream->getLength();
+    grainBuffer.resize(static_cast<size_t>(chunkSectors * vmdkSectorSize));
+    for (long long end = endSectors; end > fromSectors;) {
+        long long start = std::max(fromSectors, end - chunkSectors);
+        long long bytes = std::min(end * vmdkSectorSize, fileSize) - start * vmdkSectorSize;
+        std::fill(grainBuffer.begin(), grainBuffer.end(), 0);
+        stream->seek(start * vmdkSectorSize);
+        stream->read(grainBuffer.data(), static_cast<int>(bytes));
+        auto last = std::find_if(grainBuffer.rbegin() + static_cast<long long>(grainBuffer.size()) - bytes,
+                                 grainBuffer.rend(), [](unsigned char c) { return c != 0; });
+        if (last != grainBuffer.rend())
+            return start + (grainBuffer.rend() - last - 1) / vmdkSectorSize + 1;
+        end = start;
+    }
+    return fromSectors;
 }
 
 void CVMDKChecker::checkHeader(CExtentContext& context)

@@ -63,6 +63,12 @@ public:
 
     // "refused", "directoriesDisagree", ...: stable names for reports.
     static const char* getKindName(Kind kind) { return CVMDKProblem::getKindName(kind); }
+    // Findings that waste room but leave every byte reading as it was
+    // written: space behind everything the metadata uses (what a crash
+    // between appending a grain and recording it leaves), and the mark of
+    // an extent not closed cleanly (after which there may be such space).
+    // Every other finding is damage.
+    static bool isLeak(Kind kind) { return kind == CVMDKProblem::kindLeakedSpace || kind == CVMDKProblem::kindUncleanShutdown; }
 
 private:
     struct CExtentContext;
@@ -72,6 +78,8 @@ private:
     void checkDescriptorRoom(CVMDKDisk* disk);
     void checkExtent(CVMDKDisk* disk, int index);
     void checkHeader(CExtentContext& context);
+    void checkLeakedSpace(CExtentContext& context, long long usedEndSectors);
+    long long endOfNonZeroSectors(zu::IIOStream* stream, long long fromSectors, long long endSectors);
     void compareTableWithCopy(CExtentContext& context, long long tableIndex, long long redundantPosSectors);
     void checkCompressedGrain(CExtentContext& context, long long grainIndex, long long posSectors,
                               long long slotSectors);
@@ -88,7 +96,7 @@ private:
     zu::String password;
     ProgressFunction progress;
     std::vector<CFinding> findings;
-    // One grain, reused from grain to grain.
+    // One grain (or a chunk of the file's end), reused from grain to grain.
     std::vector<unsigned char> grainBuffer;
 };
 

@@ -600,6 +600,26 @@ void CVMDKDisk::read(void* buffer, int bytes)
     }
 }
 
+void CVMDKDisk::removeSlotSizeDirectory()
+{
+    verifyWritable("removeSlotSizeDirectory");
+    if (!compressed || cipher || extentInfos.size() != 1)
+        throw zu::CInvalidArgError("CVMDKDisk::removeSlotSizeDirectory",
+                                   "only a stream-optimized disk of one unencrypted extent can be made a plain stream file",
+                                   mainProps());
+    seek(0);
+    zu::P<IVMDKExtentFile> extent;
+    long long offered = 0;
+    beginIOOp(1, extent, offered);
+    auto* sparse = dynamic_cast<CVMDKSparseExtentFile*>(extent.get());
+    if (!sparse)
+        throw zu::CError("Internal error: the extent of a stream-optimized disk is not a sparse extent.", zu::String(), -1,
+                         mainProps());
+    sparse->removeSlotSizeDirectory();
+    extent = nullptr;
+    closeCurrentExtent();
+}
+
 void CVMDKDisk::verifyWritable(const char* operation) const
 {
     if (access != zu::IIOStream::accessReadWrite)
@@ -828,6 +848,16 @@ bool CVMDKDisk::isGrainWrittenAndIndependentOfParent()
     long long n = 0;
     beginIOOp(1, extent, n);
     return extent->isGrainWrittenAndIndependentOfParent();
+}
+
+CVMDKDataPlace CVMDKDisk::locate()
+{
+    zu::P<IVMDKExtentFile> extent;
+    long long n = 0;
+    beginIOOp(diskSizeBytes - position, extent, n);
+    CVMDKDataPlace place = extent->locate();
+    place.bytes = std::min(place.bytes, n);
+    return place;
 }
 
 zu::P<CVMDKSpaceInfo> CVMDKDisk::gatherSpaceInfo()

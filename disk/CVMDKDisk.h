@@ -165,6 +165,11 @@ public:
     // / in this disk itself. The position does not change.
     bool isGrainWritten();
     bool isGrainWrittenAndIndependentOfParent();
+    // Where the bytes from the position on lie in this disk's own files (not
+    // its parent's), for at least one byte and at most to the end of their
+    // grain or extent. Needs a position before the disk's end; reads at most
+    // a grain table. The position does not change.
+    CVMDKDataPlace locate();
     zu::P<CVMDKSpaceInfo> gatherSpaceInfo();
 
     // Writes the in-memory descriptor back in place.
@@ -185,6 +190,12 @@ public:
     static constexpr const char* wrongPasswordMessage = "Specified VMDK encryption password is not correct.";
     static constexpr const char* noPasswordMessage = "VMDK is encrypted but no password provided";
     void changeParentRelPath(const zu::String& parentRelPath);
+    // Makes a stream-optimized disk of one unencrypted extent a plain
+    // stream file, as other tools write it: flushes and removes the
+    // slot-size directory (CVMDKSparseExtentFile::removeSlotSizeDirectory).
+    // The disk is to be closed right after; it opens again through openAny,
+    // read-only. Needs read-write access.
+    void removeSlotSizeDirectory();
     void setAutomaticGrainTableFlushingEnabled(bool enabled);
     void setContentIDUpdatesEnabled(bool enabled);
 

@@ -86,6 +86,13 @@ void CVMDKNullExtentFile::readPreparedGrainData(zu::TBuffer<unsigned char>& out)
     position += grainBytes;
 }
 
+CVMDKDataPlace CVMDKNullExtentFile::locate()
+{
+    CVMDKDataPlace place;
+    place.bytes = sizeBytes - position;
+    return place;
+}
+
 bool CVMDKNullExtentFile::isGrainWritten()
 {
     return fallback && fallback->isGrainWritten(diskPosition());

@@ -34,6 +34,7 @@ public:
     bool isGrainWritten() override;
     bool isGrainWrittenAndIndependentOfParent() override { return false; }
     zu::P<CVMDKSpaceInfo> gatherSpaceInfo() override { return zu::newObj<CVMDKSpaceInfo>(); }
+    CVMDKDataPlace locate() override;
 
 private:
     zu::CProps uriProps() const { return zu::CProps().set("uri", uri.toString(true)); }

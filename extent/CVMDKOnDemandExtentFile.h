@@ -51,6 +51,7 @@ public:
     bool isGrainWritten() override { return inner->isGrainWritten(); }
     bool isGrainWrittenAndIndependentOfParent() override { return inner->isGrainWrittenAndIndependentOfParent(); }
     zu::P<CVMDKSpaceInfo> gatherSpaceInfo() override { return inner->gatherSpaceInfo(); }
+    CVMDKDataPlace locate() override { return inner->locate(); }
 
     bool isFileMissing() const { return fileMissing; }
     // The extent object now in use (a null extent while the file is missing).

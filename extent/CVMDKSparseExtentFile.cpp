@@ -20,7 +20,6 @@ namespace {
 
 const char* const constructorName = "CVMDKSparseExtentFile constructor";
 constexpr long long maxGrainTableEntries = 512;
-constexpr int trailSectors = 3;
 
 } // namespace
 
@@ -380,6 +379,15 @@ bool CVMDKSparseExtentFile::isGrainWritten()
     return grain->isGrainWritten();
 }
 
+CVMDKDataPlace CVMDKSparseExtentFile::locate()
+{
+    beginIOOp(1);
+    CVMDKDataPlace place = grain->locate();
+    // The last grain of an extent may end past it.
+    place.bytes = std::min(place.bytes, sizeBytes - position);
+    return place;
+}
+
 bool CVMDKSparseExtentFile::isGrainWrittenAndIndependentOfParent()
 {
     beginIOOp(1);
@@ -429,6 +437,10 @@ void CVMDKSparseExtentFile::verifyForWriting()
     CVMDKSparseExtentVerifier::CGrainScan scan =
         CVMDKSparseExtentVerifier(*this, throwVMDKProblem).verifyGrains(nullptr, nullptr, reuse);
     allocator->setReferencedEnd(scan.referencedEndSectors * vmdkSectorSize);
+    // Written back with the next flush, so that no later release of these
+    // slots hands out the next grain's sectors.
+    for (const CVMDKSparseExtentVerifier::CShortenedSlot& slot : scan.shortenedSlots)
+        directory->setGrainInfo(slot.grainIndex, slot.posSectors, slot.slotSectors);
     long long trailSectors = allocator->getAllocationPointBytes() / vmdkSectorSize;
     if (reuse && allocator->endsWithOurTrail() && trailSectors > scan.referencedEndSectors)
         reuse(scan.referencedEndSectors, trailSectors - scan.referencedEndSectors);
@@ -515,6 +527,30 @@ void CVMDKSparseExtentFile::flushIfCacheFull()
 }
 
 void CVMDKSparseExtentFile::setSyncEnabled(bool enabled) { syncEnabled = enabled; }
+
+void CVMDKSparseExtentFile::removeSlotSizeDirectory()
+{
+    verifyHaveWriteAccess();
+    if (!directory->getHaveSlotSizeInfo())
+        throw zu::CError("Internal error: CVMDKSparseExtentFile::removeSlotSizeDirectory was called on an extent without "
+                         "a slot-size directory.",
+                         zu::String(), -1, uriProps());
+    flushChanges();
+    // Each of these follows a marker sector, which goes too.
+    const long long tableSectors = 2;
+    long long directoryPos = directory->getSlotSizeDirectoryPosSectors();
+    long long directorySectors = (directory->getGrainTableCount() * 4 + vmdkSectorSize - 1) / vmdkSectorSize;
+    zu::TBuffer<unsigned char> zeros;
+    zeros.setUsedFill((1 + std::max(directorySectors, tableSectors)) * vmdkSectorSize, 0);
+    auto clear = [&](long long posSectors, long long sectors) {
+        stream->seek((posSectors - 1) * vmdkSectorSize);
+        stream->write(zeros.getData(), static_cast<int>((1 + sectors) * vmdkSectorSize));
+    };
+    const zu::TBuffer<unsigned int>& tables = directory->getSlotSizeDirectory();
+    for (long long t = 0; t < tables.getUsed(); ++t) clear(tables[t], tableSectors);
+    clear(directoryPos, directorySectors);
+    stream->flush();
+}
 
 zu::P<CVMDKSpaceInfo> CVMDKSparseExtentFile::gatherSpaceInfo()
 {

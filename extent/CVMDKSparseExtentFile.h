@@ -50,6 +50,10 @@ namespace kord {
 
 class CVMDKSparseExtentFile : public zu::CBase, public IVMDKExtentFile {
 public:
+    // The end of a stream-optimized file: footer marker, footer and
+    // end-of-stream marker, one sector each.
+    static constexpr int trailSectors = 3;
+
     // Opens the extent on its stream. compressionLevel is handed to the
     // grains' compressor; cipher, key and iv are those of an encrypted disk
     // (null, empty, empty otherwise). startGrainIndex numbers the extent's
@@ -89,6 +93,7 @@ public:
     bool isGrainWritten() override;
     bool isGrainWrittenAndIndependentOfParent() override;
     zu::P<CVMDKSpaceInfo> gatherSpaceInfo() override;
+    CVMDKDataPlace locate() override;
 
     zu::IIOStream* getStream() const { return stream; }
     // The header as read; for a stream file with the directory at its end,
@@ -110,6 +115,12 @@ public:
     // the sink (throwVMDKProblem: zu::CIOError code 5 naming the file).
     void checkMatchesDisk(long long lineSizeSectors, long long diskGrainSizeSectors, bool diskCompressed,
                           const VMDKProblemSink& sink) const;
+    // Flushes, then overwrites the slot-size directory of a compressed
+    // extent and its tables with zeros: the file becomes a stream file as
+    // other tools write it, for readers that refuse markers they do not
+    // know. The extent is to be closed right after; opened again, it is
+    // another tool's stream file (read-only).
+    void removeSlotSizeDirectory();
     // Position and slot of a grain (index within the extent), as recorded.
     void getGrainInfo(long long extentGrainIndex, long long& posSectors, long long& slotSizeSectors);
     // Reads one grain's contents (grain size bytes) from where a table entry

@@ -73,11 +73,12 @@ public:
         if (uniformSlots && buckets / 8 <= maxBitmapBytes) bits.assign(static_cast<size_t>((buckets + 63) / 64), 0);
     }
 
-    void add(long long posSectors, long long slotSectors)
+    void add(long long grainIndex, long long posSectors, long long slotSectors)
     {
         long long bucket = grainShift >= 0 ? posSectors >> grainShift : posSectors / grainSectors;
         if (bits.empty() || bucket * grainSectors != posSectors) {
-            placements.push_back(CPlacement{static_cast<std::uint32_t>(posSectors), static_cast<std::uint32_t>(slotSectors)});
+            placements.push_back(CPlacement{static_cast<std::uint32_t>(posSectors), static_cast<std::uint32_t>(slotSectors),
+                                            static_cast<std::uint32_t>(grainIndex)});
             return;
         }
         if (testAndSet(bucket)) report(posSectors, slotSectors, posSectors);
@@ -122,22 +123,47 @@ public:
         }
         std::sort(placements.begin(), placements.end());
         long long end = 0;
-        long long owner = 0;
-        for (const CPlacement& p : placements) {
-            if (p.posSectors < end) report(p.posSectors, p.slotSectors, owner);
+        // The slot reaching furthest so far, and how far the others reach.
+        CPlacement* owner = nullptr;
+        long long othersEnd = 0;
+        for (CPlacement& p : placements) {
+            if (p.posSectors < end && !(othersEnd <= p.posSectors && shortenOverstatedSlot(*owner, p.posSectors)))
+                report(p.posSectors, p.slotSectors, owner->posSectors);
+            end = owner ? static_cast<long long>(owner->posSectors) + owner->slotSectors : 0;
             if (p.posSectors + static_cast<long long>(p.slotSectors) > end) {
+                othersEnd = std::max(othersEnd, end);
                 end = p.posSectors + static_cast<long long>(p.slotSectors);
-                owner = p.posSectors;
+                owner = &p;
+            } else {
+                othersEnd = std::max(othersEnd, p.posSectors + static_cast<long long>(p.slotSectors));
             }
         }
     }
+
+    // Slots that reached into the next grain's and were cut to end there.
+    std::vector<CVMDKSparseExtentVerifier::CShortenedSlot> shortened;
 
 private:
     struct CPlacement {
         std::uint32_t posSectors;
         std::uint32_t slotSectors;
+        std::uint32_t grainIndex;
         bool operator<(const CPlacement& other) const { return posSectors < other.posSectors; }
     };
+
+    // A grain that moved when its data grew has a larger slot recorded for
+    // it before its table entry points at the new place: a flush cut short
+    // between the two leaves the old place with the new size. Where the
+    // data stored there ends before the next grain, the slot ends there too.
+    bool shortenOverstatedSlot(CPlacement& slot, long long nextPosSectors)
+    {
+        long long room = nextPosSectors - slot.posSectors;
+        long long stored = verifier.measureStoredSectors(slot.posSectors);
+        if (stored < 0 || stored > room) return false;
+        slot.slotSectors = static_cast<std::uint32_t>(room);
+        shortened.push_back(CShortenedSlot{slot.grainIndex, slot.posSectors, room});
+        return true;
+    }
 
     bool isSet(long long bucket) const { return (bits[static_cast<size_t>(bucket / 64)] >> (bucket % 64)) & 1; }
     bool testAndSet(long long bucket)
@@ -200,7 +226,7 @@ bool CVMDKSparseExtentVerifier::verifyGrainEntry(long long grainIndex, long long
     return true;
 }
 
-void CVMDKSparseExtentVerifier::verifyLayout() const
+long long CVMDKSparseExtentVerifier::verifyLayout() const
 {
     const CVMDKSparseExtentHeader& header = extent.getHeader();
     CVMDKGrainDirectory* directory = extent.getGrainDirectory();
@@ -251,18 +277,26 @@ void CVMDKSparseExtentVerifier::verifyLayout() const
             furthest = &s;
         }
     }
+    return end;
 }
 
 // Another tool's stream file records no slot sizes: a grain's room is what
 // its data takes, from the size in its first sector.
 long long CVMDKSparseExtentVerifier::measureUnrecordedSlot(long long posSectors) const
 {
+    return measureStoredSectors(posSectors, sink);
+}
+
+long long CVMDKSparseExtentVerifier::measureStoredSectors(long long posSectors, const VMDKProblemSink& problems) const
+{
+    if (!extent.getCompressed() || posSectors >= fileSizeBytes / vmdkSectorSize) return -1;
     unsigned char first[vmdkSectorSize];
     zu::IIOStream* stream = extent.getStream();
     stream->seek(posSectors * vmdkSectorSize);
     stream->read(first, vmdkSectorSize);
-    long long stored =
-        extent.getGrain()->checkStoredCompressedGrain(first, posSectors, extent.getUnrecordedSlotSectors(), sink);
+    VMDKProblemSink ignore = [](const CVMDKProblem&) {};
+    long long stored = extent.getGrain()->checkStoredCompressedGrain(first, posSectors, extent.getUnrecordedSlotSectors(),
+                                                                     problems ? problems : ignore);
     return stored < 0 ? -1 : sectorsFor(stored);
 }
 
@@ -290,12 +324,13 @@ CVMDKSparseExtentVerifier::CGrainScan CVMDKSparseExtentVerifier::verifyGrains(co
             ++scan.writtenGrains;
             scan.slotSectorsInFile += std::min(pos + slot, fileSectors) - pos;
             scan.referencedEndSectors = std::max(scan.referencedEndSectors, pos + slot);
-            overlaps.add(pos, slot);
+            overlaps.add(grainIndex, pos, slot);
             if (onGrain) onGrain(grainIndex, pos, slot);
         }
         if (onTable) onTable(t + 1);
     });
     overlaps.finish();
+    scan.shortenedSlots = std::move(overlaps.shortened);
     if (onGap) overlaps.forEachGap(extent.getGrainAreaStartSectors(), scan.referencedEndSectors, onGap);
     return scan;
 }

@@ -20,6 +20,7 @@
 #include "format/CVMDKProblem.h"
 
 #include <functional>
+#include <vector>
 
 namespace kord {
 
@@ -28,6 +29,13 @@ class CVMDKSparseExtentFile;
 class CVMDKSparseExtentVerifier {
 public:
     // What the scan of all grain tables found in the grains that pass.
+    // A grain's slot that reached into the next one's, and the sectors it
+    // was cut to (see verifyGrains).
+    struct CShortenedSlot {
+        long long grainIndex;
+        long long posSectors;
+        long long slotSectors;
+    };
     struct CGrainScan {
         long long writtenGrains = 0;
         // A compressed grain's slot may end past the end of the file (its
@@ -36,6 +44,7 @@ public:
         // The end of the grain area and of every slot a table references: no
         // new grain may start before it.
         long long referencedEndSectors = 0;
+        std::vector<CShortenedSlot> shortenedSlots;
     };
     // Called for each written grain that passes, and after each table
     // (with the number of tables done).
@@ -53,12 +62,16 @@ public:
     // where grain data may be; a misplaced one is reported (false).
     bool verifyGrainEntry(long long grainIndex, long long posSectors, long long slotSectors) const;
     // The layout, from what the directories hold in memory: no table I/O.
-    // Sorts the metadata structures once (16 bytes each).
-    void verifyLayout() const;
+    // Sorts the metadata structures once (16 bytes each). Returns the end
+    // of the structure reaching furthest, in sectors.
+    long long verifyLayout() const;
     // Every grain table, read once (cached tables as they are in memory).
     // Finds shared slots in one bit per grain of the file where all slots
-    // are one grain (uncompressed extents), else in 8 bytes per written
-    // grain.
+    // are one grain (uncompressed extents), else in 12 bytes per written
+    // grain. A compressed grain's slot that reaches into the next grain's
+    // while its data ends before it (left by a flush cut short after a
+    // moved grain's larger slot size) is not reported: it is cut to end
+    // there and listed in shortenedSlots.
     CGrainScan verifyGrains(const GrainVisitor& onGrain = nullptr, const TableProgress& onTable = nullptr,
                             const GapVisitor& onGap = nullptr) const;
 
@@ -67,6 +80,9 @@ private:
 
     void report(CVMDKProblem::Kind kind, const zu::String& message, zu::CProps props) const;
     long long measureUnrecordedSlot(long long posSectors) const;
+    // The sectors a compressed grain's data takes, from its first sector;
+    // -1 (the problem sent to `problems`) where it cannot be read.
+    long long measureStoredSectors(long long posSectors, const VMDKProblemSink& problems = nullptr) const;
 
     const CVMDKSparseExtentFile& extent;
     VMDKProblemSink sink;

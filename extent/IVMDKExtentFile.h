@@ -7,6 +7,7 @@
 #include "base/CURI.h"
 #include "base/TBuffer.h"
 #include "extent/CVMDKSpaceInfo.h"
+#include "grain/CVMDKDataPlace.h"
 #include "grain/CVMDKDataPreparer.h"
 #include "grain/IVMDKDataProvider.h"
 
@@ -53,6 +54,10 @@ public:
     // Whether the grain at the position is written in this extent itself.
     virtual bool isGrainWrittenAndIndependentOfParent() = 0;
     virtual zu::P<CVMDKSpaceInfo> gatherSpaceInfo() = 0;
+    // Where the bytes from the position on lie in this extent (not its
+    // fallback), for at least one byte and at most to the end of the grain
+    // or the extent. Reads at most a grain table; the position does not change.
+    virtual CVMDKDataPlace locate() = 0;
 };
 
 } // namespace kord

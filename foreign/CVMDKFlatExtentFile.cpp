@@ -157,4 +157,14 @@ zu::P<CVMDKSpaceInfo> CVMDKFlatExtentFile::gatherSpaceInfo()
     return info;
 }
 
+CVMDKDataPlace CVMDKFlatExtentFile::locate()
+{
+    CVMDKDataPlace place;
+    place.kind = CVMDKDataPlace::kindData;
+    place.bytes = sizeBytes - position;
+    place.file = stream->getURI();
+    place.offsetBytes = offsetSectors * vmdkSectorSize + position;
+    return place;
+}
+
 } // namespace kord

@@ -54,6 +54,7 @@ public:
     bool isGrainWritten() override { return true; }
     bool isGrainWrittenAndIndependentOfParent() override { return true; }
     zu::P<CVMDKSpaceInfo> gatherSpaceInfo() override;
+    CVMDKDataPlace locate() override;
 
     long long getOffsetSectors() const { return offsetSectors; }
 

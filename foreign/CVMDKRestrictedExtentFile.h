@@ -42,6 +42,7 @@ public:
     bool isGrainWritten() override { return inner->isGrainWritten(); }
     bool isGrainWrittenAndIndependentOfParent() override { return inner->isGrainWrittenAndIndependentOfParent(); }
     zu::P<CVMDKSpaceInfo> gatherSpaceInfo() override { return inner->gatherSpaceInfo(); }
+    CVMDKDataPlace locate() override { return inner->locate(); }
 
     IVMDKExtentFile* getInner() const { return inner; }
 

@@ -21,6 +21,7 @@ const char* CVMDKProblem::getKindName(Kind kind)
     case kindBadGrainData: return "badGrainData";
     case kindGrainLBAMismatch: return "grainLBAMismatch";
     case kindDescriptorFull: return "descriptorFull";
+    case kindLeakedSpace: return "leakedSpace";
     }
     return "unknown";
 }

@@ -34,6 +34,7 @@ struct CVMDKProblem {
         kindBadGrainData,        // a compressed grain's data does not expand to a grain
         kindGrainLBAMismatch,    // a compressed grain's header names another grain
         kindDescriptorFull,      // an embedded descriptor has no room for a new content ID
+        kindLeakedSpace,         // the file holds sectors behind all metadata and grains that nothing uses
     };
 
     Kind kind;

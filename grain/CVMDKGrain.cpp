@@ -425,11 +425,12 @@ void CVMDKGrain::writePreparedGrainDataInternal(const unsigned char* source, lon
             stream->write(source, static_cast<int>(size));
         return;
     }
-    // A moved grain's new slot is at least its old one: its slot size may
-    // become durable before the grain table entry that points at the new
-    // place, and the old grain must still fit in between.
-    long long slot = compressed ? std::max(maxCompressedSlotSectors, posSectors > 0 ? slotSizeSectors : 0)
-                                : grainSizeSectors;
+    // A compressed grain takes the sectors its data needs, so that a stream
+    // file is as small as its data, in apparent size too. A moved grain's
+    // new slot is still at least its old one: its slot size may become
+    // durable before the grain table entry that points at the new place,
+    // and the old grain must still fit in between.
+    long long slot = compressed ? std::max(sectors, posSectors > 0 ? slotSizeSectors : 0) : grainSizeSectors;
     long long oldPosSectors = posSectors;
     long long oldSlotSizeSectors = slotSizeSectors;
     posSectors = keep ? allocator->allocNewGrainKeepBuffer(extentGrainIndex, *keep, static_cast<int>(slot))
@@ -522,6 +523,25 @@ long long CVMDKGrain::makeIndependentOfParent()
     }
     posInGrain = result;
     return result;
+}
+
+CVMDKDataPlace CVMDKGrain::locate() const
+{
+    CVMDKDataPlace place;
+    place.bytes = grainSize - posInGrain;
+    if (posSectors > 0) {
+        place.kind = CVMDKDataPlace::kindData;
+        if (!compressed && !grainCipher) {
+            place.file = stream->getURI();
+            place.offsetBytes = posSectors * vmdkSectorSize + posInGrain;
+        }
+    } else if (dirty) {
+        // Written, and stored when the grain is closed.
+        place.kind = CVMDKDataPlace::kindData;
+    } else if (posSectors < 0) {
+        place.kind = CVMDKDataPlace::kindZero;
+    }
+    return place;
 }
 
 bool CVMDKGrain::isGrainWritten()

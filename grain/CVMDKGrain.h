@@ -32,6 +32,7 @@
 #include "base/TBuffer.h"
 #include "crypto/ICipher.h"
 #include "format/CVMDKProblem.h"
+#include "grain/CVMDKDataPlace.h"
 #include "grain/CVMDKDataPreparer.h"
 #include "grain/CVMDKGrainCipher.h"
 #include "grain/IVMDKDataProvider.h"
@@ -88,6 +89,8 @@ public:
     long long makeIndependentOfParent();
     bool isGrainWritten();
     bool isGrainWrittenAndIndependentOfParent() const { return dirty || posSectors != 0; }
+    // Where the current grain's bytes from the position on lie; no I/O.
+    CVMDKDataPlace locate() const;
     void setFallbackDataProvider(IVMDKDataProvider* provider) { fallback = provider; }
     zu::P<CVMDKDataPreparer> createDataPreparer() const;
     void flushChangesToStream();

@@ -216,6 +216,28 @@ void CVMDKGrainAllocator::commit()
     for (auto it = releasedSlots.begin(); it != committable; ++it) freeSlots.emplace(it->sectors, it->posSectors);
     releasedSlots.erase(releasedSlots.begin(), committable);
     committableSlots = 0;
+    if (trail.isEmpty()) trimFreeEnd();
+}
+
+// Free slots at the end of the grain data (left by the last grains when
+// they moved) are cut off the file, where no trail follows them: no table
+// points at them any more.
+void CVMDKGrainAllocator::trimFreeEnd()
+{
+    long long end = allocationPoint / vmdkSectorSize;
+    for (bool found = true; found;) {
+        found = false;
+        for (auto it = freeSlots.begin(); it != freeSlots.end(); ++it) {
+            if (it->second + it->first != end) continue;
+            end = it->second;
+            freeSlots.erase(it);
+            found = true;
+            break;
+        }
+    }
+    if (end * vmdkSectorSize == allocationPoint) return;
+    allocationPoint = end * vmdkSectorSize;
+    stream->setLength(allocationPoint);
 }
 
 long long CVMDKGrainAllocator::getFreeSectors() const

@@ -89,6 +89,7 @@ private:
     };
 
     long long findCutTrail(long long grainAreaStartBytes) const;
+    void trimFreeEnd();
     long long allocNewGrainImpl(long long extentGrainIndex, const void* data, int size,
                                 const zu::TConstBufferSlice<unsigned char>* keep, int slotSizeSectors);
     long long takeFreeSlot(long long sectors);

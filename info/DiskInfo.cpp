@@ -1,7 +1,10 @@
 #include "DiskInfo.h"
 
 #include "base/CLocalFileSystem.h"
+#include "extent/CVMDKSparseExtentFile.h"
 #include "format/VMDKFileReference.h"
+
+#include <algorithm>
 
 namespace kordinfo {
 
@@ -42,6 +45,10 @@ Json extentJson(kord::CVMDKDisk* disk, int index)
         extent["nameInDescriptor"] = line.fileName.toUTF8();
     zu::P<kord::IVMDKExtentFile> file = disk->openExtentForInspection(index);
     extent["writtenGrains"] = file ? file->gatherSpaceInfo()->payloadSize / disk->getGrainSizeBytes() : 0;
+    // Set while a writer has changes that are not all in the file; left
+    // set by a writer that did not close the extent.
+    auto* sparse = zu::tryCast<kord::CVMDKSparseExtentFile>(file.get());
+    extent["uncleanShutdown"] = sparse ? Json(sparse->getHeader().uncleanShutdown != 0) : Json();
     // Null for a ZERO extent and for a file that is not there (made on
     // demand and not made yet, or of a NOACCESS line).
     extent["fileSize"] = !zero && disk->getFileSystem()->exists(uri) ? Json(disk->getFileSystem()->getFileSize(uri)) : Json();
@@ -79,9 +86,24 @@ Json diskInfoJson(kord::CVMDKDisk* disk)
     Json extents = Json::array();
     for (int i = 0; i < static_cast<int>(disk->getExtentInfos().size()); ++i) extents.push_back(extentJson(disk, i));
     info["extents"] = extents;
+    info["dirty"] = std::any_of(extents.begin(), extents.end(),
+                                [](const Json& extent) { return extent["uncleanShutdown"] == Json(true); });
     info["space"] = spaceJson(*disk->gatherSpaceInfo());
-    if (kord::CVMDKDisk* parent = disk->getParentDisk()) info["parent"] = diskInfoJson(parent);
+    if (kord::CVMDKDisk* parent = openParentIfPresent(disk))
+        info["parent"] = diskInfoJson(parent);
+    else if (isParentMissing(disk))
+        info["parent"] = Json{{"file", uriToDisplay(disk->getParentURI())}, {"missing", true}};
     return info;
+}
+
+bool isParentMissing(kord::CVMDKDisk* disk)
+{
+    return !disk->getParentURI().isEmpty() && !disk->getFileSystem()->exists(disk->getParentURI());
+}
+
+kord::CVMDKDisk* openParentIfPresent(kord::CVMDKDisk* disk)
+{
+    return isParentMissing(disk) ? nullptr : disk->getParentDisk();
 }
 
 } // namespace kordinfo

@@ -77,6 +77,7 @@ step "back to raw, byte for byte"
 for disk in "${disks[@]}"; do
     "$kord" convert -O raw "$disk.vmdk" "$disk.raw"
     cmp "$disk.raw" "$(expected_of "$disk")"
+    "$kord" compare "$disk.vmdk" "$(expected_of "$disk")"
     echo "$disk.vmdk -> raw: sha256 $(sha "$disk.raw"), identical"
 done
 for disk in monolithic split stream encrypted; do fsck "$disk.raw"; done
@@ -88,9 +89,12 @@ if command -v qemu-img >/dev/null; then
     for disk in monolithic split stream delta; do
         qemu-img convert -f vmdk -O raw "$disk.vmdk" "qemu-$disk.raw"
         cmp "qemu-$disk.raw" "$(expected_of "$disk")"
-        echo "qemu-img: $disk.vmdk identical"
+        qemu-img map --output=json "$disk.vmdk" >qemu-map.json
+        "$kord" map --output=json "$disk.vmdk" >kord-map.json
+        python3 -c 'import json, sys; sys.exit(json.load(open(sys.argv[1])) != json.load(open(sys.argv[2])))' qemu-map.json kord-map.json
+        echo "qemu-img: $disk.vmdk identical, and mapped as kord maps it"
     done
-    qemu_note="qemu-img read the 4 unencrypted disks identically"
+    qemu_note="qemu-img read the 4 unencrypted disks identically and mapped them as kord does"
 fi
 
 nbd_note="nbdkit not installed: no disk served over NBD"

@@ -2,6 +2,7 @@
 
 #include "ImageFormat.h"
 #include "Passwords.h"
+#include "Progress.h"
 #include "ToolSupport.h"
 
 #include "base/CIOError.h"
@@ -18,6 +19,7 @@ namespace {
 constexpr long long chunkBytes = 1024 * 1024;
 
 struct CCatOptions {
+    bool progress = false;
     CImageFormat format;
     std::string disk;
     CPasswordSource passwords;
@@ -41,12 +43,15 @@ void runCat(CCatOptions& options)
     zu::P<kord::CVMDKDisk> disk = openDisk(options.disk, zu::IIOStream::accessRead, options.passwords, options.format);
     zu::TBuffer<unsigned char> buffer(chunkBytes);
     long long size = disk->getDiskSizeBytes();
+    CProgress progress(options.progress, "cat");
     for (long long position = 0; position < size;) {
         long long bytes = std::min(chunkBytes, size - position);
         disk->read(buffer.getData(), static_cast<int>(bytes));
         writeToStandardOutput(buffer.getData(), bytes);
         position += bytes;
+        progress.update(position, size);
     }
+    progress.finish();
 }
 
 } // namespace
@@ -55,6 +60,7 @@ void addCatCommand(CLI::App& app)
 {
     auto options = std::make_shared<CCatOptions>();
     CLI::App* command = app.add_subcommand("cat", "Write the disk's virtual contents to standard output");
+    command->add_flag("-p,--progress", options->progress, "Show progress on standard error");
     command->add_option("DISK", options->disk, "The disk's main file")->required();
     options->format.addOption(command, {"vmdk"});
     options->passwords.addOptions(command);

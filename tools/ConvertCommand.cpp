@@ -25,6 +25,7 @@ struct CConvertOptions {
     std::string outputFormat = "vmdk";
     std::string type;
     bool encrypt = false;
+    bool plainStream = false;
     int compressionLevel = -1;
     int threads = 1;
     std::string source;
@@ -40,6 +41,10 @@ void checkOptions(const CConvertOptions& options)
     if (raw && options.encrypt) throw toolError("--encrypt applies to VMDK output only.");
     if (options.compressionLevel != -1 && options.type != "streamOptimized")
         throw toolError("-c applies to streamOptimized output only.");
+    if (options.plainStream && options.type != "streamOptimized")
+        throw toolError("--plain-stream applies to streamOptimized output only.");
+    if (options.plainStream && options.encrypt)
+        throw toolError("--plain-stream cannot be encrypted: encryption is one of kord's extensions.");
 }
 
 // The source disk's adapter where the library can make it, else the default.
@@ -118,14 +123,16 @@ void runConvert(CConvertOptions& options)
     }
     CProgress progress(options.progress, "convert");
     if (options.outputFormat == "raw") {
-        kord::writeVMDKFileAtomically(localFileSystem(), pathToURI(options.destination), false, [&](zu::IIOStream& stream) {
-            CRawTarget target(stream, source->getSizeBytes());
-            copy(options, *source, sourceDisk, target, nullptr, progress);
-            target.finish();
-        });
+        kord::writeVMDKFileAtomically(localFileSystem(), pathToURI(options.destination), false,
+                                      [&](zu::IIOStream& stream) {
+                                          CRawTarget target(stream, source->getSizeBytes());
+                                          copy(options, *source, sourceDisk, target, nullptr, progress);
+                                          target.finish();
+                                      });
     } else {
         CDiskTarget target(options.destination,
-                           targetParams(options, *source, sourceDisk ? sourceDisk->getDisk() : nullptr));
+                           targetParams(options, *source, sourceDisk ? sourceDisk->getDisk() : nullptr),
+                           options.plainStream);
         try {
             copy(options, *source, sourceDisk, target, &target, progress);
             target.finish();
@@ -152,6 +159,9 @@ void addConvertCommand(CLI::App& app)
                         "streamOptimized")
         ->type_name("TYPE");
     command->add_flag("--encrypt", options->encrypt, "Encrypt the new disk (AES-256-CBC) under a password");
+    command->add_flag("--plain-stream", options->plainStream,
+                      "With -t streamOptimized: a stream file without kord's extensions (no slot-size directory), "
+                      "for readers that validate strictly; kord reads it but does not write to it");
     command->add_option("-c,--compression", options->compressionLevel,
                         "Deflate level of streamOptimized output, 0 to 12 (default 1)")
         ->type_name("LEVEL")

@@ -83,9 +83,9 @@ zu::CFileSystemError alreadyExists(const zu::CURI& uri)
 
 } // namespace
 
-CDiskTarget::CDiskTarget(const std::string& path, const kord::CVMDKDisk::CCreateParams& params)
+CDiskTarget::CDiskTarget(const std::string& path, const kord::CVMDKDisk::CCreateParams& params, bool plainStream)
     : mainURI(pathToURI(path)), temporaryURI(temporaryName(mainURI)),
-      split(params.createType == zu::String("twoGbMaxExtentSparse"))
+      split(params.createType == zu::String("twoGbMaxExtentSparse")), plainStream(plainStream)
 {
     if (localFileSystem()->exists(mainURI)) throw alreadyExists(mainURI);
     // Left by a conversion that was killed.
@@ -117,6 +117,7 @@ void CDiskTarget::write(long long position, const unsigned char* data, long long
 
 void CDiskTarget::finish()
 {
+    if (plainStream) disk->removeSlotSizeDirectory();
     disk->syncFiles();
     // The extent lines name the files by the names they are about to get.
     std::vector<std::pair<zu::CURI, zu::CURI>> renames;

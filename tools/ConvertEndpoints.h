@@ -71,10 +71,12 @@ private:
 // A new disk made through the library under temporary names (the main
 // file's title plus ".kord-tmp"); finish() makes it durable and gives its
 // files their own names, the main file last. Nothing is synced before.
+// plainStream: a stream-optimized disk is finished as a plain stream file,
+// without our slot-size directory.
 class CDiskTarget : public IConvertTarget {
 public:
     // Refuses (zu::CFileSystemError) when a file of the disk exists.
-    CDiskTarget(const std::string& path, const kord::CVMDKDisk::CCreateParams& params);
+    CDiskTarget(const std::string& path, const kord::CVMDKDisk::CCreateParams& params, bool plainStream = false);
     kord::CVMDKDisk* getDisk() const { return disk; }
     void write(long long position, const unsigned char* data, long long bytes) override;
     void finish() override;
@@ -90,6 +92,7 @@ private:
     zu::CURI temporaryURI;
     bool split;
     zu::P<kord::CVMDKDisk> disk;
+    bool plainStream;
 };
 
 } // namespace kordtool

@@ -44,13 +44,13 @@ bool isDescriptorText(const zu::TBuffer<unsigned char>& content)
 
 } // namespace
 
-void CImageFormat::addOption(CLI::App* command, const std::vector<std::string>& formats)
+void CImageFormat::addOption(CLI::App* command, const std::vector<std::string>& formats, const std::string& names)
 {
-    std::string names;
-    for (const std::string& format : formats) names += (names.empty() ? "" : " or ") + format;
+    std::string offered;
+    for (const std::string& format : formats) offered += (offered.empty() ? "" : " or ") + format;
     command
-        ->add_option("-f,--format", given,
-                     "Format of the file: " + names + " (default: VMDK when the file is one by its header or "
+        ->add_option(names, given,
+                     "Format of the file: " + offered + " (default: VMDK when the file is one by its header or "
                                                       "descriptor, else raw)")
         ->type_name("FMT")
         ->check(CLI::IsMember(formats));

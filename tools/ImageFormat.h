@@ -21,8 +21,10 @@ public:
     // with -f vmdk: raw disk images are never this small.
     static constexpr long long maxDetectedDescriptorBytes = 64 * 1024;
 
-    // Adds -f,--format to a command, offering the formats it takes ("raw", "vmdk").
-    void addOption(CLI::App* command, const std::vector<std::string>& formats);
+    // Adds -f,--format (or the option `names`) to a command, offering the
+    // formats it takes ("raw", "vmdk").
+    void addOption(CLI::App* command, const std::vector<std::string>& formats,
+                   const std::string& names = "-f,--format");
     // Whether the file at `path` is to be read as a VMDK disk.
     bool isVMDK(const std::string& path) const;
     // For commands that take VMDK disks only: the error that says why the

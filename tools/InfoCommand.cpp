@@ -58,6 +58,7 @@ void printDisk(const Json& info, const std::string& indent)
               geometry.is_null() ? "unknown"
                                  : text(geometry["cylinders"]) + "/" + text(geometry["heads"]) + "/" + text(geometry["sectors"]));
     if (info["extentFilesOnDemand"].get<bool>()) printLine(indent, "extent files", "made on demand");
+    printLine(indent, "dirty", info["dirty"].get<bool>() ? "yes (not closed cleanly)" : "no");
     std::cout << indent << "extents:\n";
     for (const Json& extent : info["extents"]) {
         std::string file = extent["file"].is_null()               ? "no file"
@@ -79,10 +80,14 @@ void printDisk(const Json& info, const std::string& indent)
     printLine(indent + "  ", "payload in files", sizeText(space["payloadSizeInFile"].get<long long>()));
     printLine(indent + "  ", "header", sizeText(space["headerSize"].get<long long>()));
     printLine(indent + "  ", "dead space", sizeText(space["deadSpace"].get<long long>()));
-    if (info.contains("parent")) {
-        std::cout << indent << "parent:\n";
-        printDisk(info["parent"], indent + "  ");
+    if (!info.contains("parent")) return;
+    const Json& parent = info["parent"];
+    if (parent.contains("missing")) {
+        printLine(indent, "parent", text(parent["file"]) + " (missing)");
+        return;
     }
+    std::cout << indent << "parent:\n";
+    printDisk(parent, indent + "  ");
 }
 
 void runInfo(CInfoOptions& options)
@@ -101,7 +106,7 @@ void addInfoCommand(CLI::App& app)
 {
     auto options = std::make_shared<CInfoOptions>();
     CLI::App* command = app.add_subcommand("info", "Show what a disk and its parent chain are made of");
-    command->add_flag("--json", options->json, "Print JSON instead of text");
+    addOutputOptions(command, options->json);
     command->add_option("DISK", options->disk, "The disk's main file")->required();
     options->format.addOption(command, {"vmdk"});
     options->passwords.addOptions(command);

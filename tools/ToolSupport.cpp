@@ -7,6 +7,8 @@
 #include "descriptor/CVMDKDescriptorAccessor.h"
 #include "format/CVMDKLowLevelFileStream.h"
 
+#include <CLI/CLI.hpp>
+
 #include <iostream>
 #include <mutex>
 #include <set>
@@ -28,6 +30,22 @@ void logLine(zu::LogLevel level, const zu::String& line)
         heldErrors.push_back(line);
     else if (printedWarnings.insert(line).second)
         std::cerr << "kord: warning: " << line.toUTF8() << std::endl;
+}
+
+// One line, whatever the message holds.
+std::string oneLine(std::string text)
+{
+    for (char& c : text)
+        if (c == '\n' || c == '\r') c = ' ';
+    return text;
+}
+
+// The message and its properties, without the causes.
+std::string errorLine(const zu::CError& error)
+{
+    zu::String text = error.getMessage();
+    for (const auto& property : error.getProps()) text += " " + property.first + "=" + property.second;
+    return oneLine(text.toUTF8());
 }
 
 } // namespace
@@ -61,6 +79,15 @@ zu::P<kord::CVMDKDisk> openDisk(const std::string& path, int access, CPasswordSo
     return kord::CVMDKDisk::openAny(localFileSystem(), uri, access, password);
 }
 
+void addOutputOptions(CLI::App* command, bool& json)
+{
+    command->add_option_function<std::string>("--output", [&json](const std::string& format) { json = format == "json"; },
+                                              "Output format: human (default) or json")
+        ->type_name("FMT")
+        ->check(CLI::IsMember({"human", "json"}));
+    command->add_flag("--json", json, "Print JSON (as --output=json)");
+}
+
 zu::CError toolError(const std::string& message, const zu::CProps& props)
 {
     return zu::CError(zu::String(message), zu::String("kord"), -1, props);
@@ -80,11 +107,14 @@ void CToolLog::printHeldErrors()
 void printError(const std::exception& error)
 {
     const auto* zuError = dynamic_cast<const zu::CError*>(&error);
-    std::string text = zuError ? zuError->toString().toUTF8() : std::string(error.what());
-    // One line, whatever the message holds.
-    for (char& c : text)
-        if (c == '\n' || c == '\r') c = ' ';
-    std::cerr << "kord: " << text << std::endl;
+    if (!zuError) {
+        std::cerr << "kord: " << oneLine(error.what()) << std::endl;
+        return;
+    }
+    std::cerr << "kord: " << errorLine(*zuError) << "\n";
+    for (const zu::CError* cause = zuError->getCause(); cause; cause = cause->getCause())
+        std::cerr << "kord:   caused by: " << errorLine(*cause) << "\n";
+    std::cerr.flush();
 }
 
 } // namespace kordtool

@@ -10,6 +10,10 @@
 
 #include <string>
 
+namespace CLI {
+class App;
+}
+
 namespace kordtool {
 
 class CImageFormat;
@@ -17,7 +21,6 @@ class CPasswordSource;
 
 // Exit codes of the program.
 constexpr int exitSuccess = 0;
-constexpr int exitProblemsFound = 1; // kord check only
 constexpr int exitFailure = 2;
 
 zu::IFileSystem* localFileSystem();
@@ -33,6 +36,10 @@ bool diskNeedsPassword(const zu::CURI& uri);
 // encrypted; a file that `format` does not take as a VMDK disk is refused.
 zu::P<kord::CVMDKDisk> openDisk(const std::string& path, int access, CPasswordSource& passwords,
                                 const CImageFormat& format);
+
+// Adds --output=human|json and its short form --json to a command that can
+// print JSON; `json` must outlive the command line's parsing.
+void addOutputOptions(CLI::App* command, bool& json);
 
 // An error of the tool itself (a bad combination of options, a missing
 // password source), reported like the library's errors.
@@ -52,7 +59,8 @@ public:
     void printHeldErrors();
 };
 
-// "kord: <message> <name=value ...>" on one line on standard error.
+// "kord: <message> <name=value ...>" on standard error, then each error
+// that caused it on a line of its own, "kord:   caused by: ...".
 void printError(const std::exception& error);
 
 } // namespace kordtool

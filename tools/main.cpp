@@ -1,9 +1,11 @@
 // kord: reads, writes, makes, converts and checks VMDK virtual disks
-// through libkord. Every error ends the program with one line on standard
-// error ("kord: <message> <properties>") and exit status 2; so does a
-// failure that the library could only report from a destructor.
+// through libkord. Every error ends the program with a line on standard
+// error ("kord: <message> <properties>"), a line for each error that caused
+// it, and exit status 2 (kord check: 1); so does a failure that the library
+// could only report from a destructor.
 #include "CatCommand.h"
 #include "CheckCommand.h"
+#include "CompareCommand.h"
 #include "ConvertCommand.h"
 #include "CreateCommand.h"
 #include "InfoCommand.h"
@@ -32,7 +34,8 @@ int main(int argc, char** argv)
     kordtool::addCatCommand(app);
     kordtool::addWriteCommand(app);
     kordtool::addMapCommand(app);
-    kordtool::addCheckCommand(app, exitCode);
+    kordtool::addCompareCommand(app, exitCode);
+    CLI::App* check = kordtool::addCheckCommand(app, exitCode);
     kordtool::addPasswdCommand(app);
     kordtool::addMountCommands(app);
     try {
@@ -40,7 +43,7 @@ int main(int argc, char** argv)
     } catch (const CLI::ParseError& e) {
         if (e.get_exit_code() == 0) return app.exit(e);
         std::cerr << "kord: " << e.what() << " (kord --help lists the commands)" << std::endl;
-        return kordtool::exitFailure;
+        return check->parsed() ? kordtool::exitCheckIncomplete : kordtool::exitFailure;
     } catch (const std::exception& e) {
         kordtool::printError(e);
         return kordtool::exitFailure;

@@ -63,13 +63,13 @@ inline Ranges merged(Ranges ranges)
     return out;
 }
 
-// What holds data according to "kord map --json": every layer's ranges.
+// What some disk of the chain holds according to "kord map --json".
 inline Ranges kordMapRanges(const std::string& json)
 {
     Ranges ranges;
-    for (const auto& layer : nlohmann::json::parse(json))
-        for (const auto& range : layer["ranges"])
-            ranges.emplace_back(range["offset"].get<long long>(), range["length"].get<long long>());
+    for (const auto& entry : nlohmann::json::parse(json))
+        if (entry["present"].get<bool>())
+            ranges.emplace_back(entry["start"].get<long long>(), entry["length"].get<long long>());
     return merged(ranges);
 }
 

@@ -213,7 +213,8 @@ TEST_F(NbdkitPluginTest, failuresReachBothEnds)
     std::filesystem::resize_file(file("monolithic.vmdk"), std::filesystem::file_size(file("monolithic.vmdk")) - 32768);
     std::string out;
     EXPECT_NE(0, serve("monolithic.vmdk", "readonly=true", "nbdcopy \"$uri\" copy.raw", &out));
-    EXPECT_NE(std::string::npos, out.find("kord[1]: error: VMDK grain table entry points past the end of the extent file."))
+    // nbdcopy's connections run at once: any of them may meet the damage first.
+    EXPECT_NE(std::string::npos, out.find("]: error: VMDK grain table entry points past the end of the extent file."))
         << out;
     EXPECT_NE(std::string::npos, out.find("Input/output error")) << out;
 

@@ -1,10 +1,14 @@
 // The kord program on real files: every subcommand does its job, and every
 // failure ends with one line "kord: ..." on standard error and status 2.
 #include "ToolTestUtil.h"
+#include "common/SampleDisks.h"
 
 #include "base/Endian.h"
 
 #include <nlohmann/json.hpp>
+
+#include <fstream>
+#include <functional>
 
 #include <sys/stat.h>
 
@@ -62,8 +66,7 @@ TEST_F(ToolTest, createWriteCatInfoMapOnEveryType)
         EXPECT_EQ("ide", info["adapterType"]);
         EXPECT_EQ(4, info["extents"][0]["writtenGrains"]) << info.dump();
         EXPECT_EQ(4 * grainBytes, info["space"]["payloadSize"]);
-        EXPECT_EQ(Json::parse(R"([{"offset": 0, "length": 131072}, {"offset": 1048576, "length": 131072}])"),
-                  Json::parse(kord("map --json " + disk).out)[0]["ranges"]);
+        EXPECT_EQ((kordtest::Ranges{{0, 131072}, {1048576, 131072}}), kordtest::kordMapRanges(kord("map --json " + disk).out));
         EXPECT_NE(std::string::npos, kord("info " + disk).out.find("create type:          " + type));
     }
 }
@@ -167,12 +170,13 @@ TEST_F(ToolTest, deltaDisksReadThroughTheirParents)
     EXPECT_EQ("base.vmdk", info["parentFileNameHint"]);
     EXPECT_EQ(info["parent"]["contentID"], info["parentContentID"]);
     Json map = Json::parse(kord("map --json delta.vmdk").out);
-    ASSERT_EQ(2u, map.size());
-    EXPECT_EQ((Json{{{"offset", 1966080}, {"length", grainBytes}}}), map[0]["ranges"]);
-    EXPECT_EQ(1, map[1]["layer"]);
+    std::vector<long long> ownGrains;
+    for (const Json& entry : map)
+        if (entry["depth"] == 0) ownGrains.push_back(entry["start"]);
+    EXPECT_EQ(std::vector<long long>{1966080}, ownGrains);
     // The parent's last grain, cut short by the disk's end.
-    const Json& last = map[1]["ranges"].back();
-    EXPECT_EQ(static_cast<long long>(data.size()), last["offset"].get<long long>() + last["length"].get<long long>());
+    EXPECT_EQ(1, map.back()["depth"]);
+    EXPECT_EQ(static_cast<long long>(data.size()), map.back()["start"].get<long long>() + map.back()["length"].get<long long>());
     EXPECT_EQ(0, kord("check delta.vmdk").status);
     ASSERT_EQ(0, kord("convert delta.vmdk flat.vmdk").status);
     EXPECT_TRUE(kord("cat flat.vmdk").out == data);
@@ -192,21 +196,145 @@ TEST_F(ToolTest, passwordsComeFromFileEnvironmentOrNowhere)
     expectFailure(kord("passwd plain.vmdk", "KORD_NEW_PASSWORD=x"), "VMDK disk is not encrypted");
 }
 
+// Exit status as qemu-img check gives it: 0 clean, 3 leaks only, 2 damage
+// (whatever leaks come with it), 1 when the check cannot complete.
 TEST_F(ToolTest, checkExitStatusSaysWhatItFound)
 {
-    ASSERT_EQ(0, kord("create disk.vmdk 1M").status);
-    CRun clean = kord("check disk.vmdk");
-    EXPECT_EQ(0, clean.status);
-    EXPECT_EQ("disk.vmdk: no problems found\n", clean.out);
-    patch("disk.vmdk", 72, 1); // uncleanShutdown
-    CRun damaged = kord("check -p disk.vmdk");
-    EXPECT_EQ(1, damaged.status);
-    EXPECT_EQ(file("disk.vmdk") + ": uncleanShutdown: VMDK extent file was not closed cleanly. uncleanShutdown=1\n"
-                                  "disk.vmdk: 1 problem found\n",
-              damaged.out);
-    // For check, a header the library refuses is a finding, not a failure.
-    patch("disk.vmdk", 4, 9); // version
-    EXPECT_EQ(1, kord("check disk.vmdk").status);
+    put("data.bin", std::string(200000, 'd'));
+    struct CCase {
+        const char* name;
+        std::function<void()> damage;
+        int status;
+        const char* lines;
+    };
+    const long long uncleanShutdownAt = 72, versionAt = 4;
+    const std::vector<CCase> cases = {
+        {"clean", [] {}, 0, ""},
+        {"unclean", [&] { patch("unclean.vmdk", uncleanShutdownAt, 1); }, 3,
+         "unclean.vmdk: uncleanShutdown: VMDK extent file was not closed cleanly. uncleanShutdown=1\n"},
+        // A grain appended by a writer that died before recording it.
+        {"leak", [&] { append("leak.vmdk", std::string(1000, 'x')); }, 3,
+         "leak.vmdk: leakedSpace: VMDK extent file holds space that no grain or metadata uses. fileSize=328680 "
+         "leakedBytes=1024 usedEndSectors=640\n"},
+        // Zeros behind the data are padding, as other tools write it.
+        {"padded", [&] { append("padded.vmdk", std::string(4096, 0)); }, 0, ""},
+        // For check, a header the library refuses is damage, not a failure.
+        {"version", [&] { patch("version.vmdk", versionAt, 9); }, 2,
+         "version.vmdk: refused: VMDK file has an unsupported version: 9"},
+    };
+    for (const CCase& c : cases) {
+        SCOPED_TRACE(c.name);
+        const std::string disk = std::string(c.name) + ".vmdk";
+        ASSERT_EQ(0, kord("create " + disk + " 1M").status);
+        ASSERT_EQ(0, kord("write --offset 0 " + disk + " data.bin").status);
+        c.damage();
+        CRun human = kord("check -p " + disk);
+        EXPECT_EQ(c.status, human.status) << human.out << human.err;
+        EXPECT_EQ(0u, human.out.find(std::string(c.lines).empty() ? disk : file(c.lines))) << human.out;
+        CRun json = kord("check --output=json " + disk);
+        EXPECT_EQ(c.status, json.status);
+        Json report = Json::parse(json.out);
+        EXPECT_EQ(disk, report["filename"]);
+        EXPECT_EQ(c.status == 2 ? 1 : 0, report["corruptions"]);
+        EXPECT_EQ(c.status == 3 ? 1 : 0, report["leaks"]);
+        EXPECT_EQ(report["findings"].size(), report["leaks"].get<size_t>() + report["corruptions"].get<size_t>());
+        EXPECT_EQ(Json::parse(kord("check --json " + disk).out), report);
+    }
+    EXPECT_EQ("clean.vmdk: no problems found\n", kord("check clean.vmdk").out);
+    EXPECT_EQ("leak.vmdk: 1 leak found, no corruption\n", kord("check leak.vmdk").out.substr(kord("check leak.vmdk").out.find("leak.vmdk: 1")));
+    expectFailure(kord("check missing.vmdk"), "Cannot open the file", 1);
+    expectFailure(kord("check --output=yaml clean.vmdk"), "--output", 1);
+}
+
+// qemu-img compare's statuses: 0 identical, 1 different with the first
+// differing offset, 2 error; disks and raw images in any mix, with sizes
+// that differ only by zeros.
+TEST_F(ToolTest, compareTellsFirstDifferenceAcrossFormats)
+{
+    std::string data = sample();
+    put("a.raw", data);
+    ASSERT_EQ(0, kord("convert -t streamOptimized a.raw a.vmdk").status);
+    ASSERT_EQ(0, kord("convert -t twoGbMaxExtentSparse a.vmdk b.vmdk").status);
+    put("longer.raw", data + std::string(70000, 0));
+    data[4000123] ^= 1;
+    put("changed.raw", data);
+    ASSERT_EQ(0, kord("create -b a.vmdk delta.vmdk").status);
+    put("byte.bin", std::string(1, data[4000123]));
+    ASSERT_EQ(0, kord("write --offset 4000123 delta.vmdk byte.bin").status);
+    struct CCase {
+        std::string args;
+        int status;
+        std::string out;
+    };
+    const std::vector<CCase> cases = {
+        {"a.vmdk b.vmdk", 0, "a.vmdk and b.vmdk are identical\n"},
+        {"a.raw b.vmdk", 0, "a.raw and b.vmdk are identical\n"},
+        {"-p longer.raw a.vmdk", 0, "longer.raw and a.vmdk are identical\n"},
+        {"-s longer.raw a.vmdk", 1, "longer.raw and a.vmdk differ in size: 6362992 and 6292992 bytes\n"},
+        {"a.vmdk changed.raw", 1, "a.vmdk and changed.raw differ at offset 4000123\n"},
+        {"delta.vmdk a.raw", 1, "delta.vmdk and a.raw differ at offset 4000123\n"},
+        {"delta.vmdk changed.raw", 0, "delta.vmdk and changed.raw are identical\n"},
+    };
+    for (const CCase& c : cases) {
+        CRun run = kord("compare " + c.args);
+        EXPECT_EQ(c.status, run.status) << c.args << ": " << run.err;
+        EXPECT_EQ(c.out, run.out) << c.args;
+    }
+}
+
+// Where qemu-img users look: --output=json beside --json, progress on every
+// long command, the dirty flag in info, and a child whose parent is gone.
+TEST_F(ToolTest, infoAndMapShowDirtyDisksAndMissingParents)
+{
+    put("source.raw", sample());
+    ASSERT_EQ(0, kord("convert -p source.raw base.vmdk").status);
+    ASSERT_EQ(0, kord("create -b base.vmdk delta.vmdk").status);
+    put("change.bin", std::string(3000, '\xee'));
+    ASSERT_EQ(0, kord("write --offset 2000000 delta.vmdk change.bin").status);
+    for (const std::string command : {"info", "map"})
+        EXPECT_EQ(Json::parse(kord(command + " --json delta.vmdk").out),
+                  Json::parse(kord(command + " --output=json delta.vmdk").out));
+    for (const std::string command : {"cat -p base.vmdk", "map -p base.vmdk", "check -p base.vmdk",
+                                      "compare -p base.vmdk source.raw", "convert -p -O raw base.vmdk p.raw"})
+        EXPECT_NE(std::string::npos, kord(command).err.find("100.0%")) << command;
+
+    EXPECT_EQ(false, Json::parse(kord("info --json delta.vmdk").out)["dirty"]);
+    patch("delta.vmdk", 72, 1); // uncleanShutdown
+    Json info = Json::parse(kord("info --json delta.vmdk").out);
+    EXPECT_EQ(true, info["dirty"]);
+    EXPECT_EQ(true, info["extents"][0]["uncleanShutdown"]);
+    EXPECT_NE(std::string::npos, kord("info delta.vmdk").out.find("dirty:                yes (not closed cleanly)"));
+
+    ASSERT_EQ(0, ::rename(file("base.vmdk").c_str(), file("gone.vmdk").c_str()));
+    info = Json::parse(kord("info --json delta.vmdk").out);
+    EXPECT_EQ((Json{{"file", file("base.vmdk")}, {"missing", true}}), info["parent"]);
+    EXPECT_NE(std::string::npos, kord("info delta.vmdk").out.find("parent:               " + file("base.vmdk") + " (missing)"));
+    const Json map = Json::parse(kord("map --json delta.vmdk").out);
+    ASSERT_EQ(3u, map.size());
+    EXPECT_EQ((Json{{"start", 1966080}, {"length", grainBytes}, {"depth", 0}, {"present", true}, {"zero", false},
+                    {"data", true}, {"offset", map[1]["offset"]}}),
+              map[1]);
+    EXPECT_EQ((Json{{"start", 0}, {"length", 1966080}, {"depth", 1}, {"present", false}, {"zero", false},
+                    {"data", false}, {"missing", true}}),
+              map[0]);
+    EXPECT_NE(std::string::npos, kord("map delta.vmdk").out.find("parent missing: " + file("base.vmdk")));
+    // What needs the parent's data says why it cannot have it.
+    expectFailure(kord("cat delta.vmdk"), "Cannot open the file");
+}
+
+// Errors with a cause print it on a line of its own.
+TEST_F(ToolTest, errorsPrintTheirCauses)
+{
+    put("data.bin", std::string(100000, 'x'));
+    ASSERT_EQ(0, kord("create -t streamOptimized disk.vmdk 1M").status);
+    ASSERT_EQ(0, kord("write --offset 0 disk.vmdk data.bin").status);
+    // Into the deflate data of grain 0, behind its 12-byte header.
+    for (int i = 0; i < 16; ++i) patch("disk.vmdk", 128 * 512 + 40 + i, 0xff);
+    CRun run = kord("cat disk.vmdk");
+    EXPECT_EQ(2, run.status);
+    EXPECT_EQ(0u, run.err.find("kord: Error reading compressed data from VMDK. The data cannot be decompressed.")) << run.err;
+    EXPECT_NE(std::string::npos, run.err.find("\nkord:   caused by: Deflate data could not be decompressed.")) << run.err;
+    EXPECT_EQ(2, std::count(run.err.begin(), run.err.end(), '\n')) << run.err;
 }
 
 TEST_F(ToolTest, everyFailureIsOneLineAndStatus2)
@@ -216,11 +344,10 @@ TEST_F(ToolTest, everyFailureIsOneLineAndStatus2)
     patch("version.vmdk", 4, 9);
     put("data.bin", std::string(100, 1));
     put("garbage.vmdk", std::string(4096, 0));
-    for (const std::string command : {"info", "cat", "map", "write --offset 0", "convert", "passwd", "check"}) {
+    for (const std::string command : {"info", "cat", "map", "write --offset 0", "convert", "passwd", "compare disk.vmdk"}) {
         const std::string tail = command == "convert" ? " out.vmdk" : command == "write --offset 0" ? " data.bin" : "";
         expectFailure(kord(command + " missing.vmdk" + tail), "");
-        if (command != "check")
-            expectFailure(kord(command + " version.vmdk" + tail), "VMDK file has an unsupported version: 9");
+        expectFailure(kord(command + " version.vmdk" + tail), "VMDK file has an unsupported version: 9");
     }
     expectFailure(kord("info garbage.vmdk"), "The file is not a VMDK disk");
     expectFailure(kord("info -f vmdk garbage.vmdk"), "No descriptor found in main VMDK file.");
@@ -229,9 +356,9 @@ TEST_F(ToolTest, everyFailureIsOneLineAndStatus2)
     zu::P<kord::CVMDKDisk> holder = disktest::openDisk(fs, disktest::fileURI(file("disk.vmdk")), disktest::RW);
     for (const std::string command : {"info disk.vmdk", "cat disk.vmdk", "map disk.vmdk", "check disk.vmdk",
                                       "passwd disk.vmdk", "write --offset 0 disk.vmdk data.bin",
-                                      "convert disk.vmdk copy.vmdk"}) {
+                                      "convert disk.vmdk copy.vmdk", "compare disk.vmdk data.bin"}) {
         CRun run = kord(command);
-        expectFailure(run, "");
+        expectFailure(run, "", command == "check disk.vmdk" ? 1 : 2);
         EXPECT_NE(std::string::npos, run.err.find("fileSysProblem=7")) << run.err;
     }
     holder = nullptr;
@@ -241,7 +368,7 @@ TEST_F(ToolTest, everyFailureIsOneLineAndStatus2)
     expectFailure(kord("create nosize.vmdk"), "A disk size is needed");
     expectFailure(kord("info --bogus disk.vmdk"), "");
     expectFailure(kord(""), "");
-    for (const std::string command : {"create", "info", "convert", "cat", "write", "map", "check", "passwd"}) {
+    for (const std::string command : {"create", "info", "convert", "cat", "write", "map", "check", "passwd", "compare"}) {
         CRun help = kord(command + " --help");
         EXPECT_EQ(0, help.status);
         EXPECT_NE(std::string::npos, help.out.find("Usage: kord " + command)) << help.out;

@@ -4,6 +4,8 @@
 
 #include "disk/DiskTestUtil.h"
 
+#include <fstream>
+
 namespace {
 
 struct CRun {
@@ -24,16 +26,21 @@ protected:
         return CRun{status, disktest::fileText(file("out.txt")), disktest::fileText(file("err.txt"))};
     }
 
-    // Status 2 and exactly one line "kord: <message>..." on standard error.
-    void expectFailure(const CRun& run, const std::string& message)
+    // Status 2 (or `status`) and exactly one line "kord: <message>..." on
+    // standard error.
+    void expectFailure(const CRun& run, const std::string& message, int status = 2)
     {
-        EXPECT_EQ(2, run.status) << run.err;
+        EXPECT_EQ(status, run.status) << run.err;
         EXPECT_EQ(0u, run.err.rfind("kord: " + message, 0)) << run.err;
         EXPECT_EQ(1, std::count(run.err.begin(), run.err.end(), '\n')) << run.err;
     }
 
     std::string file(const std::string& name) const { return temp.file(name); }
     void put(const std::string& name, const std::string& data) { disktest::putFile(file(name), data); }
+    void append(const std::string& name, const std::string& data)
+    {
+        std::ofstream(file(name), std::ios::binary | std::ios::app) << data;
+    }
 
     kordtest::TempDir temp;
     zu::P<zu::IFileSystem> fs = zu::newObj<zu::CLocalFileSystem>();
