@@ -168,6 +168,7 @@ void addConvertCommand(CLI::App& app)
     command->add_option("SRC", options->source, "The source: a disk's main file or a raw image")->required();
     command->add_option("DST", options->destination, "The new file (an existing file is not overwritten)")->required();
     options->passwords.addOptions(command);
+    options->passwords.addNewPasswordOption(command);
     command->callback([options] { runConvert(*options); });
 }
 

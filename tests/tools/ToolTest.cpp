@@ -227,6 +227,17 @@ TEST_F(ToolTest, passwordsComeFromFileEnvironmentOrNowhere)
     EXPECT_EQ(0, kord("check enc.vmdk", "KORD_PASSWORD=second").status);
     ASSERT_EQ(0, kord("create -t monolithicSparse plain.vmdk 1M").status);
     expectFailure(kord("passwd plain.vmdk", "KORD_NEW_PASSWORD=x"), "VMDK disk is not encrypted");
+
+    // A disk made from an encrypted one gets a password of its own.
+    expectFailure(kord("convert --encrypt enc.vmdk copy.vmdk", "KORD_PASSWORD=second"),
+                  "A password is needed, but there is no terminal to ask for it: use --new-password-file or "
+                  "KORD_NEW_PASSWORD.");
+    put("third.txt", "third\n");
+    ASSERT_EQ(0, kord("convert --encrypt --new-password-file third.txt enc.vmdk copy.vmdk", "KORD_PASSWORD=second").status);
+    ASSERT_EQ(0, kord("convert --encrypt enc.vmdk copy2.vmdk", "KORD_PASSWORD=second KORD_NEW_PASSWORD=fourth").status);
+    EXPECT_EQ(0, kord("compare copy.vmdk --password-file third.txt plain.vmdk").status);
+    EXPECT_EQ(0, kord("check copy2.vmdk", "KORD_PASSWORD=fourth").status);
+    expectFailure(kord("info copy.vmdk", "KORD_PASSWORD=second"), "Specified VMDK encryption password is not correct.");
 }
 
 // Exit status as qemu-img check gives it: 0 clean, 3 leaks only, 2 damage
