@@ -202,22 +202,23 @@ void CVMDKChecker::checkLeakedSpace(CExtentContext& context, long long usedEndSe
 }
 
 // Reads backwards from endSectors in chunks until a sector that is not all
-// zeros: the end of that sector, or fromSectors when there is none.
+// zeros: the end of that sector, or fromSectors when there is none. No tool
+// pads by more than a few sectors: behind a longer run of zeros, the whole
+// rest counts as unused (which also bounds the reading).
 long long CVMDKChecker::endOfNonZeroSectors(zu::IIOStream* stream, long long fromSectors, long long endSectors)
 {
     constexpr long long chunkSectors = 2048;
+    constexpr long long maxPaddingSectors = 64 * chunkSectors;
     long long fileSize = stream->getLength();
     grainBuffer.resize(static_cast<size_t>(chunkSectors * vmdkSectorSize));
     for (long long end = endSectors; end > fromSectors;) {
+        if (endSectors - end >= maxPaddingSectors) return endSectors;
         long long start = std::max(fromSectors, end - chunkSectors);
         long long bytes = std::min(end * vmdkSectorSize, fileSize) - start * vmdkSectorSize;
-        std::fill(grainBuffer.begin(), grainBuffer.end(), 0);
         stream->seek(start * vmdkSectorSize);
         stream->read(grainBuffer.data(), static_cast<int>(bytes));
-        auto last = std::find_if(grainBuffer.rbegin() + static_cast<long long>(grainBuffer.size()) - bytes,
-                                 grainBuffer.rend(), [](unsigned char c) { return c != 0; });
-        if (last != grainBuffer.rend())
-            return start + (grainBuffer.rend() - last - 1) / vmdkSectorSize + 1;
+        for (long long at = bytes; at > 0; --at)
+            if (grainBuffer[static_cast<size_t>(at - 1)] != 0) return start + (at - 1) / vmdkSectorSize + 1;
         end = start;
     }
     return fromSectors;

@@ -68,7 +68,10 @@ public:
     // between appending a grain and recording it leaves), and the mark of
     // an extent not closed cleanly (after which there may be such space).
     // Every other finding is damage.
-    static bool isLeak(Kind kind) { return kind == CVMDKProblem::kindLeakedSpace || kind == CVMDKProblem::kindUncleanShutdown; }
+    static bool isLeak(Kind kind)
+    {
+        return kind == CVMDKProblem::kindLeakedSpace || kind == CVMDKProblem::kindUncleanShutdown;
+    }
 
 private:
     struct CExtentContext;

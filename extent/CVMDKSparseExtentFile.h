@@ -137,6 +137,7 @@ private:
     void checkGeometry() const;
     zu::TBuffer<unsigned char> makeTrail() const;
     long long beginIOOp(long long bytes);
+    long long unwrittenGrainsAfter(long long index);
     void verifyHaveWriteAccess() const;
     void refuseChangesOfForeignStream() const;
     void onAboutToChange();

@@ -91,7 +91,8 @@ if command -v qemu-img >/dev/null; then
         cmp "qemu-$disk.raw" "$(expected_of "$disk")"
         qemu-img map --output=json "$disk.vmdk" >qemu-map.json
         "$kord" map --output=json "$disk.vmdk" >kord-map.json
-        python3 -c 'import json, sys; sys.exit(json.load(open(sys.argv[1])) != json.load(open(sys.argv[2])))' qemu-map.json kord-map.json
+        python3 -c 'import json, sys; sys.exit(json.load(open(sys.argv[1])) != json.load(open(sys.argv[2])))' \
+            qemu-map.json kord-map.json
         echo "qemu-img: $disk.vmdk identical, and mapped as kord maps it"
     done
     qemu_note="qemu-img read the 4 unencrypted disks identically and mapped them as kord does"

@@ -1,5 +1,6 @@
 #include "CompareCommand.h"
 
+#include "ChainMap.h"
 #include "ConvertEndpoints.h"
 #include "ImageFormat.h"
 #include "Passwords.h"
@@ -7,6 +8,7 @@
 #include "ToolSupport.h"
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 #include <iostream>
 #include <memory>
@@ -15,8 +17,6 @@ namespace kordtool {
 
 namespace {
 
-// Disk grains are 64 KiB or a divisor of a power of two below this: chunks
-// stay grain-aligned and ranges no disk holds are skipped in whole grains.
 constexpr long long chunkBytes = 1024 * 1024;
 
 struct CCompareOptions {
@@ -49,19 +49,48 @@ long long firstNonZero(const unsigned char* data, long long bytes)
     return std::find_if(data, data + bytes, [](unsigned char c) { return c != 0; }) - data;
 }
 
-// Compares [0, size) of both sources, reading only what either holds. The
-// sources may be shorter than size: past its end a source reads as zeros.
+// One side of the comparison, with the map of a disk's chain: ranges that
+// neither side holds are skipped without reading.
+struct CSide {
+    explicit CSide(std::unique_ptr<IConvertSource> opened) : source(std::move(opened))
+    {
+        if (auto* disk = dynamic_cast<CDiskSource*>(source.get())) chain = std::make_unique<CChainMap>(disk->getDisk());
+    }
+
+    // The bytes from `position` on that no disk of the chain holds (0 for
+    // a raw image, and where a missing parent would supply them).
+    long long unheldBytes(long long position) const
+    {
+        if (position >= source->getSizeBytes()) return LLONG_MAX;
+        if (!chain) return 0;
+        CChainMap::CEntry entry = chain->entryAt(position);
+        return entry.present || entry.missing ? 0 : entry.length;
+    }
+
+    std::unique_ptr<IConvertSource> source;
+    std::unique_ptr<CChainMap> chain;
+};
+
+// Compares [0, size) of both sides, reading only what either holds. The
+// sides may be shorter than size: past its end a side reads as zeros.
 // Returns the first differing offset, or -1.
-long long compareContents(IConvertSource& a, IConvertSource& b, long long size, CProgress& progress)
+long long compareContents(CSide& sideA, CSide& sideB, long long size, CProgress& progress)
 {
+    IConvertSource& a = *sideA.source;
+    IConvertSource& b = *sideB.source;
     zu::TBuffer<unsigned char> bufferA(chunkBytes);
     zu::TBuffer<unsigned char> bufferB(chunkBytes);
     auto readInto = [](IConvertSource& source, long long position, long long bytes, unsigned char* buffer) {
         long long inSource = std::clamp(source.getSizeBytes() - position, 0LL, bytes);
         return inSource > 0 && source.read(position, buffer, inSource) ? inSource : 0;
     };
-    for (long long position = 0; position < size; position += chunkBytes) {
+    for (long long position = 0; position < size;) {
         progress.update(position, size);
+        long long unheld = std::min(sideA.unheldBytes(position), sideB.unheldBytes(position));
+        if (unheld > 0) {
+            position += std::min(unheld, size - position);
+            continue;
+        }
         long long bytes = std::min(chunkBytes, size - position);
         long long readA = readInto(a, position, bytes, bufferA.getData());
         long long readB = readInto(b, position, bytes, bufferB.getData());
@@ -73,6 +102,7 @@ long long compareContents(IConvertSource& a, IConvertSource& b, long long size, 
                        : readB == 0             ? firstNonZero(bufferA.getData(), bytes)
                                                 : firstDifference(bufferA.getData(), bufferB.getData(), bytes);
         if (at >= 0) return position + at;
+        position += bytes;
     }
     progress.update(size, size);
     return -1;
@@ -80,17 +110,17 @@ long long compareContents(IConvertSource& a, IConvertSource& b, long long size, 
 
 int runCompare(CCompareOptions& options)
 {
-    std::unique_ptr<IConvertSource> a = openSource(options.first, options.firstFormat, options.passwords);
-    std::unique_ptr<IConvertSource> b = openSource(options.second, options.secondFormat, options.passwords);
-    long long sizeA = a->getSizeBytes();
-    long long sizeB = b->getSizeBytes();
+    CSide a(openSource(options.first, options.firstFormat, options.passwords));
+    CSide b(openSource(options.second, options.secondFormat, options.passwords));
+    long long sizeA = a.source->getSizeBytes();
+    long long sizeB = b.source->getSizeBytes();
     if (options.strict && sizeA != sizeB) {
         std::cout << options.first << " and " << options.second << " differ in size: " << sizeA << " and " << sizeB
                   << " bytes\n";
         return exitCompareDifferent;
     }
     CProgress progress(options.progress, "compare");
-    long long at = compareContents(*a, *b, std::max(sizeA, sizeB), progress);
+    long long at = compareContents(a, b, std::max(sizeA, sizeB), progress);
     progress.finish();
     if (at < 0) {
         std::cout << options.first << " and " << options.second << " are identical\n";

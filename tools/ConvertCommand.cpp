@@ -173,6 +173,7 @@ void addConvertCommand(CLI::App& app)
     options->format.addOption(command, {"raw", "vmdk"});
     command->add_option("DST", options->destination, "The new file (an existing file is not overwritten)")->required();
     options->passwords.addOptions(command);
+    options->passwords.addNewPasswordOption(command);
     command->callback([options] { runConvert(*options); });
 }
 

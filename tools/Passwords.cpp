@@ -64,12 +64,14 @@ private:
 
 // Asks on the controlling terminal, so that standard input and output stay
 // free for data (kord cat, kord write -).
-zu::String promptPassword(const std::string& prompt)
+// `sources`: where else the password could have come from, for the error
+// when there is no terminal.
+zu::String promptPassword(const std::string& prompt, const char* sources = "--password-file or KORD_PASSWORD")
 {
     int fd = ::open("/dev/tty", O_RDWR | O_CLOEXEC);
     if (fd < 0)
-        throw toolError("A password is needed, but there is no terminal to ask for it: use --password-file or "
-                        "KORD_PASSWORD.");
+        throw toolError("A password is needed, but there is no terminal to ask for it: use " + std::string(sources) +
+                        ".");
     std::string line;
     {
         CEchoOff echoOff(fd);
@@ -89,9 +91,9 @@ zu::String promptPassword(const std::string& prompt)
     return zu::String(line);
 }
 
-zu::String promptNewPassword(const std::string& prompt)
+zu::String promptNewPassword(const std::string& prompt, const char* sources = "--password-file or KORD_PASSWORD")
 {
-    zu::String first = promptPassword(prompt);
+    zu::String first = promptPassword(prompt, sources);
     zu::String second = promptPassword("Repeat the password: ");
     if (first != second) throw toolError("The two passwords differ.");
     return first;
@@ -137,7 +139,7 @@ zu::String CPasswordSource::get(const std::string& prompt)
 
 zu::String CPasswordSource::getForNewDisk(const std::string& prompt)
 {
-    if (known) return knownPassword;
+    if (known) return getNew(prompt);
     if (!tryGetGiven(passwordFile, "KORD_PASSWORD", knownPassword)) knownPassword = promptNewPassword(prompt);
     known = true;
     return knownPassword;
@@ -146,7 +148,8 @@ zu::String CPasswordSource::getForNewDisk(const std::string& prompt)
 zu::String CPasswordSource::getNew(const std::string& prompt)
 {
     zu::String password;
-    if (!tryGetGiven(newPasswordFile, "KORD_NEW_PASSWORD", password)) password = promptNewPassword(prompt);
+    if (!tryGetGiven(newPasswordFile, "KORD_NEW_PASSWORD", password))
+        password = promptNewPassword(prompt, "--new-password-file or KORD_NEW_PASSWORD");
     return password;
 }
 

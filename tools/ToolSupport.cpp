@@ -81,8 +81,10 @@ zu::P<kord::CVMDKDisk> openDisk(const std::string& path, int access, CPasswordSo
 
 void addOutputOptions(CLI::App* command, bool& json)
 {
-    command->add_option_function<std::string>("--output", [&json](const std::string& format) { json = format == "json"; },
-                                              "Output format: human (default) or json")
+    command
+        ->add_option_function<std::string>(
+            "--output", [&json](const std::string& format) { json = format == "json"; },
+            "Output format: human (default) or json")
         ->type_name("FMT")
         ->check(CLI::IsMember({"human", "json"}));
     command->add_flag("--json", json, "Print JSON (as --output=json)");

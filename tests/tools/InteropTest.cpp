@@ -24,9 +24,11 @@ void expectMapLikeQemu(const std::string& dir, const std::string& disk)
 {
     std::string out;
     ASSERT_EQ(0, kord(dir, "map --output=json " + disk + " >kord-map.json", &out)) << out;
-    ASSERT_EQ(0, kordtest::runCommand("cd '" + dir + "' && qemu-img map --output=json " + disk + " >qemu-map.json", &out))
+    ASSERT_EQ(0, kordtest::runCommand("cd '" + dir + "' && qemu-img map --output=json " + disk + " >qemu-map.json",
+                                      &out))
         << out;
-    EXPECT_EQ(Json::parse(disktest::fileText(dir + "/qemu-map.json")), Json::parse(disktest::fileText(dir + "/kord-map.json")))
+    EXPECT_EQ(Json::parse(disktest::fileText(dir + "/qemu-map.json")),
+              Json::parse(disktest::fileText(dir + "/kord-map.json")))
         << disk;
 }
 
@@ -130,17 +132,17 @@ TEST(InteropTest, chainsMapAndCheckAsQemuImgSays)
     auto sh = [&](const std::string& command) {
         ASSERT_EQ(0, kordtest::runCommand("cd '" + dir + "' && " + command, &out)) << command << "\n" << out;
     };
-    const std::string kordPath = "'" KORD_BINARY_DIR "/tools/kord'";
     sh("qemu-img create -f vmdk qbase.vmdk 4M && qemu-io -c 'write -P 1 0 64k' -c 'write -P 2 1M 192k' qbase.vmdk && "
        "qemu-img create -f vmdk -F vmdk -b qbase.vmdk qtop.vmdk && qemu-io -c 'write -P 3 1M 128k' qtop.vmdk");
-    sh("head -c 196608 /dev/urandom >a.bin && " + kordPath + " create -t twoGbMaxExtentSparse kbase.vmdk 4M && " + kordPath +
-       " write --offset 0 kbase.vmdk a.bin && " + kordPath + " write --offset 1M kbase.vmdk a.bin && " + kordPath +
-       " create -t monolithicSparse -b kbase.vmdk kmid.vmdk && " + kordPath + " write --offset 1100000 kmid.vmdk a.bin && " +
-       kordPath + " create -b kmid.vmdk ktop.vmdk && " + kordPath + " write --offset 3M ktop.vmdk a.bin");
+    const std::string k = " && '" KORD_BINARY_DIR "/tools/kord'";
+    sh("head -c 196608 /dev/urandom >a.bin" + k + " create -t twoGbMaxExtentSparse kbase.vmdk 4M" + k +
+       " write --offset 0 kbase.vmdk a.bin" + k + " write --offset 1M kbase.vmdk a.bin" + k +
+       " create -t monolithicSparse -b kbase.vmdk kmid.vmdk" + k + " write --offset 1100000 kmid.vmdk a.bin" + k +
+       " create -b kmid.vmdk ktop.vmdk" + k + " write --offset 3M ktop.vmdk a.bin");
     for (const std::string disk : {"qtop.vmdk", "kmid.vmdk", "ktop.vmdk"}) {
         SCOPED_TRACE(disk);
         expectMapLikeQemu(dir, disk);
-        sh("qemu-img check --output=json " + disk + " >qemu-check.json && " + kordPath + " check --output=json " + disk +
+        sh("qemu-img check --output=json " + disk + " >qemu-check.json" + k + " check --output=json " + disk +
            " >kord-check.json");
         const Json qemu = Json::parse(disktest::fileText(temp.file("qemu-check.json")));
         const Json ours = Json::parse(disktest::fileText(temp.file("kord-check.json")));
