@@ -17,7 +17,7 @@ packages=(
   nbdkit nbdkit-plugin-dev libnbd-bin python3-libnbd   # the nbdkit plugin; libnbd's tools and Python module test it
   fuse3 libfuse3-dev                    # kord mount
   pybind11-dev python3-dev python3-pytest   # the Python module, for Debian's /usr/bin/python3
-  dpkg-dev lintian debootstrap          # the Debian packages: built, checked, installed in a fresh root
+  dpkg-dev lintian                      # the Debian packages: built, then checked by dpkg-deb and lintian
 )
 
 missing=()
@@ -37,7 +37,7 @@ $sudo apt-get update
 # leaves out a door whose development files are missing, and the tests that
 # need a program skip with a message, so their absence must not stop the build.
 optional=(qemu-utils libvmdk-utils nbdkit nbdkit-plugin-dev libnbd-bin python3-libnbd fuse3 libfuse3-dev
-  pybind11-dev python3-dev python3-pytest dpkg-dev lintian debootstrap)
+  pybind11-dev python3-dev python3-pytest dpkg-dev lintian)
 required=()
 wanted=()
 for p in "${missing[@]}"; do

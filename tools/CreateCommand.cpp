@@ -22,6 +22,8 @@ struct CCreateOptions {
     std::string parent;
     std::string disk;
     std::string size;
+    std::string format;
+    CImageFormat parentFormat;
     CPasswordSource passwords;
 };
 
@@ -30,7 +32,7 @@ struct CCreateOptions {
 void takeFromParent(CCreateOptions& options, kord::CVMDKDisk::CCreateParams& params)
 {
     zu::P<kord::CVMDKDisk> parent =
-        openDisk(options.parent, zu::IIOStream::accessRead, options.passwords, CImageFormat());
+        openDisk(options.parent, zu::IIOStream::accessRead, options.passwords, options.parentFormat);
     params.parentURI = parent->getMainURI();
     if (options.type.empty()) params.createType = parent->getCompressed() ? "streamOptimized" : "monolithicSparse";
     if (options.grainSectors != 0 && options.grainSectors != parent->getGrainSizeSectors())
@@ -79,7 +81,13 @@ void addCreateCommand(CLI::App& app)
     command->add_flag("--encrypt", options->encrypt, "Encrypt the disk (AES-256-CBC) under a password");
     command->add_flag("--on-demand", options->onDemand,
                       "twoGbMaxExtentSparse: make extent files only when they are first written");
+    // As other image tools take them: the format of the new disk and of its
+    // parent, both only ever VMDK here.
+    command->add_option("-f,--format", options->format, "Format of the new disk: vmdk (the only one kord makes)")
+        ->type_name("FMT")
+        ->check(CLI::IsMember({"vmdk"}));
     command->add_option("-b,--backing", options->parent, "Make a delta disk of this parent disk")->type_name("PARENT");
+    options->parentFormat.addOption(command, {"vmdk"}, "-F,--backing-format");
     command->add_option("DISK", options->disk, "The new disk's main file")->required();
     command->add_option("SIZE", options->size, "Virtual size in bytes, with an optional K, M, G or T suffix");
     options->passwords.addOptions(command);

@@ -394,6 +394,9 @@ TEST_F(ToolTest, everyFailureIsOneLineAndStatus2)
     expectFailure(kord("write --offset 1M disk.vmdk data.bin"), "Write exceeds VMDK disk size.");
     expectFailure(kord("create big.vmdk 12Q"), "Invalid size: '12Q'");
     expectFailure(kord("create nosize.vmdk"), "A disk size is needed");
+    expectFailure(kord("create -f raw new.raw 1M"), "");
+    EXPECT_EQ(0, kord("create -f vmdk -b disk.vmdk -F vmdk delta.vmdk").status);
+    expectFailure(kord("create -b data.bin -F raw delta2.vmdk"), "");
     expectFailure(kord("info --bogus disk.vmdk"), "");
     expectFailure(kord(""), "");
     for (const std::string command :
