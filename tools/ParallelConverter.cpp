@@ -36,9 +36,9 @@ CParallelConverter::CParallelConverter(IConvertSource& source, CDiskSource* sour
 bool CParallelConverter::readsStoredGrains(kord::CVMDKDisk* disk) { return disk->getCompressed() || disk->isEncrypted(); }
 
 template <class Ready>
-bool CParallelConverter::waitFor(std::unique_lock<std::mutex>& lock, Ready ready)
+bool CParallelConverter::waitFor(std::condition_variable& signal, std::unique_lock<std::mutex>& lock, Ready ready)
 {
-    changed.wait(lock, [&] { return failed || ready(); });
+    signal.wait(lock, [&] { return failed || ready(); });
     return !failed;
 }
 
@@ -48,7 +48,11 @@ void CParallelConverter::setState(CSlot& slot, State state)
         std::lock_guard<std::mutex> lock(mutex);
         slot.state = state;
     }
-    changed.notify_all();
+    // Grains are read, taken and written in order, so one waiter of each
+    // kind is all a state change can let go on.
+    if (state == stateFree) slotFreed.notify_one();
+    if (state == stateRead) grainRead.notify_one();
+    if (state == statePrepared) grainPrepared.notify_one();
 }
 
 void CParallelConverter::fail()
@@ -58,7 +62,9 @@ void CParallelConverter::fail()
         if (!error) error = std::current_exception();
         failed = true;
     }
-    changed.notify_all();
+    slotFreed.notify_all();
+    grainRead.notify_all();
+    grainPrepared.notify_all();
 }
 
 void CParallelConverter::readGrains()
@@ -68,7 +74,7 @@ void CParallelConverter::readGrains()
             CSlot& slot = slots[static_cast<size_t>(index) % slots.size()];
             {
                 std::unique_lock<std::mutex> lock(mutex);
-                if (!waitFor(lock, [&] { return slot.state == stateFree; })) return;
+                if (!waitFor(slotFreed, lock, [&] { return slot.state == stateFree; })) return;
             }
             slot.grainIndex = index;
             readGrain(slot);
@@ -97,6 +103,7 @@ void CParallelConverter::prepareGrains(CWorker& worker)
     try {
         for (;;) {
             CSlot* slot = nullptr;
+            bool tookLast = false;
             {
                 std::unique_lock<std::mutex> lock(mutex);
                 auto claimable = [&] {
@@ -104,10 +111,13 @@ void CParallelConverter::prepareGrains(CWorker& worker)
                     const CSlot& next = slots[static_cast<size_t>(nextToPrepare) % slots.size()];
                     return next.state == stateRead && next.grainIndex == nextToPrepare;
                 };
-                if (!waitFor(lock, claimable) || nextToPrepare >= grainCount) return;
+                if (!waitFor(grainRead, lock, claimable) || nextToPrepare >= grainCount) return;
                 slot = &slots[static_cast<size_t>(nextToPrepare++) % slots.size()];
                 slot->state = statePreparing;
+                tookLast = nextToPrepare >= grainCount;
             }
+            // The last grain taken: the other workers wait for nothing more.
+            if (tookLast) grainRead.notify_all();
             if (!slot->skip) prepareGrain(worker, *slot);
             setState(*slot, statePrepared);
         }
@@ -152,7 +162,7 @@ void CParallelConverter::writeGrains()
         CSlot& slot = slots[static_cast<size_t>(index) % slots.size()];
         {
             std::unique_lock<std::mutex> lock(mutex);
-            if (!waitFor(lock, [&] { return slot.state == statePrepared; })) return;
+            if (!waitFor(grainPrepared, lock, [&] { return slot.state == statePrepared; })) return;
         }
         if (!slot.skip && targetDisk) {
             targetDisk->seek(index * grainBytes);

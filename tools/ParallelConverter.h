@@ -76,9 +76,10 @@ private:
     // The slot's grain in plain form (its input or its plain buffer).
     const zu::TBuffer<unsigned char>& expand(CWorker& worker, CSlot& slot);
     void writeGrains();
-    // Waits until `ready` holds or a thread failed; false on failure.
+    // Waits on `signal` until `ready` holds or a thread failed; false on
+    // failure.
     template <class Ready>
-    bool waitFor(std::unique_lock<std::mutex>& lock, Ready ready);
+    bool waitFor(std::condition_variable& signal, std::unique_lock<std::mutex>& lock, Ready ready);
     void setState(CSlot& slot, State state);
     void fail();
 
@@ -94,8 +95,13 @@ private:
     std::vector<CWorker> workers;
     std::vector<CSlot> slots;
 
+    // One signal per kind of waiter, so that a handed-on grain wakes only
+    // the thread that takes it next (a shared signal woke every thread for
+    // every grain, and the wake-ups cost more than the work on two cores).
     std::mutex mutex;
-    std::condition_variable changed;
+    std::condition_variable slotFreed;   // the reader waits for a free slot
+    std::condition_variable grainRead;   // the workers wait for the next grain
+    std::condition_variable grainPrepared; // the writer waits for its grain
     long long nextToPrepare = 0;
     bool failed = false;
     std::exception_ptr error;
