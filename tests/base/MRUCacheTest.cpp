@@ -1,7 +1,7 @@
-// The bounded cache behind shared grain tables. Eviction order, replacement
-// and the automatic limit are checked through the grain-table cache; here
-// what that does not reach: the evicted-entry sink, eviction after a
-// removal, and a negative limit.
+// The bounded cache behind shared grain tables. Eviction order and
+// replacement are checked through the grain-table cache; here what that does
+// not reach: the evicted-entry sink, eviction after a removal, a limit
+// switched back on, and a negative limit.
 #include "base/TMostRecentlyUsedCache.h"
 
 #include "common/TestUtil.h"
