@@ -17,17 +17,13 @@ TEST(FileReferenceTest, referencesResolveBesideTheDescriptorOrWhereTheyPoint)
         // A drive path is absolute whatever the base.
         {"C:\\vms\\disk-s001.vmdk", base, "file:///C:/vms/disk-s001.vmdk"},
         {"c:/vms/disk-s001.vmdk", server, "file:///C:/vms/disk-s001.vmdk"},
-        {"D:\\vms\\..\\parent.vmdk", base, "file:///D:/parent.vmdk"},
         // Relative names, with either separator, resolve beside the descriptor.
         {"disk-s001.vmdk", base, "file:///data/vm/disk-s001.vmdk"},
         {"sub\\disk-s001.vmdk", base, "file:///data/vm/sub/disk-s001.vmdk"},
-        {"sub/./disk-s001.vmdk", base, "file:///data/vm/sub/disk-s001.vmdk"},
         {"../parent.vmdk", base, "file:///data/parent.vmdk"},
-        {"..\\parent.vmdk", base, "file:///data/parent.vmdk"},
         {"my disk.vmdk", base, "file:///data/vm/my disk.vmdk"},
         {"/other/x.vmdk", base, "file:///other/x.vmdk"},            // rooted: the base is ignored
         {"C:", base, "file:///data/vm/C:"},                         // no separator after the colon: not a drive
-        {"//server/share/disk.vmdk", base, "file://server/share/disk.vmdk"},
         {"\\\\server\\share\\disk.vmdk", base, "file://server/share/disk.vmdk"},
     };
     for (const auto& c : cases)
