@@ -183,13 +183,9 @@ void CFaultFileSystem::arm(long long call, Fault fault)
     model->armedFault = fault;
 }
 
-void CFaultFileSystem::disarm() { model->armedCall = 0; }
-
 long long CFaultFileSystem::getCallCount() const { return model->calls; }
 
 std::vector<std::string> CFaultFileSystem::getCallKinds() const { return model->kinds; }
-
-bool CFaultFileSystem::hasCrashed() const { return model->crashed; }
 
 long long CFaultFileSystem::enterCall(const char* kind, const zu::CURI& uri, long long bytes)
 {

@@ -36,11 +36,9 @@ public:
 
     // Call number `call` (from 1) fails with `fault`.
     void arm(long long call, Fault fault);
-    void disarm();
     long long getCallCount() const;
     // What each call so far was: "open", "lock", "write", "truncate", "sync", "rename", "delete".
     std::vector<std::string> getCallKinds() const;
-    bool hasCrashed() const;
 
     Files getFiles() const;
     // The files as a power loss now would leave them. Seed 0 keeps none of

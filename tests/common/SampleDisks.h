@@ -47,6 +47,17 @@ inline std::vector<CSampleDisk> makeSampleDisks(const std::string& dir)
     return disks;
 }
 
+// Runs the kord program of this build in `dir` with the sample password at
+// hand; expects success and returns its standard output.
+inline std::string kordIn(const std::string& dir, const std::string& args)
+{
+    std::string out;
+    EXPECT_EQ(0, runCommand("cd '" + dir + "' && KORD_PASSWORD=" + samplePassword + " '" KORD_BINARY_DIR
+                            "/tools/kord' " + args + " 2>/dev/null", &out))
+        << args << "\n" << out;
+    return out;
+}
+
 // Byte ranges (offset, length), sorted, neighbours and overlaps merged.
 using Ranges = std::vector<std::pair<long long, long long>>;
 

@@ -69,4 +69,17 @@ bool haveTool(const std::string& name)
     return runCommand("command -v " + name + " >/dev/null") == 0;
 }
 
+std::string runIn(const std::string& dir, const std::string& command)
+{
+    std::string out;
+    EXPECT_EQ(0, runCommand("cd '" + dir + "' && (" + command + ")", &out)) << command << "\n" << out;
+    return out;
+}
+
+void QemuTest::SetUp()
+{
+    if (!haveTool("qemu-img") || !haveTool("qemu-io"))
+        GTEST_SKIP() << "qemu-img or qemu-io is not installed (package qemu-utils): interop not checked";
+}
+
 } // namespace kordtest

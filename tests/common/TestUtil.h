@@ -83,5 +83,20 @@ std::vector<unsigned char> pattern(std::size_t bytes, unsigned seed);
 // standard output and error.
 int runCommand(const std::string& command, std::string* output = nullptr);
 bool haveTool(const std::string& name);
+// Runs a shell command in the folder `dir`; expects it to succeed and
+// returns its output.
+std::string runIn(const std::string& dir, const std::string& command);
+
+// Fixture for cases on local files in a fresh folder with qemu-img and
+// qemu-io at hand; they skip where those are missing.
+class QemuTest : public testing::Test {
+protected:
+    void SetUp() override;
+    std::string path(const std::string& name) const { return temp.file(name); }
+    std::string sh(const std::string& command) { return runIn(temp.path(), command); }
+
+    TempDir temp;
+    zu::P<zu::IFileSystem> fs = zu::newObj<zu::CLocalFileSystem>();
+};
 
 } // namespace kordtest

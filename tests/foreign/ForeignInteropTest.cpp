@@ -16,21 +16,8 @@ namespace {
 // A size that is no whole number of grains, with data in its last grain.
 constexpr long long oddSize = 3001000;
 
-class ForeignInteropTest : public testing::Test {
+class ForeignInteropTest : public kordtest::QemuTest {
 protected:
-    void SetUp() override
-    {
-        if (!kordtest::haveTool("qemu-img") || !kordtest::haveTool("qemu-io"))
-            GTEST_SKIP() << "qemu-img or qemu-io is not installed (package qemu-utils): interop not checked";
-    }
-    std::string path(const std::string& name) const { return temp.file(name); }
-    // Runs a shell command in the test's folder; it must succeed.
-    std::string sh(const std::string& command)
-    {
-        std::string out;
-        EXPECT_EQ(0, kordtest::runCommand("cd '" + temp.path() + "' && " + command, &out)) << command << "\n" << out;
-        return out;
-    }
     Bytes qemuReads(const std::string& image)
     {
         sh("qemu-img convert -O raw " + image + " qemu.raw");
@@ -58,33 +45,27 @@ protected:
         for (long long at = 0; at + 300000 <= size; at += 700000) std::fill_n(data.begin() + at, 300000, 0);
         putFile(path(name), std::string(data.begin(), data.end()));
     }
-
-    kordtest::TempDir temp;
-    zu::P<zu::IFileSystem> fs = zu::newObj<zu::CLocalFileSystem>();
 };
 
 TEST_F(ForeignInteropTest, kordReadsAndWritesWhatQemuMakes)
 {
     makeSource("src.raw", oddSize);
-    for (const std::string subformat :
-         {"monolithicSparse", "monolithicFlat", "twoGbMaxExtentSparse", "twoGbMaxExtentFlat", "streamOptimized"})
+    // (qemu's split sparse disks are read and written by the disk interop test.)
+    for (const std::string subformat : {"monolithicSparse", "monolithicFlat", "twoGbMaxExtentFlat", "streamOptimized"})
         sh("qemu-img convert -f raw -O vmdk -o subformat=" + subformat + " src.raw q-" + subformat + ".vmdk");
     sh("qemu-img create -f vmdk -o zeroed_grain=on q-zeroed.vmdk 10M && qemu-io -f vmdk -c 'write -P 5 0 2M' "
        "-c 'write -z 64k 128k' -c 'write -z 1M 64k' -c 'write -P 6 5M 100k' q-zeroed.vmdk");
     for (const std::string parent : {"monolithicFlat", "streamOptimized"})
         sh("qemu-img create -f vmdk -b q-" + parent + ".vmdk -F vmdk q-child-of-" + parent +
            ".vmdk && qemu-io -f vmdk -c 'write -P 7 100k 200k' q-child-of-" + parent + ".vmdk");
-    sh("cp q-monolithicSparse.vmdk copied.vmdk && mv q-monolithicSparse.vmdk renamed.vmdk");
 
-    // The name, and whether kord can write it.
     // The name, and whether kord can write it; children before the parents
     // that kord's writes change.
     const std::vector<std::pair<std::string, bool>> disks = {
         {"q-child-of-monolithicFlat.vmdk", true}, {"q-child-of-streamOptimized.vmdk", true},
-        {"renamed.vmdk", true},                    {"copied.vmdk", true},
-        {"q-monolithicFlat.vmdk", true},           {"q-twoGbMaxExtentSparse.vmdk", true},
-        {"q-twoGbMaxExtentFlat.vmdk", true},       {"q-streamOptimized.vmdk", false},
-        {"q-zeroed.vmdk", true}};
+        {"q-monolithicSparse.vmdk", true},
+        {"q-monolithicFlat.vmdk", true},           {"q-twoGbMaxExtentFlat.vmdk", true},
+        {"q-streamOptimized.vmdk", false},         {"q-zeroed.vmdk", true}};
     for (const auto& [name, writable] : disks) {
         SCOPED_TRACE(name);
         EXPECT_TRUE(kordReads(name) == qemuReads(name));
@@ -99,8 +80,6 @@ TEST_F(ForeignInteropTest, kordReadsAndWritesWhatQemuMakes)
         EXPECT_TRUE(kordReads(name) == qemuReads(name));
         expectClean(name);
     }
-    // A copy writes only itself.
-    EXPECT_FALSE(kordReads("copied.vmdk") == kordReads("renamed.vmdk"));
 }
 
 // kord's delta disks over flat disks and over other tools' stream files:

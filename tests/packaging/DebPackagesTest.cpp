@@ -22,13 +22,7 @@ protected:
             if (!kordtest::haveTool(program)) GTEST_SKIP() << program << " is not installed (packages cmake, dpkg-dev)";
     }
 
-    // Runs a command in the test's folder; returns its output.
-    std::string sh(const std::string& command)
-    {
-        std::string out;
-        EXPECT_EQ(0, kordtest::runCommand("cd '" + temp.path() + "' && (" + command + ")", &out)) << command << "\n" << out;
-        return out;
-    }
+    std::string sh(const std::string& command) { return kordtest::runIn(temp.path(), command); }
 
     kordtest::TempDir temp;
 };

@@ -45,12 +45,7 @@ const std::string sanitizeFlags;
 TEST(InstallTest, programBuildsAgainstInstalledPrefix)
 {
     kordtest::TempDir temp;
-    // Runs a command in the test's folder; returns its output.
-    auto sh = [&](const std::string& command) {
-        std::string out;
-        EXPECT_EQ(0, kordtest::runCommand("cd '" + temp.path() + "' && " + command, &out)) << command << "\n" << out;
-        return out;
-    };
+    auto sh = [&](const std::string& command) { return kordtest::runIn(temp.path(), command); };
     const std::string prefix = temp.file("prefix");
     sh("cmake --install '" KORD_BINARY_DIR "' --prefix '" + prefix + "'");
     std::string pcFile;

@@ -47,74 +47,36 @@ __attribute__((destructor)) void reportCount()
 
 } // namespace
 
+// Each wrapper counts the call (an open only when it may change the file)
+// and passes it on to the C library.
+#define KORD_COUNTED_OPEN(name)                                                    \
+    int name(const char* path, int flags, ...)                                     \
+    {                                                                              \
+        va_list args;                                                              \
+        va_start(args, flags);                                                     \
+        mode_t mode = static_cast<mode_t>(va_arg(args, int));                      \
+        va_end(args);                                                              \
+        if (changes(flags)) countCall();                                           \
+        return next<int (*)(const char*, int, ...)>(#name)(path, flags, mode);     \
+    }
+#define KORD_COUNTED(result, name, params, args)                                   \
+    result name params                                                             \
+    {                                                                              \
+        countCall();                                                               \
+        return next<result(*) params>(#name) args;                                 \
+    }
+
 extern "C" {
 
-int open(const char* path, int flags, ...)
-{
-    va_list args;
-    va_start(args, flags);
-    mode_t mode = static_cast<mode_t>(va_arg(args, int));
-    va_end(args);
-    if (changes(flags)) countCall();
-    return next<int (*)(const char*, int, ...)>("open")(path, flags, mode);
-}
-
-int open64(const char* path, int flags, ...)
-{
-    va_list args;
-    va_start(args, flags);
-    mode_t mode = static_cast<mode_t>(va_arg(args, int));
-    va_end(args);
-    if (changes(flags)) countCall();
-    return next<int (*)(const char*, int, ...)>("open64")(path, flags, mode);
-}
-
-ssize_t pwrite(int fd, const void* data, size_t bytes, off_t offset)
-{
-    countCall();
-    return next<ssize_t (*)(int, const void*, size_t, off_t)>("pwrite")(fd, data, bytes, offset);
-}
-
-ssize_t pwrite64(int fd, const void* data, size_t bytes, off64_t offset)
-{
-    countCall();
-    return next<ssize_t (*)(int, const void*, size_t, off64_t)>("pwrite64")(fd, data, bytes, offset);
-}
-
-int ftruncate(int fd, off_t length)
-{
-    countCall();
-    return next<int (*)(int, off_t)>("ftruncate")(fd, length);
-}
-
-int ftruncate64(int fd, off64_t length)
-{
-    countCall();
-    return next<int (*)(int, off64_t)>("ftruncate64")(fd, length);
-}
-
-int fdatasync(int fd)
-{
-    countCall();
-    return next<int (*)(int)>("fdatasync")(fd);
-}
-
-int fsync(int fd)
-{
-    countCall();
-    return next<int (*)(int)>("fsync")(fd);
-}
-
-int rename(const char* from, const char* to)
-{
-    countCall();
-    return next<int (*)(const char*, const char*)>("rename")(from, to);
-}
-
-int unlink(const char* path)
-{
-    countCall();
-    return next<int (*)(const char*)>("unlink")(path);
-}
+KORD_COUNTED_OPEN(open)
+KORD_COUNTED_OPEN(open64)
+KORD_COUNTED(ssize_t, pwrite, (int fd, const void* data, size_t bytes, off_t offset), (fd, data, bytes, offset))
+KORD_COUNTED(ssize_t, pwrite64, (int fd, const void* data, size_t bytes, off64_t offset), (fd, data, bytes, offset))
+KORD_COUNTED(int, ftruncate, (int fd, off_t length), (fd, length))
+KORD_COUNTED(int, ftruncate64, (int fd, off64_t length), (fd, length))
+KORD_COUNTED(int, fdatasync, (int fd), (fd))
+KORD_COUNTED(int, fsync, (int fd), (fd))
+KORD_COUNTED(int, rename, (const char* from, const char* to), (from, to))
+KORD_COUNTED(int, unlink, (const char* path), (path))
 
 } // extern "C"
