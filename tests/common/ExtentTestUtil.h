@@ -1,8 +1,8 @@
 // Helpers for tests that need real sparse extent files: making them in the
 // library's layouts (with an embedded descriptor, optionally encrypted), a
 // fixture that opens one as CVMDKSparseExtentFile with everything an extent
-// needs, random writes mirrored in memory, reading fields back from the file,
-// exact error checks and capturing log lines.
+// needs, reading fields back from the file, exact error checks and
+// capturing log lines.
 #pragma once
 
 #include "common/TestUtil.h"
@@ -145,24 +145,6 @@ inline Bytes compressible(long long bytes, unsigned seed)
     Bytes out = pattern(static_cast<size_t>(bytes), seed);
     for (unsigned char& b : out) b = static_cast<unsigned char>("disk"[b % 4]);
     return out;
-}
-
-// Writes `count` runs of mixed content (zeros, compressible, random), partial
-// and whole grains, at random places of an extent as large as its mirror,
-// and into the mirror.
-template <class Rng>
-void randomWrites(kord::IVMDKExtentFile& extent, Bytes& mirror, long long grainBytes, int count, Rng& rng)
-{
-    const long long size = static_cast<long long>(mirror.size());
-    for (int op = 0; op < count; ++op) {
-        long long pos = rng() % size;
-        if (rng() % 4 == 0) pos -= pos % grainBytes;
-        const long long n = std::min<long long>(1 + rng() % (3 * grainBytes), size - pos);
-        const unsigned kind = rng() % 3, seed = rng();
-        Bytes data = kind == 0 ? Bytes(n, 0) : kind == 1 ? compressible(n, seed) : pattern(n, seed);
-        writeAt(extent, pos, data);
-        std::copy(data.begin(), data.end(), mirror.begin() + pos);
-    }
 }
 
 inline std::uint32_t fileLE32(const Bytes& file, long long offset) { return zu::loadLE32(&file.at(offset)); }
