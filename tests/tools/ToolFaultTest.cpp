@@ -1,10 +1,10 @@
 // The kord program interrupted and fooled: killed at each call by which it
 // changes a file (the kill shim), a conversion leaves nothing under the
-// destination's name or a complete disk, and a password change of a chain
-// leaves it opening with the old or the new password, the rerun finishing
-// the job; and a raw image that reads like a descriptor is copied as the
-// bytes it is, never taken for the names of other files. CI kills at a
-// sample of the calls; KORD_FAULT_SWEEP=full kills at every one.
+// destination's name or a complete disk, and a rerun finishes the job; and
+// a raw image that reads like a descriptor is copied as the bytes it is,
+// never taken for the names of other files. CI kills at a sample of the
+// calls; KORD_FAULT_SWEEP=full kills at every one. (A password change cut
+// short at every call is swept through the library.)
 #include "ToolTestUtil.h"
 
 #include <cstdlib>
@@ -36,17 +36,11 @@ protected:
         const char* sweep = std::getenv("KORD_FAULT_SWEEP");
         return (sweep && std::string(sweep) == "full") || call % 3 == 1 || call > calls - 4;
     }
-    bool exists(const std::string& name) const { return std::filesystem::exists(file(name)); }
-    void remove(const std::vector<std::string>& names)
+    // Deletes the files of the conversion's output (what a killed run left
+    // beside them stays for the rerun to cope with).
+    void removeOutputs()
     {
-        for (const std::string& name : names) std::filesystem::remove(file(name));
-    }
-    // What each file of the folder holds.
-    std::map<std::string, std::string> files() const { return disktest::snapshot(temp.path()); }
-    void restore(const std::map<std::string, std::string>& saved)
-    {
-        for (const auto& entry : std::filesystem::directory_iterator(temp.path())) std::filesystem::remove(entry);
-        for (const auto& [name, bytes] : saved) put(name, bytes);
+        for (const char* name : {"out.vmdk", "out-s001.vmdk"}) std::filesystem::remove(file(name));
     }
 };
 
@@ -88,57 +82,26 @@ TEST_F(ToolFaultTest, killedConversionLeavesNothingOrACompleteDisk)
     // A disk holds whole sectors.
     std::string whole = source;
     whole.resize((source.size() + 511) / 512 * 512, '\0');
-    const std::vector<std::pair<std::string, std::vector<std::string>>> outputs = {
-        {"-t monolithicSparse", {"out.vmdk"}},
-        {"-t twoGbMaxExtentSparse", {"out.vmdk", "out-s001.vmdk"}},
-        {"-t streamOptimized --encrypt", {"out.vmdk"}},
-        {"-O raw", {"out.vmdk"}}};
-    for (const auto& [options, names] : outputs) {
+    for (const std::string options :
+         {"-t monolithicSparse", "-t twoGbMaxExtentSparse", "-t streamOptimized --encrypt", "-O raw"}) {
         SCOPED_TRACE(options);
         const std::string convert = "convert " + options + " source.raw out.vmdk";
         const long long calls = countCalls(convert, "KORD_PASSWORD=pw");
-        remove(names);
+        removeOutputs();
         for (long long call = 1; call <= calls; ++call) {
             if (!sampled(call, calls)) continue;
             SCOPED_TRACE(call);
             kord(convert, "KORD_PASSWORD=pw " + shim("KORD_KILL_AT=" + std::to_string(call)));
-            if (exists("out.vmdk")) {
+            if (std::filesystem::exists(file("out.vmdk"))) {
                 const std::string back = options == "-O raw" ? disktest::fileText(file("out.vmdk"))
                                                              : kord("cat out.vmdk", "KORD_PASSWORD=pw").out;
                 EXPECT_TRUE(back == (options == "-O raw" ? source : whole))
                     << "a disk under the destination's name must be complete";
             }
-            remove(names);
+            removeOutputs();
             CRun rerun = kord(convert, "KORD_PASSWORD=pw");
             EXPECT_EQ(0, rerun.status) << rerun.err;
-            remove(names);
+            removeOutputs();
         }
-    }
-}
-
-TEST_F(ToolFaultTest, killedPasswordChangeOfAChainOpensWithOldOrNewAndARerunFinishes)
-{
-    put("data.bin", std::string(200000, 'd'));
-    ASSERT_EQ(0, kord("create --encrypt base.vmdk 1M", "KORD_PASSWORD=old").status);
-    ASSERT_EQ(0, kord("write --offset 0 base.vmdk data.bin", "KORD_PASSWORD=old").status);
-    ASSERT_EQ(0, kord("create --encrypt -b base.vmdk child.vmdk", "KORD_PASSWORD=old").status);
-    ASSERT_EQ(0, kord("write --offset 300000 child.vmdk data.bin", "KORD_PASSWORD=old").status);
-    const std::string expected = kord("cat child.vmdk", "KORD_PASSWORD=old").out;
-    ASSERT_EQ(1024u * 1024, expected.size());
-    const auto saved = files();
-    const std::string passwd = "passwd child.vmdk";
-    const long long calls = countCalls(passwd, "KORD_PASSWORD=old KORD_NEW_PASSWORD=new");
-    for (long long call = 1; call <= calls; ++call) {
-        if (!sampled(call, calls)) continue;
-        SCOPED_TRACE(call);
-        restore(saved);
-        kord(passwd, "KORD_PASSWORD=old KORD_NEW_PASSWORD=new " + shim("KORD_KILL_AT=" + std::to_string(call)));
-        EXPECT_TRUE(kord("cat child.vmdk", "KORD_PASSWORD=old").out == expected ||
-                    kord("cat child.vmdk", "KORD_PASSWORD=new").out == expected)
-            << "the chain must open with one of the passwords";
-        CRun rerun = kord(passwd, "KORD_PASSWORD=old KORD_NEW_PASSWORD=new");
-        EXPECT_EQ(0, rerun.status) << rerun.err;
-        EXPECT_TRUE(kord("cat child.vmdk", "KORD_PASSWORD=new").out == expected);
-        EXPECT_EQ(2, kord("cat base.vmdk", "KORD_PASSWORD=old").status);
     }
 }
