@@ -1,8 +1,7 @@
 // Every disk of the corpus of files other software wrote reads through
 // openAny to exactly the bytes its producer meant, and the checker finds
 // nothing wrong in it. The constructor opens those in our own variants and
-// refuses the others as before. An old split disk whose descriptor file
-// has no room takes writes, and a footer cut off is named as such.
+// refuses the others as before.
 #include "common/Corpus.h"
 #include "disk/DiskTestUtil.h"
 
@@ -19,13 +18,6 @@ protected:
     {
         disks = kordtest::corpusDisks();
         if (disks.empty()) GTEST_SKIP() << "the corpus ../shared/vmdk-corpus is not there: real-world files not read";
-    }
-    std::string unpack(const std::string& id)
-    {
-        for (const kordtest::CorpusDisk& d : disks)
-            if (d.id == id) return kordtest::unpackCorpusDisk(d, temp.path());
-        ADD_FAILURE() << "no corpus disk " << id;
-        return "";
     }
     std::string contentHash(CVMDKDisk& disk)
     {
@@ -69,37 +61,6 @@ TEST_F(CorpusTest, everyDiskReadsToItsExpectedBytes)
         } catch (const zu::CError& e) {
             EXPECT_TRUE(refusal != refusals.end() && refusal->second == msg(e)) << msg(e);
         }
-    }
-}
-
-// R08's descriptor file ends where its text does, without an "encoding"
-// line: the first write replaces it by a longer file, and the disk keeps
-// every byte it had.
-TEST_F(CorpusTest, splitDiskWithoutDescriptorRoomTakesWrites)
-{
-    const std::string main = unpack("R08");
-    const Bytes before = readAt(*CVMDKDisk::openAny(fs, fileURI(main), R, zu::String()), 0, 10 << 20);
-    const std::string text = fileText(main);
-    const Bytes data = kordtest::pattern(100000, 6);
-    writeAt(*CVMDKDisk::openAny(fs, fileURI(main), RW, zu::String()), 3 << 20, data);
-    Bytes expected = before;
-    std::copy(data.begin(), data.end(), expected.begin() + (3 << 20));
-    EXPECT_TRUE(readAt(*openDisk(fs, fileURI(main), R), 0, 10 << 20) == expected);
-    EXPECT_GT(fileText(main).size(), text.size());
-    EXPECT_NE(std::string::npos, fileText(main).find("ddb.longContentID = \"b93eae20bf0418af3d6428e797798347\""));
-    EXPECT_TRUE(kord::CVMDKChecker(fs, fileURI(main), zu::String()).check().empty());
-}
-
-TEST_F(CorpusTest, streamFileCutBeforeItsFooterIsNamedTruncated)
-{
-    const std::string main = unpack("R03");
-    const std::string whole = fileText(main);
-    for (size_t cut : {size_t(512), size_t(1000), size_t(1536), whole.size() - 2048}) {
-        putFile(main, whole.substr(0, whole.size() - cut));
-        zu::CError e = kordtest::expectThrows([&] { CVMDKDisk::openAny(fs, fileURI(main), R, zu::String()); });
-        EXPECT_EQ("VMDK stream-optimized file does not end with its footer: the file is truncated or was never "
-                  "finished.", msg(e)) << cut;
-        EXPECT_EQ(std::to_string(whole.size() - cut), e.getProp("fileSize").toUTF8());
     }
 }
 
