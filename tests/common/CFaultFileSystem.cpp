@@ -32,8 +32,7 @@ struct CFaultFileSystem::CModel {
         long long truncateTo = -1; // a setLength instead of a write
     };
     struct Inode {
-        Bytes current;
-        Bytes durable;
+        Bytes current, durable;
         std::vector<Op> pending;
     };
 
@@ -42,13 +41,25 @@ struct CFaultFileSystem::CModel {
         inodes.emplace_back();
         return static_cast<int>(inodes.size()) - 1;
     }
+    // Applies op to file where keep() says so: a truncation whole, a write
+    // sector by sector, as a disk tears it.
+    template <class Keep>
+    static void applyTo(Bytes& file, const Op& op, Keep keep)
+    {
+        if (op.truncateTo >= 0) {
+            if (keep()) file.resize(static_cast<size_t>(op.truncateTo), 0);
+            return;
+        }
+        const long long end = op.offset + static_cast<long long>(op.data.size());
+        for (long long at = op.offset, next; at < end; at = next) {
+            next = std::min(end, (at / 512 + 1) * 512);
+            if (keep()) writeInto(file, at, op.data.data() + (at - op.offset), next - at);
+        }
+    }
     void apply(int inode, Op op)
     {
         Inode& node = inodes[static_cast<size_t>(inode)];
-        if (op.truncateTo >= 0)
-            node.current.resize(static_cast<size_t>(op.truncateTo), 0);
-        else
-            writeInto(node.current, op.offset, op.data.data(), static_cast<long long>(op.data.size()));
+        applyTo(node.current, op, [] { return true; });
         node.pending.push_back(std::move(op));
     }
     void sync(int inode)
@@ -61,35 +72,21 @@ struct CFaultFileSystem::CModel {
     Bytes afterPowerLoss(const Inode& node, std::mt19937& rng, unsigned seed) const
     {
         Bytes out = node.durable;
-        for (const Op& op : node.pending) {
-            bool keepAll = seed == 1;
-            if (seed == 0) continue;
-            if (op.truncateTo >= 0) {
-                if (keepAll || rng() % 2 == 0) out.resize(static_cast<size_t>(op.truncateTo), 0);
-                continue;
-            }
-            // Sector by sector, as a disk tears a write.
-            long long end = op.offset + static_cast<long long>(op.data.size());
-            for (long long at = op.offset; at < end;) {
-                long long next = std::min(end, (at / 512 + 1) * 512);
-                if (keepAll || rng() % 2 == 0) writeInto(out, at, op.data.data() + (at - op.offset), next - at);
-                at = next;
-            }
-        }
+        if (seed != 0)
+            for (const Op& op : node.pending) applyTo(out, op, [&] { return seed == 1 || rng() % 2 == 0; });
         return out;
     }
 
     std::vector<Inode> inodes;
     std::map<std::string, int> names;
     std::map<std::string, int> durableNames;
-    long long calls = 0;
     long long armedCall = 0;
     Fault armedFault = Fault::ioError;
     bool crashed = false;
     std::vector<std::string> kinds;
 };
 
-// A stream on one file of the inner file system that tells the model what
+// A stream on one file of the in-memory file system that tells the model what
 // it writes and syncs.
 class CFaultFileSystem::CStream : public zu::CBase, public zu::IIOStream, public zu::IDurableStream {
 public:
@@ -160,12 +157,11 @@ private:
     zu::CURI uri;
 };
 
-CFaultFileSystem::CFaultFileSystem(const Files& files)
-    : inner(zu::newObj<zu::CMemoryFileSystem>()), model(std::make_unique<CModel>())
+CFaultFileSystem::CFaultFileSystem(const Files& files) : model(std::make_unique<CModel>())
 {
     for (const auto& file : files) {
         zu::CURI uri{zu::String(file.first)};
-        zu::P<zu::IIOStream> stream = inner->openStream(uri, zu::IIOStream::accessCreateNew, zu::CProps());
+        zu::P<zu::IIOStream> stream = CMemoryFileSystem::openStream(uri, zu::IIOStream::accessCreateNew, zu::CProps());
         if (!file.second.empty()) stream->write(file.second.data(), static_cast<int>(file.second.size()));
         int inode = model->newInode();
         model->inodes[static_cast<size_t>(inode)].current = file.second;
@@ -183,22 +179,21 @@ void CFaultFileSystem::arm(long long call, Fault fault)
     model->armedFault = fault;
 }
 
-long long CFaultFileSystem::getCallCount() const { return model->calls; }
+long long CFaultFileSystem::getCallCount() const { return static_cast<long long>(model->kinds.size()); }
 
 std::vector<std::string> CFaultFileSystem::getCallKinds() const { return model->kinds; }
 
 long long CFaultFileSystem::enterCall(const char* kind, const zu::CURI& uri, long long bytes)
 {
     bool data = std::strcmp(kind, "write") == 0 || std::strcmp(kind, "truncate") == 0 || std::strcmp(kind, "sync") == 0;
-    zu::CProps props = zu::CProps().set("uri", uri.toString(true)).set("call", model->calls + 1);
+    zu::CProps props = zu::CProps().set("uri", uri.toString(true)).set("call", getCallCount() + 1);
     auto fail = [&](const char* what, int problem) -> long long {
         if (data) throw zu::CIOError(zu::CIOError::codeWrite, zu::String("Error writing data. ") + what, props);
         throw zu::CFileSystemError(problem, what, props);
     };
     if (model->crashed) fail("The process has crashed.", zu::CFileSystemError::problemIO);
-    ++model->calls;
     model->kinds.push_back(kind);
-    if (model->calls != model->armedCall) return -1;
+    if (getCallCount() != model->armedCall) return -1;
     switch (model->armedFault) {
     case Fault::noSpace:
         return fail("Injected error: no space left on the device.", zu::CFileSystemError::problemNoSpace);
@@ -217,28 +212,24 @@ long long CFaultFileSystem::enterCall(const char* kind, const zu::CURI& uri, lon
 zu::P<zu::IIOStream> CFaultFileSystem::openStream(const zu::CURI& uri, int access, const zu::CProps& options)
 {
     enterCall("open", uri);
-    zu::P<zu::IIOStream> stream = inner->openStream(uri, access, options);
+    zu::P<zu::IIOStream> stream = CMemoryFileSystem::openStream(uri, access, options);
     std::string key = keyOf(uri);
     auto it = model->names.find(key);
     int inode = it != model->names.end() ? it->second : model->names[key] = model->newInode();
     return zu::newObj<CStream>(this, stream, inode, uri);
 }
 
-bool CFaultFileSystem::exists(const zu::CURI& uri) { return inner->exists(uri); }
-
-long long CFaultFileSystem::getFileSize(const zu::CURI& uri) { return inner->getFileSize(uri); }
-
 void CFaultFileSystem::deleteFile(const zu::CURI& uri, bool ignoreMissing)
 {
     enterCall("delete", uri);
-    inner->deleteFile(uri, ignoreMissing);
+    CMemoryFileSystem::deleteFile(uri, ignoreMissing);
     model->names.erase(keyOf(uri));
 }
 
 void CFaultFileSystem::renameFile(const zu::CURI& from, const zu::CURI& to)
 {
     enterCall("rename", from);
-    inner->renameFile(from, to);
+    CMemoryFileSystem::renameFile(from, to);
     std::string fromKey = keyOf(from), toKey = keyOf(to);
     model->names[toKey] = model->names.at(fromKey);
     model->names.erase(fromKey);
@@ -254,7 +245,7 @@ zu::P<zu::IBase> CFaultFileSystem::lockFile(const zu::CURI& uri, zu::IStreamBase
                                             bool removeOnRelease)
 {
     enterCall("lock", uri);
-    return inner->lockFile(uri, type, wait, removeOnRelease);
+    return CMemoryFileSystem::lockFile(uri, type, wait, removeOnRelease);
 }
 
 CFaultFileSystem::Files CFaultFileSystem::getFiles() const

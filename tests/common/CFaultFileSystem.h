@@ -24,7 +24,7 @@
 
 namespace kordtest {
 
-class CFaultFileSystem : public zu::CBase, public zu::IFileSystem {
+class CFaultFileSystem : public zu::CMemoryFileSystem {
 public:
     enum class Fault { ioError, noSpace, shortWrite, crash };
     // Files by URI text, as the image of a disk's folder.
@@ -47,8 +47,6 @@ public:
     Files getFilesAfterPowerLoss(unsigned seed) const;
 
     zu::P<zu::IIOStream> openStream(const zu::CURI& uri, int access, const zu::CProps& options) override;
-    bool exists(const zu::CURI& uri) override;
-    long long getFileSize(const zu::CURI& uri) override;
     void deleteFile(const zu::CURI& uri, bool ignoreMissing) override;
     void renameFile(const zu::CURI& from, const zu::CURI& to) override;
     zu::P<zu::IBase> lockFile(const zu::CURI& uri, zu::IStreamBase::LockType type, bool wait,
@@ -63,7 +61,6 @@ private:
     // a short write, returns how many bytes to write before failing (-1: all).
     long long enterCall(const char* kind, const zu::CURI& uri, long long bytes = 0);
 
-    zu::P<zu::CMemoryFileSystem> inner;
     std::unique_ptr<CModel> model;
 };
 
