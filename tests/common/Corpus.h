@@ -7,11 +7,8 @@
 
 #include "common/TestUtil.h"
 
-#include "crypto/CDigestType_SHA256.h"
-
 #include <zlib.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -70,34 +67,12 @@ inline std::string unpackCorpusDisk(const CorpusDisk& disk, const std::string& d
     return (target / disk.mainFile).string();
 }
 
-// Lower-case hex SHA-256 of the bytes fed in.
-class Sha256 {
-public:
-    void update(const void* data, long long bytes) { digest->update(data, bytes); }
-    std::string hex()
-    {
-        digest->finish();
-        std::string out;
-        char two[3];
-        for (int i = 0; i < digest->getResultLength(); ++i) {
-            std::snprintf(two, sizeof two, "%02x", digest->getResult()[i]);
-            out += two;
-        }
-        return out;
-    }
-
-private:
-    zu::P<pell::IDigest> digest = pell::CDigestType_SHA256().createDigest();
-};
-
+// Lower-case hex SHA-256 of a file's bytes.
 inline std::string sha256OfFile(const std::string& path)
 {
-    Sha256 sha;
-    std::ifstream in(path, std::ios::binary);
-    std::vector<char> buffer(1 << 20);
-    while (in.read(buffer.data(), static_cast<std::streamsize>(buffer.size())) || in.gcount() > 0)
-        sha.update(buffer.data(), in.gcount());
-    return sha.hex();
+    std::string out;
+    EXPECT_EQ(0, runCommand("sha256sum '" + path + "'", &out)) << out;
+    return out.substr(0, 64);
 }
 
 } // namespace kordtest
