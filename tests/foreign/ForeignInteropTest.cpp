@@ -50,8 +50,9 @@ protected:
 TEST_F(ForeignInteropTest, kordReadsAndWritesWhatQemuMakes)
 {
     makeSource("src.raw", oddSize);
-    // (qemu's split sparse disks are read and written by the disk interop test.)
-    for (const std::string subformat : {"monolithicSparse", "monolithicFlat", "twoGbMaxExtentFlat", "streamOptimized"})
+    // (qemu's sparse disks, plain and split, are read and written by the
+    // disk interop test.)
+    for (const std::string subformat : {"monolithicFlat", "twoGbMaxExtentFlat", "streamOptimized"})
         sh("qemu-img convert -f raw -O vmdk -o subformat=" + subformat + " src.raw q-" + subformat + ".vmdk");
     sh("qemu-img create -f vmdk -o zeroed_grain=on q-zeroed.vmdk 10M && qemu-io -f vmdk -c 'write -P 5 0 2M' "
        "-c 'write -z 64k 128k' -c 'write -z 1M 64k' -c 'write -P 6 5M 100k' q-zeroed.vmdk");
@@ -63,7 +64,6 @@ TEST_F(ForeignInteropTest, kordReadsAndWritesWhatQemuMakes)
     // that kord's writes change.
     const std::vector<std::pair<std::string, bool>> disks = {
         {"q-child-of-monolithicFlat.vmdk", true}, {"q-child-of-streamOptimized.vmdk", true},
-        {"q-monolithicSparse.vmdk", true},
         {"q-monolithicFlat.vmdk", true},           {"q-twoGbMaxExtentFlat.vmdk", true},
         {"q-streamOptimized.vmdk", false},         {"q-zeroed.vmdk", true}};
     for (const auto& [name, writable] : disks) {
@@ -122,44 +122,34 @@ TEST_F(ForeignInteropTest, kordDeltasOverForeignParents)
 }
 
 // Every reader sees the virtual size kord gives a disk, also when it is no
-// whole number of grains, and reads kord's bytes.
+// whole number of grains, and reads kord's bytes. (Disks of whole grains
+// are read by every reader in the tool and disk interop tests.)
 TEST_F(ForeignInteropTest, everyReaderSeesKordsVirtualSize)
 {
     const std::string vmdkConvert = kordtest::sharedPath("oracles/vmdk-convert");
     const bool vmdkinfo = kordtest::haveTool("vmdkinfo");
     if (vmdkConvert.empty()) std::cout << "vmdk-convert is not there (../shared/oracles): not asked\n";
     if (!vmdkinfo) std::cout << "vmdkinfo is not installed (package libvmdk-utils): not asked\n";
-    const std::vector<std::pair<std::string, long long>> disks = {
-        {"monolithicSparse", 1000}, {"streamOptimized", 1000}, {"streamOptimized", 40 * 128},
-        {"twoGbMaxExtentSparse", 2 * splitSectors + 77}};
-    for (const auto& [type, sectors] : disks) {
-        SCOPED_TRACE(type + " " + std::to_string(sectors));
-        const std::string name = type + std::to_string(sectors) + ".vmdk";
-        const long long size = sectors * sector;
+    for (const auto& [type, sectors] : std::vector<std::pair<std::string, long long>>{
+             {"monolithicSparse", 1000}, {"streamOptimized", 1000}, {"twoGbMaxExtentSparse", 2 * splitSectors + 77}}) {
+        SCOPED_TRACE(type);
+        const std::string name = type + ".vmdk", size = std::to_string(sectors * sector);
         // Data everywhere but in the last grain, where vmdk-convert -i does
         // not finish (on its own files too) when the capacity ends inside it.
-        Mirror mirror(size);
-        {
-            zu::P<CVMDKDisk> disk = CVMDKDisk::create(fs, fileURI(path(name)), params(type, sectors));
-            for (long long at = 0; at < size - 2 * grainBytes; at += size / 5 + 1234) {
-                const Bytes data = kordtest::pattern(40000, static_cast<unsigned>(at));
-                writeAt(*disk, at, data);
-                mirror.write(at, data);
-            }
+        Mirror mirror(sectors * sector);
+        zu::P<CVMDKDisk> disk = CVMDKDisk::create(fs, fileURI(path(name)), params(type, sectors));
+        for (long long at = 0; at < mirror.size() - 2 * grainBytes; at += mirror.size() / 5 + 1234) {
+            writeAt(*disk, at, kordtest::pattern(40000, static_cast<unsigned>(at)));
+            mirror.write(at, kordtest::pattern(40000, static_cast<unsigned>(at)));
         }
-        EXPECT_NE(std::string::npos, sh("qemu-img info --output=json " + name).find("\"virtual-size\": " + std::to_string(size)));
-        if (vmdkinfo) {
-            EXPECT_NE(std::string::npos, sh("vmdkinfo " + name).find("(" + std::to_string(size) + " bytes)"));
-        }
+        disk = nullptr;
+        EXPECT_NE(std::string::npos, sh("qemu-img info --output=json " + name).find("\"virtual-size\": " + size));
+        EXPECT_TRUE(!vmdkinfo || sh("vmdkinfo " + name).find("(" + size + " bytes)") != std::string::npos);
         // The contents of big split disks are compared by the disk interop test.
-        if (size > (64 << 20)) continue;
-        const Bytes expected = mirror.read(0, size);
-        EXPECT_TRUE(qemuReads(name) == expected);
-        if (vmdkConvert.empty()) continue;
-        EXPECT_NE(std::string::npos,
-                  sh("timeout 60 " + vmdkConvert + " -i " + name).find("\"capacity\": " + std::to_string(size)));
-        sh("timeout 60 " + vmdkConvert + " " + name + " back.raw");
-        EXPECT_TRUE(fileText(path("back.raw")) == std::string(expected.begin(), expected.end()));
+        if (mirror.size() > (64 << 20)) continue;
+        EXPECT_TRUE(qemuReads(name) == mirror.read(0, mirror.size()));
+        EXPECT_TRUE(vmdkConvert.empty() ||
+                    sh("timeout 60 " + vmdkConvert + " -i " + name).find("\"capacity\": " + size) != std::string::npos);
     }
 }
 
