@@ -156,20 +156,14 @@ TEST_F(MountTest, refusals)
     kordtest::makeSampleDisks(temp.path());
     std::filesystem::create_directory(file("plain"));
     expectOk("$K mount -w stream.vmdk mnt");
-    struct Case {
-        std::string command;
-        std::string message;
-    } cases[] = {
-        {"$K mount stream.vmdk plain", "The lock file is held by another process."},
-        {"$K mount monolithic.vmdk missing", "The mount point is not a folder."},
-        {"$K mount missing.vmdk plain", "Cannot open the file: No such file or directory."},
-        {"$K umount plain", "No kord mount at this folder."},
-    };
-    for (const Case& c : cases) {
-        SCOPED_TRACE(c.command);
+    for (const auto& [command, message] : std::vector<std::pair<std::string, std::string>>{
+             {"$K mount stream.vmdk plain", "The lock file is held by another process."},
+             {"$K mount monolithic.vmdk missing", "The mount point is not a folder."},
+             {"$K mount missing.vmdk plain", "Cannot open the file: No such file or directory."},
+             {"$K umount plain", "No kord mount at this folder."}}) {
         std::string out;
-        EXPECT_EQ(2, sh(c.command, &out));
-        EXPECT_EQ(0u, out.find("kord: " + c.message)) << out;
+        EXPECT_EQ(2, sh(command, &out)) << command;
+        EXPECT_EQ(0u, out.find("kord: " + message)) << out;
     }
     expectOk("$K umount mnt");
 }

@@ -1,6 +1,6 @@
 """The kord Python package under Debian's python3: disks of every kind read
-as "kord cat" reads them (whole-disk hashes, a tar archive read through
-io.BufferedReader), writes round-trip, kord.info is "kord info --json", and
+as "kord cat" reads them (whole-disk hashes through the buffer protocol),
+writes round-trip through io.BufferedRandom, kord.info is "kord info --json", and
 failures raise kord.Error with the library's message, code and properties."""
 
 import errno
@@ -10,7 +10,6 @@ import json
 import os
 import random
 import subprocess
-import tarfile
 import threading
 
 import pytest
@@ -91,19 +90,6 @@ def test_writes_round_trip(disk):
     run_kord("check", str(path))
 
 
-def test_archives_read_through_buffered_reader(tmp_path):
-    files = {f"dir/file{i}.bin": pattern(1000 * i * i + 17, i) for i in range(1, 12)}
-    with tarfile.open(tmp_path / "image.tar", "w") as archive:
-        for name, data in files.items():
-            info = tarfile.TarInfo(name)
-            info.size = len(data)
-            archive.addfile(info, io.BytesIO(data))
-    run_kord("convert", "-t", "streamOptimized", str(tmp_path / "image.tar"), str(tmp_path / "tar.vmdk"))
-    with io.BufferedReader(kord.open(tmp_path / "tar.vmdk")) as reader:
-        with tarfile.open(fileobj=reader, mode="r:") as archive:
-            assert {m.name: archive.extractfile(m).read() for m in archive.getmembers()} == files
-
-
 def test_readinto_fills_the_callers_memory(tmp_path):
     with kord.create(tmp_path / "d.vmdk", MiB) as created:
         created.write(pattern(MiB, 5))
@@ -142,37 +128,35 @@ def test_threads_take_turns_on_one_disk(tmp_path):
     assert sum(counts) == 4 * MiB
 
 
-def error_of(call):
+def error_of(call, message, err=None):
+    """The kord.Error that call raises, whose text starts with message."""
     with pytest.raises(kord.Error) as caught:
         call()
+    assert str(caught.value).startswith(message)
+    assert err is None or caught.value.errno == err
     return caught.value
 
 
 def test_failures_raise_kord_error(tmp_path):
-    missing = error_of(lambda: kord.open(tmp_path / "missing.vmdk"))
+    missing = error_of(lambda: kord.open(tmp_path / "missing.vmdk"), "Cannot open the file: No such file or directory.",
+                       errno.ENOENT)
     assert isinstance(missing, OSError)
-    assert (missing.errno, missing.code, missing.source) == (errno.ENOENT, 1, "FileSystem")
+    assert (missing.code, missing.source) == (1, "FileSystem")
     assert missing.props["uri"].endswith("/missing.vmdk")
-    assert str(missing).startswith("Cannot open the file: No such file or directory.")
 
     with kord.create(tmp_path / "secret.vmdk", MiB, password=PASSWORD):
         pass
-    assert str(error_of(lambda: kord.open(tmp_path / "secret.vmdk", password="wrong"))).startswith(
-        "Specified VMDK encryption password is not correct.")
-    exists = error_of(lambda: kord.create(tmp_path / "secret.vmdk", MiB))
-    assert (exists.errno, str(exists).split(" fileSysProblem")[0]) == (errno.EEXIST, "VMDK disk file already exists.")
+    error_of(lambda: kord.open(tmp_path / "secret.vmdk", password="wrong"),
+             "Specified VMDK encryption password is not correct.")
+    error_of(lambda: kord.create(tmp_path / "secret.vmdk", MiB), "VMDK disk file already exists. fileSysProblem",
+             errno.EEXIST)
 
     with kord.open(tmp_path / "secret.vmdk", "r+", password=PASSWORD) as held:
-        locked = error_of(lambda: kord.open(tmp_path / "secret.vmdk", password=PASSWORD))
-        assert locked.errno == errno.EBUSY
-        assert str(locked).startswith("The lock file is held by another process.")
+        error_of(lambda: kord.open(tmp_path / "secret.vmdk", password=PASSWORD),
+                 "The lock file is held by another process.", errno.EBUSY)
         held.seek(MiB - 2)
-        past = error_of(lambda: held.write(b"abc"))
-        assert (past.errno, past.code) == (errno.EIO, 3)
-        assert str(past).startswith("Write exceeds VMDK disk size.")
-        bad_seek = error_of(lambda: held.seek(-1))
-        assert bad_seek.errno == errno.EINVAL
-        assert bad_seek.props["diskSize"] == str(MiB)
+        assert error_of(lambda: held.write(b"abc"), "Write exceeds VMDK disk size.", errno.EIO).code == 3
+        assert error_of(lambda: held.seek(-1), "", errno.EINVAL).props["diskSize"] == str(MiB)
     with pytest.raises(ValueError):
         held.read(1)
 
@@ -183,9 +167,9 @@ def test_failures_raise_kord_error(tmp_path):
     os.truncate(tmp_path / "cut.vmdk", os.path.getsize(tmp_path / "cut.vmdk") - 32768)
     with kord.open(tmp_path / "cut.vmdk") as cut:
         cut.seek(MiB - 65536)
-        damaged = error_of(lambda: cut.read(1))
-        assert (damaged.errno, damaged.code, damaged.source) == (errno.EIO, 5, "IO")
-        assert str(damaged).startswith("VMDK grain table entry points past the end of the extent file.")
+        damaged = error_of(lambda: cut.read(1), "VMDK grain table entry points past the end of the extent file.",
+                           errno.EIO)
+        assert (damaged.code, damaged.source) == (5, "IO")
         with pytest.raises(io.UnsupportedOperation):
             cut.write(b"x")
 
