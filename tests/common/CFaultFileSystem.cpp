@@ -118,9 +118,7 @@ public:
     {
         owner->enterCall("truncate", uri);
         inner->setLength(length);
-        CModel::Op op;
-        op.truncateTo = length;
-        owner->model->apply(inode, std::move(op));
+        owner->model->apply(inode, {0, {}, length});
     }
     long long getLength() const override { return inner->getLength(); }
     long long getPosition() const override { return inner->getPosition(); }
@@ -142,10 +140,7 @@ private:
         long long cut = owner->enterCall("write", uri, bytes);
         long long done = cut >= 0 ? cut : bytes;
         inner->write(data, static_cast<int>(done));
-        CModel::Op op;
-        op.offset = offset;
-        op.data.assign(data, data + done);
-        owner->model->apply(inode, std::move(op));
+        owner->model->apply(inode, {offset, Bytes(data, data + done)});
         if (cut >= 0)
             throw zu::CIOError(zu::CIOError::codeWrite, "Error writing data. Injected error after a short write.",
                                zu::CProps().set("uri", uri.toString(true)).set("bytes", bytes).set("written", done));
@@ -163,10 +158,8 @@ CFaultFileSystem::CFaultFileSystem(const Files& files) : model(std::make_unique<
         zu::CURI uri{zu::String(file.first)};
         zu::P<zu::IIOStream> stream = CMemoryFileSystem::openStream(uri, zu::IIOStream::accessCreateNew, zu::CProps());
         if (!file.second.empty()) stream->write(file.second.data(), static_cast<int>(file.second.size()));
-        int inode = model->newInode();
-        model->inodes[static_cast<size_t>(inode)].current = file.second;
-        model->inodes[static_cast<size_t>(inode)].durable = file.second;
-        model->names[keyOf(uri)] = inode;
+        const int inode = model->names[keyOf(uri)] = model->newInode();
+        model->inodes[static_cast<size_t>(inode)].current = model->inodes[static_cast<size_t>(inode)].durable = file.second;
     }
     model->durableNames = model->names;
 }
@@ -194,19 +187,12 @@ long long CFaultFileSystem::enterCall(const char* kind, const zu::CURI& uri, lon
     if (model->crashed) fail("The process has crashed.", zu::CFileSystemError::problemIO);
     model->kinds.push_back(kind);
     if (getCallCount() != model->armedCall) return -1;
-    switch (model->armedFault) {
-    case Fault::noSpace:
+    if (model->armedFault == Fault::shortWrite && std::strcmp(kind, "write") == 0) return bytes / 2;
+    if (model->armedFault == Fault::noSpace)
         return fail("Injected error: no space left on the device.", zu::CFileSystemError::problemNoSpace);
-    case Fault::shortWrite:
-        if (std::strcmp(kind, "write") == 0) return bytes / 2;
-        return fail("Injected error: input/output error.", zu::CFileSystemError::problemIO);
-    case Fault::crash:
-        model->crashed = true;
-        return fail("The process has crashed.", zu::CFileSystemError::problemIO);
-    case Fault::ioError:
-        break;
-    }
-    return fail("Injected error: input/output error.", zu::CFileSystemError::problemIO);
+    model->crashed = model->armedFault == Fault::crash;
+    return fail(model->crashed ? "The process has crashed." : "Injected error: input/output error.",
+                zu::CFileSystemError::problemIO);
 }
 
 zu::P<zu::IIOStream> CFaultFileSystem::openStream(const zu::CURI& uri, int access, const zu::CProps& options)
