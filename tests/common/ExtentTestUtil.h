@@ -46,16 +46,6 @@ inline constexpr ExtentKind plainKind{false, false, "plain"}, compressedKind{tru
     encryptedKind{false, true, "encrypted"};
 inline constexpr ExtentKind allExtentKinds[] = {plainKind, compressedKind, encryptedKind, {true, true, "both"}};
 
-// Runs f and checks that it throws E with this message and code.
-template <class E = zu::CIOError>
-E expectError(const std::function<void()>& f, const std::string& message, long long code)
-{
-    E e = expectThrows<E>(f);
-    EXPECT_EQ(message, msg(e));
-    EXPECT_EQ(code, e.getCode());
-    return e;
-}
-
 inline zu::TBuffer<unsigned char> toBuffer(const Bytes& bytes)
 {
     return zu::TBuffer<unsigned char>(bytes.data(), static_cast<long long>(bytes.size()));
@@ -124,7 +114,7 @@ protected:
     {
         return zu::newObj<kord::CVMDKSparseExtentFile>(
             kord::openVMDKFileStream(fs, file(), access), access, startGrainIndex, 1,
-            cache ? cache : zu::newObj<kord::CVMDKGrainTableCache>(kord::CVMDKGrainTableCache::defaultLimit), provider,
+            cache ? cache : zu::newObj<kord::CVMDKGrainTableCache>(kord::CVMDKGrainTableCache::defaultLimit), nullptr,
             updater ? updater
                     : zu::newObj<kord::CVMDKContentIDUpdater>(fs, file(), zu::newObj<kord::CVMDKDescriptor>()),
             kind.encrypted ? zu::newObj<pell::CCipher_AES256CBC>() : nullptr,
@@ -134,7 +124,6 @@ protected:
 
     long long startGrainIndex = 0;
     zu::P<kord::CVMDKGrainTableCache> cache;
-    zu::P<kord::IVMDKDataProvider> provider;
     zu::P<kord::CVMDKContentIDUpdater> updater;
 };
 

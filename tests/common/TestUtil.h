@@ -68,6 +68,16 @@ E expectThrows(const std::function<void()>& f)
 
 std::string msg(const zu::CError& e);
 
+// Runs f and checks that it throws E with this message and code.
+template <class E = zu::CIOError>
+E expectError(const std::function<void()>& f, const std::string& message, long long code)
+{
+    E e = expectThrows<E>(f);
+    EXPECT_EQ(message, msg(e));
+    EXPECT_EQ(code, e.getCode());
+    return e;
+}
+
 // Whole-file helpers through a file system.
 std::vector<unsigned char> readAll(zu::IFileSystem* fs, const zu::CURI& uri);
 void writeAll(zu::IFileSystem* fs, const zu::CURI& uri, const std::vector<unsigned char>& data);

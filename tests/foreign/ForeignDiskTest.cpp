@@ -19,12 +19,7 @@ using kordtest::msg;
 
 namespace {
 
-void expectError(const std::function<void()>& f, const std::string& message, long long code)
-{
-    zu::CError e = expectThrows(f);
-    EXPECT_EQ(message, msg(e));
-    EXPECT_EQ(code, e.getCode()) << message;
-}
+const auto expectError = &kordtest::expectError<zu::CError>;
 
 class ForeignDiskTest : public testing::Test {
 protected:
@@ -55,9 +50,8 @@ protected:
 TEST_F(ForeignDiskTest, flatZeroAndRestrictedExtentsInOneDisk)
 {
     const Bytes f1 = kordtest::pattern(1 << 20, 1), f2 = kordtest::pattern(1 << 20, 2), f3 = kordtest::pattern(3 << 20, 3);
-    putFile(path("f1.bin"), std::string(f1.begin(), f1.end()));
-    putFile(path("f2.bin"), std::string(f2.begin(), f2.end()));
-    putFile(path("f3.bin"), std::string(f3.begin(), f3.end()));
+    for (const auto& [name, bytes] : {std::pair{"f1.bin", &f1}, {"f2.bin", &f2}, {"f3.bin", &f3}})
+        putFile(path(name), std::string(bytes->begin(), bytes->end()));
     const std::string lines = "RW 2048 FLAT \"f1.bin\" 0\n"
                               "RW 1000 ZERO\n"
                               "RDONLY 1024 VMFS \"f2.bin\"\n"
@@ -66,20 +60,17 @@ TEST_F(ForeignDiskTest, flatZeroAndRestrictedExtentsInOneDisk)
     const std::string text = "# Disk DescriptorFile\nversion=1\nCID=12345678\nparentCID=ffffffff\n"
                              "createType=\"custom\"\n\n" + lines;
     putFile(path("c.vmdk"), text);
-    auto expected = [&](long long at, long long n) {
-        Bytes out;
-        out.insert(out.end(), f1.begin(), f1.begin() + (1 << 20));
-        out.insert(out.end(), 1000 * sector, 0);
-        out.insert(out.end(), f2.begin(), f2.begin() + 1024 * sector);
-        out.insert(out.end(), f3.begin() + (2 << 20), f3.begin() + (2 << 20) + 512 * sector);
-        return Bytes(out.begin() + at, out.begin() + at + n);
-    };
+    // What the disk holds up to its NOACCESS extent.
+    Bytes expected = f1;
+    expected.insert(expected.end(), 1000 * sector, 0);
+    expected.insert(expected.end(), f2.begin(), f2.begin() + 1024 * sector);
+    expected.insert(expected.end(), f3.begin() + (2 << 20), f3.begin() + (2 << 20) + 512 * sector);
     const long long noAccess = (2048 + 1000 + 1024 + 512) * sector;
     {
         zu::P<CVMDKDisk> disk = any("c.vmdk", RW);
         EXPECT_EQ(noAccess + 64 * sector, disk->getDiskSizeBytes());
         EXPECT_EQ(CVMDKDisk::flatGrainSizeSectors, disk->getGrainSizeSectors());
-        EXPECT_TRUE(readAt(*disk, 0, noAccess) == expected(0, noAccess));
+        EXPECT_TRUE(readAt(*disk, 0, noAccess) == expected);
         // Writes land in the flat files at their lines' offsets.
         writeAt(*disk, 100, Bytes(300, 0xAA));
         writeAt(*disk, noAccess - 200, Bytes(200, 0xBB));
