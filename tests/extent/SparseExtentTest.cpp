@@ -13,7 +13,6 @@
 
 #include <zlib.h>
 
-
 using namespace kordtest;
 
 namespace {
@@ -146,9 +145,8 @@ TEST_P(SparseExtentTest, rewritesMoveWhereATornWriteWouldLoseTheGrainAndFreedSlo
 // a cipher block.
 TEST_P(SparseExtentTest, partialReadsOfAGrainReadOnlyTheirBytes)
 {
-    const struct {
-        long long offset, bytes;
-    } reads[] = {{0, 1}, {1, 15}, {15, 2}, {16, 16}, {17, 4096}, {4096, 4096}, {grainBytes - 1, 1}, {100, grainBytes - 100}};
+    const std::pair<long long, long long> reads[] = {{0, 1},     {1, 15},       {15, 2},          {16, 16},
+                                                     {17, 4096}, {4096, 4096}, {grainBytes - 1, 1}, {100, grainBytes - 100}};
     for (const ExtentKind& kind : allExtentKinds) {
         SCOPED_TRACE(kind.name);
         create(kind, 16);
@@ -158,18 +156,18 @@ TEST_P(SparseExtentTest, partialReadsOfAGrainReadOnlyTheirBytes)
         auto* stream = dynamic_cast<zu::COptimizingIOStream*>(extent->getStream());
         ASSERT_NE(nullptr, stream);
         long long grain = 0;
-        for (const auto& r : reads) {
-            SCOPED_TRACE(r.offset);
-            const long long at = ++grain * grainBytes + r.offset;
+        for (const auto& [offset, bytes] : reads) {
+            SCOPED_TRACE(offset);
+            const long long at = ++grain * grainBytes + offset;
             readAt(*extent, at - grainBytes, 1); // the grain before: its table is loaded
             const zu::COptimizingIOStream::Stats before = stream->getStats();
-            EXPECT_EQ(slice(data, at, r.bytes), readAt(*extent, at, r.bytes));
+            EXPECT_EQ(slice(data, at, bytes), readAt(*extent, at, bytes));
             const zu::COptimizingIOStream::Stats after = stream->getStats();
             if (!kind.streamOptimized) {
                 EXPECT_EQ(before.innerReads + 1, after.innerReads);
                 EXPECT_EQ(before.directReads + 1, after.directReads);
             }
-            EXPECT_EQ(slice(data, at - r.offset, grainBytes), readAt(*extent, at - r.offset, grainBytes));
+            EXPECT_EQ(slice(data, at - offset, grainBytes), readAt(*extent, at - offset, grainBytes));
         }
     }
 }

@@ -101,9 +101,7 @@ TEST_F(ForeignInteropTest, kordDeltasOverForeignParents)
     for (const std::string& parent : parents) {
         SCOPED_TRACE(parent);
         const std::string child = "child-" + parent;
-        zu::P<CVMDKDisk> parentDisk = any(parent);
-        const std::string type = parentDisk->getCompressed() ? "streamOptimized" : "monolithicSparse";
-        parentDisk = nullptr;
+        const std::string type = any(parent)->getCompressed() ? "streamOptimized" : "monolithicSparse";
         {
             zu::P<CVMDKDisk> disk = CVMDKDisk::create(fs, fileURI(path(child)), params(type, 0, "", fileURI(path(parent))));
             writeAt(*disk, 300000, Bytes(100000, 0x3C));
@@ -117,8 +115,8 @@ TEST_F(ForeignInteropTest, kordDeltasOverForeignParents)
     }
     // The flat parent can change; its child sees that.
     writeAt(*any("flat.vmdk", RW), 0, Bytes(1, 1));
-    zu::CError e = kordtest::expectThrows([&] { readAt(*any("child-flat.vmdk"), 0, 1); });
-    EXPECT_EQ("VMDK parent disk has changed, but a child disk depended on it.", kordtest::msg(e));
+    EXPECT_EQ("VMDK parent disk has changed, but a child disk depended on it.",
+              kordtest::msg(kordtest::expectThrows([&] { readAt(*any("child-flat.vmdk"), 0, 1); })));
 }
 
 // Every reader sees the virtual size kord gives a disk, also when it is no
