@@ -1,5 +1,7 @@
 #include "TestUtil.h"
 
+#include "base/Endian.h"
+
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -31,14 +33,15 @@ std::string msg(const zu::CError& e) { return e.getMessage().toUTF8(); }
 
 std::vector<unsigned char> le32(unsigned v)
 {
-    return {static_cast<unsigned char>(v), static_cast<unsigned char>(v >> 8), static_cast<unsigned char>(v >> 16),
-            static_cast<unsigned char>(v >> 24)};
+    std::vector<unsigned char> out(4);
+    zu::storeLE32(out.data(), v);
+    return out;
 }
 
 std::vector<unsigned char> le64(unsigned long long v)
 {
-    std::vector<unsigned char> out;
-    for (int i = 0; i < 8; ++i) out.push_back(static_cast<unsigned char>(v >> (8 * i)));
+    std::vector<unsigned char> out(8);
+    zu::storeLE64(out.data(), v);
     return out;
 }
 
