@@ -76,7 +76,6 @@ TEST_F(MountTest, readOnlyMountShowsWhatKordCatReads)
         expectOk("dd if=" + raw + " of=dd.raw bs=1M status=none && cmp dd.raw kord.raw && cmp " + raw + " kord.raw");
         // Data and holes as the disk's chain has them.
         std::string map, seeks;
-        expectOk("$K map --json " + disk.file + " >map.json");
         ASSERT_EQ(0, sh("/usr/bin/python3 -c 'import os, sys\n"
                         "fd = os.open(sys.argv[1], os.O_RDONLY); end = os.fstat(fd).st_size; at = 0\n"
                         "while True:\n"
@@ -84,7 +83,7 @@ TEST_F(MountTest, readOnlyMountShowsWhatKordCatReads)
                         "    except OSError: break\n"
                         "    hole = os.lseek(fd, at, os.SEEK_HOLE); print(at, hole - at); at = hole\n"
                         "' " + raw, &seeks)) << seeks;
-        for (const auto& range : kordtest::kordMapRanges(fileText(file("map.json"))))
+        for (const auto& range : kordtest::kordMapRanges(kordtest::kordIn(temp.path(), "map --json " + disk.file)))
             map += std::to_string(range.first) + " " + std::to_string(range.second) + "\n";
         EXPECT_EQ(map, seeks);
         std::string out;
