@@ -164,11 +164,9 @@ TEST(BufferSlice, boundsAndMessages)
     Slice whole(b.get(), 0, -1);
     EXPECT_EQ(Slice(b.get(), 10, -1).getLength(), 0);
 
-    auto e = expectThrows<CInvalidArgError>([&] { Slice(b.get(), 5, 6); });
-    EXPECT_EQ(msg(e), "Invalid argument passed to 'TConstBufferSlice constructor': Invalid start/length.");
-    EXPECT_EQ(e.getProp("start") + "," + e.getProp("length") + "," + e.getProp("bufferSize"), "5,6,10");
-    for (auto range : {std::pair<long long, long long>{11, -1}, {-1, 2}, {2, -2}, {0, 11}, {LLONG_MAX, 1}})
-        expectThrows<CInvalidArgError>([&] { Slice(b.get(), range.first, range.second); });
+    for (auto range : {std::pair<long long, long long>{5, 6}, {11, -1}, {-1, 2}, {2, -2}, {0, 11}, {LLONG_MAX, 1}})
+        EXPECT_EQ(msg(expectThrows<CInvalidArgError>([&] { Slice(b.get(), range.first, range.second); })),
+                  "Invalid argument passed to 'TConstBufferSlice constructor': Invalid start/length.");
 
     EXPECT_EQ(msg(expectThrows<CInvalidArgError>([] { Slice(nullptr, 0, 1); })),
               "Invalid argument passed to 'TConstBufferSlice constructor': Invalid start/length for NULL buffer.");
@@ -213,14 +211,9 @@ TEST(Strings, strictUtf8Decoding)
     EXPECT_EQ(String("\xC3\xA9t\xC3\xA9"), String(L"\u00e9t\u00e9")) << "narrow literals are UTF-8";
 }
 
-TEST(Random, referenceSequenceAndKeyBytesThatDiffer)
+// Key material from the system-seeded generator.
+TEST(Random, keyBytesDifferAndBadSizeRefused)
 {
-    zu::CMTRand reference(5489);
-    std::uint32_t value = 0;
-    for (int i = 0; i < 10000; ++i) value = reference.rand32();
-    EXPECT_EQ(value, 4123659995u) << "the 10000th output of MT19937 with its default seed";
-
-    // Key material from the system-seeded generator.
     unsigned char key1[32], key2[32];
     zu::randData(key1, 32);
     zu::randData(key2, 32);
