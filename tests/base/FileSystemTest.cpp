@@ -1,9 +1,8 @@
 // The same cases on the in-memory and the local file system: open modes and
-// their errors, positional I/O and lock files. (Waiting for a lock and stale
-// lock files are checked between real processes in the lock file tests.)
+// their errors, positional I/O and renames. (Lock files are checked between
+// real processes in the lock file tests, and through disks that keep out a
+// second writer.)
 #include "common/TestUtil.h"
-
-#include "base/CLockFile.h"
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -92,29 +91,6 @@ TEST_P(FileSystemTest, renameReplacesInOneStep)
     auto missing = expectThrows<CFileSystemError>([&] { fs->renameFile(from, to); });
     EXPECT_EQ(missing.getProblem(), CFileSystemError::problemNotFound);
     EXPECT_EQ(missing.getProp("uri"), from.toString(true));
-}
-
-TEST_P(FileSystemTest, lockFileConflictsAndRemoval)
-{
-    CURI lock = uri("disk.vmdk.lock");
-    auto take = [&](CLockFile::LockType type) { return std::make_unique<CLockFile>(fs, lock, type, false, true); };
-    {
-        auto writer = take(CLockFile::lockTypeWrite);
-        auto e = expectThrows<CLockFileError>([&] { take(CLockFile::lockTypeWrite); });
-        EXPECT_EQ(kordtest::msg(e), "The lock file is held by another process.");
-        EXPECT_EQ(e.getProp("uri"), lock.toString(true));
-        EXPECT_EQ(e.getProblem(), CFileSystemError::problemLocked);
-        EXPECT_THROW(take(CLockFile::lockTypeRead), CLockFileError);
-    }
-    EXPECT_FALSE(fs->exists(lock));
-    {
-        auto reader1 = take(CLockFile::lockTypeRead);
-        auto reader2 = take(CLockFile::lockTypeRead);
-        EXPECT_THROW(take(CLockFile::lockTypeWrite), CLockFileError);
-        reader1.reset();
-        EXPECT_TRUE(fs->exists(lock)) << "deleted while another reader held it";
-    }
-    EXPECT_FALSE(fs->exists(lock));
 }
 
 KORD_INSTANTIATE_FS(FileSystemTest);

@@ -83,7 +83,8 @@ TEST_F(LockFileTest, readersShareAcrossProcessesAndWaitersGetTheLock)
 {
     {
         LockHolder reader(uri, CLockFile::lockTypeRead);
-        CLockFile shared(fs, uri, CLockFile::lockTypeRead, false, true);
+        { CLockFile shared(fs, uri, CLockFile::lockTypeRead, false, true); }
+        EXPECT_TRUE(fs->exists(uri)) << "deleted while another reader held it";
         EXPECT_THROW(CLockFile(fs, uri, CLockFile::lockTypeWrite, false, true), CLockFileError);
     }
     // The holder removes the file when it exits; the waiter must then lock
