@@ -1,7 +1,8 @@
-// The bounded cache behind shared grain tables. Eviction order and
-// replacement are checked through the grain-table cache; here what that does
-// not reach: the evicted-entry sink, eviction after a removal, a limit
-// switched back on, and a negative limit.
+// The bounded cache behind shared grain tables: the least recently used
+// entries go first, into the evicted-entry sink; a removed entry is no
+// victim, a known key is replaced without eviction, a limit switched back on
+// applies at once, and a negative limit keeps nothing. (That tables with
+// changes are never evicted is checked with the grain-table cache.)
 #include "base/TMostRecentlyUsedCache.h"
 
 #include "common/TestUtil.h"
@@ -41,6 +42,9 @@ TEST(MRUCache, evictedSinkTakesOldestFirstAndRemovedKeysAreNotVictims)
     evicted->clear();
     EXPECT_EQ(destroyed, 3);
     EXPECT_EQ(cache.get(1)->name + cache.get(5)->name, "15");
+    cache.set(1, zu::newObj<Item>("one")); // a known key is replaced and evicts nothing
+    EXPECT_EQ(cache.getCount(), 2);
+    EXPECT_EQ(cache.get(1)->name + cache.get(5)->name, "one5");
 
     Cache none(-1); // a negative limit keeps nothing, and must not loop on an empty cache
     none.set(1, zu::newObj<Item>("x"));

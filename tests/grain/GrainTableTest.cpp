@@ -1,7 +1,7 @@
 // Grain tables and their cache: entries and slot sizes read and written back
 // to the right sectors (both copies, only where there are copies), the argument
-// checks of setGrainInfo, and the cache's eviction order, which never drops
-// a table with unflushed changes.
+// checks of setGrainInfo, and the cache's eviction, which never drops a table
+// with unflushed changes.
 #include "common/ExtentTestUtil.h"
 
 #include "grain/CVMDKGrainTable.h"
@@ -101,41 +101,20 @@ TEST_P(GrainTableTest, badSetGrainInfoIsRefusedAndChangesNothing)
     makeImage();
     zu::P<kord::CVMDKGrainTable> plain = table(0, 0), slotted = table(0, slotsAt);
     const std::string set = "Invalid argument passed to 'CVMDKGrainTable::setGrainInfo': ";
-    zu::CError e = expectError<zu::CInvalidArgError>([&] { plain->setGrainInfo(512, 1, grainSectors); },
-                                                     set + "Invalid grain index: 512.", -1);
-    EXPECT_EQ(uri("t.bin").toString(true), e.getProp("uri"));
-    expectError<zu::CInvalidArgError>(
-        [&] { plain->setGrainInfo(0, 0, 15); },
-        set + "Invalid grain slot size - it must equal the grain size (slot size: 15, grain size: 16).", -1);
-    e = expectError<zu::CInvalidArgError>([&] { slotted->setGrainInfo(0, 0, 0); }, set + "Invalid grain slot size..",
-                                          -1);
-    EXPECT_EQ("0", e.getProp("slotSizeSectors"));
-    EXPECT_EQ("16", e.getProp("grainSizeSectors"));
-    for (kord::CVMDKGrainTable* t : {plain.get(), slotted.get()}) {
+    const std::tuple<kord::CVMDKGrainTable*, long long, long long, std::string> cases[] = {
+        {plain.get(), 512, grainSectors, "Invalid grain index: 512."},
+        {plain.get(), 0, 15, "Invalid grain slot size - it must equal the grain size (slot size: 15, grain size: 16)."},
+        {slotted.get(), 0, 0, "Invalid grain slot size.."},
+    };
+    for (const auto& [t, index, slot, message] : cases) {
+        zu::CError e = expectError<zu::CInvalidArgError>([&] { t->setGrainInfo(index, 1, slot); }, set + message, -1);
+        EXPECT_EQ(uri("t.bin").toString(true), e.getProp("uri"));
         EXPECT_FALSE(t->hasUnflushedChanges());
         EXPECT_EQ(std::make_pair(0LL, 0LL), info(*t, 0));
     }
 }
 
-// (A limit switched off and on again is checked with the cache underneath.)
-TEST_P(GrainTableTest, cacheEvictsTheLeastRecentlyUsedTable)
-{
-    makeImage();
-    kord::CVMDKGrainTableCache cache(2);
-    auto has = [&](long long n) { return static_cast<bool>(cache.getCachedTable(dirA, n)); };
-    for (long long n : {0, 1, 2}) cache.setCachedTable(dirA, n, spare(n));
-    EXPECT_FALSE(has(0));
-    EXPECT_TRUE(has(2) && has(1)); // the hit makes 1 the most recent
-    cache.setCachedTable(dirA, 3, spare(3));
-    EXPECT_FALSE(has(2));
-    EXPECT_TRUE(has(1) && has(3));
-
-    zu::P<kord::CVMDKGrainTable> replacement = spare(5);
-    cache.setCachedTable(dirA, 1, replacement); // a known key evicts nothing
-    EXPECT_EQ(2, cache.getCachedTableCount());
-    EXPECT_EQ(replacement.get(), cache.getCachedTable(dirA, 1).get());
-}
-
+// (Which clean table goes first is checked with the cache underneath.)
 TEST_P(GrainTableTest, cacheKeepsTablesWithChangesAndFlushesSlotSizesFirst)
 {
     makeImage();
