@@ -1,7 +1,8 @@
 // URIs and paths: the encoded form reads back equal, malformed escapes and
 // invalid Windows names are refused, and the spellings of one file
-// normalise to one form. (How descriptor file names resolve is checked with
-// the file-reference code; names and parents through split disks.)
+// normalise to one form. (Drive paths and UNC names in descriptors are
+// checked with the file-reference code, names and parents through split
+// disks and their lock files.)
 #include "common/TestUtil.h"
 
 #include "base/CURI.h"
@@ -48,8 +49,8 @@ TEST(URITest, spellingsMapToOneForm)
         {windowsPath, "//server/share/x/../..", "\\\\server\\share\\"}, {windowsPath, "a\\b. .\\.\\c", "a\\b\\c"},
         {windowsPath, "\\..\\x", "\\x"}, {windowsPath, "d:..\\x", "D:..\\x"},
         {fromUnix, "/data//x/", "file:///data/x"}, {fromUnix, "sub/x", "sub/x"},
-        {fromWindows, "c:\\vms\\x.vmdk", "file:///C:/vms/x.vmdk"}, {fromWindows, "\\\\server\\share", "file://server/share"},
-        {fromWindows, "\\x.vmdk", "/x.vmdk"}, {fromWindows, "C:x", "C:/x"},
+        {fromWindows, "\\\\server\\share", "file://server/share"}, {fromWindows, "\\x.vmdk", "/x.vmdk"},
+        {fromWindows, "C:x", "C:/x"},
         {normalized, "FILE://SerVer/a/./b//c/", "file://server/a/b/c"}, {normalized, "HTTP://User@HOST:80/x", "http://User@host:80/x"},
         {normalized, "file:///a/../../x", "file:///x"}, {normalized, "a/./..", ""},
         {parent, "file:///data/vm/disk.vmdk?q#f", "file:///data/vm"}, {parent, "file:///", "file:///"},
@@ -58,11 +59,8 @@ TEST(URITest, spellingsMapToOneForm)
         {appended, "../p.vmdk", "file://host/data/vm/../p.vmdk"},
     };
     for (const auto& c : cases) EXPECT_EQ(c.out, c.map(c.in)) << c.in;
-    // A scheme-less UNC name written on Windows reads as authority and path.
-    EXPECT_EQ("file://server/share/x.vmdk", dec(uri("file:///") << uri("\\\\server\\share\\x.vmdk")));
     EXPECT_EQ(uri("file:///data/my%20disk.vmdk").toNormalized(), uri("File:///data/./x/../my disk.vmdk").toNormalized());
     EXPECT_NE(uri("file:/a"), uri("file:///a"));
-    EXPECT_EQ("file:///data/vm/disk.vmdk.lock", dec(CURI(uri("file:///data/vm/"), String("disk.vmdk.lock"))));
 }
 
 TEST(URITest, encodedFormRoundTrips)
