@@ -1,6 +1,7 @@
 // The errno that servers of disks answer with for each kind of failure: the
 // operating system's own where a cause carries it, else one chosen from the
-// error's class and code.
+// error's class and code. (Missing and existing files, a held lock, corrupt
+// data and a bad seek are checked through the Python package's errors.)
 #include "common/TestUtil.h"
 
 #include "base/Errno.h"
@@ -22,13 +23,8 @@ TEST(ErrnoTest, eachErrorGetsItsErrno)
         {"os error that is no number",
          [] { throw zu::CFileSystemError(zu::CFileSystemError::problemNoSpace, "x", zu::CProps().set("osError", "many")); },
          ENOSPC},
-        {"not found", [] { throw zu::CFileSystemError(zu::CFileSystemError::problemNotFound, "x"); }, ENOENT},
-        {"exists", [] { throw zu::CFileSystemError(zu::CFileSystemError::problemAlreadyExists, "x"); }, EEXIST},
         {"denied", [] { throw zu::CFileSystemError(zu::CFileSystemError::problemAccessDenied, "x"); }, EACCES},
-        {"lock", [] { throw zu::CLockFileError("x"); }, EBUSY},
         {"unsupported", [] { throw zu::CFileSystemError(zu::CFileSystemError::problemNotSupported, "x"); }, EOPNOTSUPP},
-        {"corrupt data", [] { throw zu::CIOError(zu::CIOError::codeInvalidData); }, EIO},
-        {"bad seek", [] { throw zu::CIOError(zu::CIOError::codeSeek); }, EINVAL},
         {"closed stream", [] { throw zu::CIOError(zu::CIOError::codeClosed); }, EBADF},
         {"bad argument", [] { throw zu::CInvalidArgError("f", "bad"); }, EINVAL},
         {"wrong password", [] { throw zu::CError("Specified VMDK encryption password is not correct."); }, EIO},
