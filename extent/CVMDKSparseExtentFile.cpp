@@ -324,20 +324,21 @@ void CVMDKSparseExtentFile::checkPreparedGrainOp(bool write)
 
 void CVMDKSparseExtentFile::writePreparedGrainData(const zu::TBuffer<unsigned char>& preparedData)
 {
+    writeWholeGrain(preparedData, false);
+}
+
+void CVMDKSparseExtentFile::writeStoredGrainData(const zu::TBuffer<unsigned char>& data) { writeWholeGrain(data, true); }
+
+void CVMDKSparseExtentFile::writeWholeGrain(const zu::TBuffer<unsigned char>& data, bool stored)
+{
     refuseChangesOfForeignStream();
     checkPreparedGrainOp(true);
     flushIfCacheFull();
     onAboutToChange();
-    grain->writePreparedGrainData(preparedData);
-    position += grainSizeBytes;
-}
-
-void CVMDKSparseExtentFile::writeStoredGrainData(const zu::TBuffer<unsigned char>& data)
-{
-    refuseChangesOfForeignStream();
-    checkPreparedGrainOp(true);
-    onAboutToChange();
-    grain->writeStoredGrainData(data);
+    if (stored)
+        grain->writeStoredGrainData(data);
+    else
+        grain->writePreparedGrainData(data);
     position += grainSizeBytes;
 }
 

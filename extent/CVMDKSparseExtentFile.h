@@ -150,6 +150,9 @@ private:
     void flushIfCacheFull();
     zu::CProps uriProps() const;
     void checkPreparedGrainOp(bool write);
+    // A whole grain at the position, prepared or (stored) in stored form;
+    // flushes first where changed tables keep the cache over its limit.
+    void writeWholeGrain(const zu::TBuffer<unsigned char>& data, bool stored);
 
     zu::P<zu::IIOStream> stream;
     int access;

@@ -8,6 +8,8 @@
 #include "base/CIOError.h"
 #include "base/Endian.h"
 #include "disk/CVMDKDiskIOStream.h"
+#include "grain/CVMDKGrainCipher.h"
+#include "grain/CVMDKGrainTableCache.h"
 
 #include <tuple>
 
@@ -568,6 +570,28 @@ TEST_F(DiskEdgeTest, preparedGrainsCopyBetweenDisksUnchanged)
         }
         EXPECT_TRUE(readAt(*to, 0, 8 * grainBytes) == readAt(*from, 0, 8 * grainBytes)) << type;
     }
+
+    // Grains in stored form (encrypted beside the disk, as parallel
+    // conversions write them) flush changed tables once the cache is over
+    // its limit: one grain in each of four tables, a cache of one.
+    create("stored.vmdk", "monolithicSparse", 4 * 512 * grainSectors, password);
+    {
+        zu::P<kord::CVMDKGrainTableCache> cache = zu::newObj<kord::CVMDKGrainTableCache>(1);
+        zu::P<CVMDKDisk> disk = zu::newObj<CVMDKDisk>(fs, uri("stored.vmdk"), RW,
+                                                      zu::String::fromUTF8(password, std::strlen(password)), -1, cache,
+                                                      nullptr);
+        zu::P<kord::CVMDKGrainCipher> cipher = disk->createGrainCipher();
+        zu::TBuffer<unsigned char> stored;
+        for (long long g : {5, 600, 1100, 1900}) {
+            cipher->encrypt(kordtest::pattern(grainBytes, g).data(), grainBytes, g, stored);
+            disk->seek(g * grainBytes);
+            disk->writeStoredGrainData(stored);
+            EXPECT_LE(cache->getCachedTableCount(), 2) << g;
+        }
+    }
+    for (long long g : {5, 600, 1100, 1900})
+        EXPECT_TRUE(readAt(*open("stored.vmdk", R, password), g * grainBytes, grainBytes) ==
+                    kordtest::pattern(grainBytes, g));
 
     // Prepared grains move only between disks of one grain size: the
     // parent is swapped for one of 64-sector grains with its content ID.
