@@ -108,22 +108,19 @@ compare "sequential read, monolithicSparse" "$K cat sparse.vmdk >/dev/null" \
     "$Q bench -f vmdk -c $((bytes / 1048576)) -d 1 -s 1M -S 1M qsparse.vmdk"
 compare "raw -> monolithicSparse" "$K convert image.raw out.vmdk" "$Q convert -O vmdk image.raw out.vmdk"
 compare "monolithicSparse -> raw" "$K convert -O raw sparse.vmdk out.raw" "$Q convert -O raw qsparse.vmdk out.raw"
-for j in 1 2; do
-    compare "raw -> streamOptimized, -j$j" "$K convert -j $j -t streamOptimized image.raw out.vmdk" \
-        "$Q convert -O vmdk -o subformat=streamOptimized image.raw out.vmdk"
-done
-for j in 1 2; do
-    compare "streamOptimized -> raw, -j$j" "$K convert -j $j -O raw stream.vmdk out.raw" \
-        "$Q convert -O raw qstream.vmdk out.raw"
-done
-for j in 1 2; do
-    compare "encrypted write (raw -> enc.), -j$j" "$K convert -j $j --encrypt image.raw out.vmdk" \
-        "$qluks out.luks 2>/dev/null && break; done; [ -f out.luks ]"
-done
-for j in 1 2; do
-    compare "encrypted read (enc. -> raw), -j$j" "$K convert -j $j -O raw enc.vmdk out.raw" \
-        "$Q convert ${qsecret[*]} --image-opts driver=luks,key-secret=sec0,file.filename=qenc.luks -O raw out.raw"
-done
+# compare_jobs NAME "KORD CONVERT ARGUMENTS" "QEMU COMMAND": one row with
+# one worker and one with two.
+compare_jobs() {
+    local j
+    for j in 1 2; do compare "$1, -j$j" "$K convert -j $j $2" "$3"; done
+}
+compare_jobs "raw -> streamOptimized" "-t streamOptimized image.raw out.vmdk" \
+    "$Q convert -O vmdk -o subformat=streamOptimized image.raw out.vmdk"
+compare_jobs "streamOptimized -> raw" "-O raw stream.vmdk out.raw" "$Q convert -O raw qstream.vmdk out.raw"
+compare_jobs "encrypted write (raw -> enc.)" "--encrypt image.raw out.vmdk" \
+    "$qluks out.luks 2>/dev/null && break; done; [ -f out.luks ]"
+compare_jobs "encrypted read (enc. -> raw)" "-O raw enc.vmdk out.raw" \
+    "$Q convert ${qsecret[*]} --image-opts driver=luks,key-secret=sec0,file.filename=qenc.luks -O raw out.raw"
 # Scattered reads: the same stride pattern through qemu-img bench and the
 # library (one request at a time), and plain pread()s on the raw image.
 for block in 4096 65536; do
