@@ -1,6 +1,7 @@
 #include "extent/CVMDKNullExtentFile.h"
 
 #include "base/CIOError.h"
+#include "extent/VMDKExtentBounds.h"
 #include "format/VMDKMarker.h"
 
 #include <algorithm>
@@ -21,17 +22,13 @@ CVMDKNullExtentFile::CVMDKNullExtentFile(const zu::CURI& uri, long long startGra
 
 void CVMDKNullExtentFile::seek(long long newPosition)
 {
-    if (newPosition < 0 || newPosition > sizeBytes)
-        throw zu::CInvalidArgError("CVMDKNullExtentFile::seek", "Invalid position: " + zu::toString(newPosition),
-                                   uriProps().set("extentSize", sizeBytes));
+    checkExtentSeek(*this, "CVMDKNullExtentFile::seek", newPosition, sizeBytes);
     position = newPosition;
 }
 
 int CVMDKNullExtentFile::read(void* data, int bytes)
 {
-    if (bytes < 0 || position + bytes > sizeBytes)
-        throw zu::CIOError(zu::CIOError::codeEndOfData, "Unexpected end of data reading from VMDK null extent file.",
-                           uriProps().set("bytesToRead", bytes).set("position", position));
+    checkExtentTransfer(*this, "null", position, bytes, sizeBytes);
     if (fallback)
         fallback->getData(diskPosition(), data, bytes);
     else

@@ -7,6 +7,7 @@
 #include "base/Log.h"
 #include "crypto/CDigestType_SHA256.h"
 #include "extent/CVMDKSparseExtentVerifier.h"
+#include "extent/VMDKExtentBounds.h"
 #include "format/VMDKEmptyLayout.h"
 #include "format/VMDKMarker.h"
 #include "format/VMDKStreamFooter.h"
@@ -239,9 +240,7 @@ void CVMDKSparseExtentFile::readStoredGrain(long long extentGrainIndex, long lon
 
 void CVMDKSparseExtentFile::seek(long long newPosition)
 {
-    if (newPosition < 0 || newPosition > sizeBytes)
-        throw zu::CInvalidArgError("CVMDKSparseExtentFile::seek", "Invalid position: " + zu::toString(newPosition),
-                                   uriProps().set("extentSize", sizeBytes));
+    checkExtentSeek(*this, "CVMDKSparseExtentFile::seek", newPosition, sizeBytes);
     position = newPosition;
     if (grain->isOpen() && position / grainSizeBytes == grain->getExtentGrainIndex())
         grain->seek(position % grainSizeBytes);
@@ -269,9 +268,7 @@ long long CVMDKSparseExtentFile::beginIOOp(long long bytes)
 
 int CVMDKSparseExtentFile::read(void* data, int bytes)
 {
-    if (bytes < 0 || position + bytes > sizeBytes)
-        throw zu::CIOError(zu::CIOError::codeEndOfData, "Unexpected end of data reading from VMDK sparse extent file.",
-                           uriProps().set("bytesToRead", bytes).set("position", position));
+    checkExtentTransfer(*this, "sparse", position, bytes, sizeBytes);
     auto* out = static_cast<unsigned char*>(data);
     long long done = 0;
     while (done < bytes) {
@@ -285,9 +282,7 @@ int CVMDKSparseExtentFile::read(void* data, int bytes)
 
 void CVMDKSparseExtentFile::write(const void* data, int bytes)
 {
-    if (bytes < 0 || position + bytes > sizeBytes)
-        throw zu::CIOError(zu::CIOError::codeWrite, "Write exceeded VMDK extent size.",
-                           uriProps().set("bytesToWrite", bytes).set("position", position));
+    checkExtentTransfer(*this, nullptr, position, bytes, sizeBytes);
     refuseChangesOfForeignStream();
     flushIfCacheFull();
     onAboutToChange();
@@ -303,23 +298,14 @@ void CVMDKSparseExtentFile::write(const void* data, int bytes)
 
 void CVMDKSparseExtentFile::checkPreparedGrainOp(bool write)
 {
-    const char* kind = write ? "write" : "read";
-    auto props = [this] {
-        return uriProps().set("extentSize", sizeBytes).set("grainSize", grainSizeBytes).set("position", position);
-    };
-    if (position % grainSizeBytes != 0)
-        throw zu::CIOError(zu::CIOError::codeMisalignedPosition,
-                           "Prepared grain " + zu::String(kind) + " in VMDK extent file can only be done on a grain boundary.",
-                           props());
-    if (position + grainSizeBytes > sizeBytes)
-        throw zu::CIOError(write ? zu::CIOError::codeWrite : zu::CIOError::codeEndOfData,
-                           "Prepared grain " + zu::String(kind) + " exceeds VMDK extent size.", props());
+    checkExtentWholeGrain(*this, write, position, sizeBytes, grainSizeBytes);
     if (beginIOOp(grainSizeBytes) < grainSizeBytes)
         throw zu::CError(write ? "Internal error: CVMDKSparseExtentFile::beginIOOp in "
                                  "CVMDKSparseExtentFile::writePreparedGrainData returned less than the grain size."
                                : "Internal error: CVMDKSparseExtentFile::beginIOOp in "
                                  "CVMDKSparseExtentFile::tryReadPreparedGrainData returned less than the grain size.",
-                         zu::String(), -1, props());
+                         zu::String(), -1,
+                         uriProps().set("extentSize", sizeBytes).set("grainSize", grainSizeBytes).set("position", position));
 }
 
 void CVMDKSparseExtentFile::writePreparedGrainData(const zu::TBuffer<unsigned char>& preparedData)

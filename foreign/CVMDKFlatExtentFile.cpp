@@ -2,6 +2,7 @@
 
 #include "base/CIOError.h"
 #include "base/Log.h"
+#include "extent/VMDKExtentBounds.h"
 #include "format/VMDKMarker.h"
 
 #include <climits>
@@ -40,17 +41,13 @@ CVMDKFlatExtentFile::~CVMDKFlatExtentFile()
 
 void CVMDKFlatExtentFile::seek(long long newPosition)
 {
-    if (newPosition < 0 || newPosition > sizeBytes)
-        throw zu::CInvalidArgError("CVMDKFlatExtentFile::seek", "Invalid position: " + zu::toString(newPosition),
-                                   uriProps().set("extentSize", sizeBytes));
+    checkExtentSeek(*this, "CVMDKFlatExtentFile::seek", newPosition, sizeBytes);
     position = newPosition;
 }
 
 int CVMDKFlatExtentFile::read(void* data, int bytes)
 {
-    if (bytes < 0 || position + bytes > sizeBytes)
-        throw zu::CIOError(zu::CIOError::codeEndOfData, "Unexpected end of data reading from VMDK flat extent file.",
-                           uriProps().set("bytesToRead", bytes).set("position", position));
+    checkExtentTransfer(*this, "flat", position, bytes, sizeBytes);
     stream->seek(offsetSectors * vmdkSectorSize + position);
     stream->read(data, bytes);
     position += bytes;
@@ -69,9 +66,7 @@ void CVMDKFlatExtentFile::beforeChange()
 
 void CVMDKFlatExtentFile::write(const void* data, int bytes)
 {
-    if (bytes < 0 || position + bytes > sizeBytes)
-        throw zu::CIOError(zu::CIOError::codeWrite, "Write exceeded VMDK extent size.",
-                           uriProps().set("bytesToWrite", bytes).set("position", position));
+    checkExtentTransfer(*this, nullptr, position, bytes, sizeBytes);
     beforeChange();
     stream->seek(offsetSectors * vmdkSectorSize + position);
     stream->write(data, bytes);
@@ -91,24 +86,10 @@ zu::P<CVMDKDataPreparer> CVMDKFlatExtentFile::createDataPreparer()
     return zu::newObj<CVMDKDataPreparer>(grainSizeSectors, compressed, compressionLevel);
 }
 
-void CVMDKFlatExtentFile::checkPreparedGrainOp(bool write) const
-{
-    const char* kind = write ? "write" : "read";
-    long long grainBytes = grainSizeSectors * vmdkSectorSize;
-    zu::CProps props = uriProps().set("extentSize", sizeBytes).set("grainSize", grainBytes).set("position", position);
-    if (position % grainBytes != 0)
-        throw zu::CIOError(zu::CIOError::codeMisalignedPosition,
-                           "Prepared grain " + zu::String(kind) + " in VMDK extent file can only be done on a grain boundary.",
-                           props);
-    if (position + grainBytes > sizeBytes)
-        throw zu::CIOError(write ? zu::CIOError::codeWrite : zu::CIOError::codeEndOfData,
-                           "Prepared grain " + zu::String(kind) + " exceeds VMDK extent size.", props);
-}
-
 void CVMDKFlatExtentFile::readPreparedGrainData(zu::TBuffer<unsigned char>& preparedData)
 {
-    checkPreparedGrainOp(false);
     long long grainBytes = grainSizeSectors * vmdkSectorSize;
+    checkExtentWholeGrain(*this, false, position, sizeBytes, grainBytes);
     long long grainIndex = startGrainIndex + position / grainBytes;
     if (!compressed) {
         // The prepared form is the plain bytes.
@@ -123,8 +104,8 @@ void CVMDKFlatExtentFile::readPreparedGrainData(zu::TBuffer<unsigned char>& prep
 
 void CVMDKFlatExtentFile::writePreparedGrainData(const zu::TBuffer<unsigned char>& preparedData)
 {
-    checkPreparedGrainOp(true);
     long long grainBytes = grainSizeSectors * vmdkSectorSize;
+    checkExtentWholeGrain(*this, true, position, sizeBytes, grainBytes);
     if (!compressed && preparedData.getUsed() == grainBytes) {
         write(preparedData.getData(), static_cast<int>(grainBytes));
         return;

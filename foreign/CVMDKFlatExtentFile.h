@@ -60,7 +60,6 @@ public:
 
 private:
     zu::CProps uriProps() const { return zu::CProps().set("uri", stream->getURI().toString(true)); }
-    void checkPreparedGrainOp(bool write) const;
     void beforeChange();
 
     zu::P<zu::IIOStream> stream;
