@@ -362,28 +362,26 @@ void CVMDKGrain::checkPreparedWrite(long long size, bool stored) const
 
 void CVMDKGrain::writePreparedGrainData(const zu::TBuffer<unsigned char>& source)
 {
-    checkPreparedWrite(source.getUsed(), false);
-    dropCachedBuffers();
-    dirty = false;
-    writePreparedGrainDataInternal(source.getData(), source.getUsed(), nullptr, false);
-    posInGrain = grainSize;
+    writeWholeGrain(source.getData(), source.getUsed(), nullptr, false);
 }
 
 void CVMDKGrain::writePreparedGrainDataKeepBuffer(const zu::TConstBufferSlice<unsigned char>& source)
 {
-    checkPreparedWrite(source.getLength(), false);
-    dropCachedBuffers();
-    dirty = false;
-    writePreparedGrainDataInternal(source.getData(), source.getLength(), &source, false);
-    posInGrain = grainSize;
+    writeWholeGrain(source.getData(), source.getLength(), &source, false);
 }
 
 void CVMDKGrain::writeStoredGrainData(const zu::TBuffer<unsigned char>& source)
 {
-    checkPreparedWrite(source.getUsed(), true);
+    writeWholeGrain(source.getData(), source.getUsed(), nullptr, true);
+}
+
+void CVMDKGrain::writeWholeGrain(const unsigned char* source, long long size,
+                                 const zu::TConstBufferSlice<unsigned char>* keep, bool stored)
+{
+    checkPreparedWrite(size, stored);
     dropCachedBuffers();
     dirty = false;
-    writePreparedGrainDataInternal(source.getData(), source.getUsed(), nullptr, true);
+    writePreparedGrainDataInternal(source, size, keep, stored);
     posInGrain = grainSize;
 }
 

@@ -125,6 +125,10 @@ private:
     void storePlain(const unsigned char* plain);
     // stored: the data is in stored form (encrypted where the extent is).
     void checkPreparedWrite(long long size, bool stored) const;
+    // The whole grain replaced by data in prepared or (stored) stored form,
+    // after the checks every whole-grain write makes.
+    void writeWholeGrain(const unsigned char* data, long long size, const zu::TConstBufferSlice<unsigned char>* keep,
+                         bool stored);
     // encrypted: the data is in stored form already.
     void writePreparedGrainDataInternal(const unsigned char* data, long long size,
                                         const zu::TConstBufferSlice<unsigned char>* keep, bool encrypted);
