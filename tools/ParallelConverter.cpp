@@ -1,5 +1,6 @@
 #include "ParallelConverter.h"
 
+#include <algorithm>
 #include <thread>
 
 namespace kordtool {
@@ -7,7 +8,13 @@ namespace kordtool {
 namespace {
 
 // Slots per worker: enough that workers rarely wait for the reader or writer.
-constexpr int slotsPerWorker = 4;
+constexpr int slotsPerWorker = 3;
+// Grains in the whole ring, whatever the number of workers, so that memory
+// stays bounded; runs get shorter as workers are added, down to one grain.
+constexpr int ringGrains = 24;
+constexpr int longestRun = 8;
+
+int runLength(int workers) { return std::max(1, std::min(longestRun, ringGrains / (slotsPerWorker * workers))); }
 
 } // namespace
 
@@ -18,9 +25,11 @@ CParallelConverter::CParallelConverter(IConvertSource& source, CDiskSource* sour
       targetDisk(targetDisk ? targetDisk->getDisk() : nullptr), passPrepared(passPrepared),
       storedInput(this->sourceDisk && (passPrepared || readsStoredGrains(this->sourceDisk))), progress(progress),
       grainBytes(this->targetDisk ? this->targetDisk->getGrainSizeBytes() : this->sourceDisk->getGrainSizeBytes()),
-      grainCount(source.getSizeBytes() / grainBytes), workers(static_cast<size_t>(workerCount)),
+      grainCount(source.getSizeBytes() / grainBytes), runGrains(runLength(workerCount)),
+      runCount((grainCount + runGrains - 1) / runGrains), workers(static_cast<size_t>(workerCount)),
       slots(static_cast<size_t>(workerCount * slotsPerWorker))
 {
+    for (CSlot& slot : slots) slot.grains.resize(static_cast<size_t>(runGrains));
     for (CWorker& worker : workers) {
         if (storedInput) {
             worker.sourcePreparer = this->sourceDisk->createDataPreparer();
@@ -51,8 +60,8 @@ void CParallelConverter::setState(CSlot& slot, State state)
     // Grains are read, taken and written in order, so one waiter of each
     // kind is all a state change can let go on.
     if (state == stateFree) slotFreed.notify_one();
-    if (state == stateRead) grainRead.notify_one();
-    if (state == statePrepared) grainPrepared.notify_one();
+    if (state == stateRead) runRead.notify_one();
+    if (state == statePrepared) runPrepared.notify_one();
 }
 
 void CParallelConverter::fail()
@@ -63,21 +72,26 @@ void CParallelConverter::fail()
         failed = true;
     }
     slotFreed.notify_all();
-    grainRead.notify_all();
-    grainPrepared.notify_all();
+    runRead.notify_all();
+    runPrepared.notify_all();
 }
 
 void CParallelConverter::readGrains()
 {
     try {
-        for (long long index = 0; index < grainCount; ++index) {
-            CSlot& slot = slots[static_cast<size_t>(index) % slots.size()];
+        for (long long run = 0; run < runCount; ++run) {
+            CSlot& slot = slotOf(run);
             {
                 std::unique_lock<std::mutex> lock(mutex);
                 if (!waitFor(slotFreed, lock, [&] { return slot.state == stateFree; })) return;
             }
-            slot.grainIndex = index;
-            readGrain(slot);
+            slot.run = run;
+            slot.count = static_cast<int>(std::min<long long>(runGrains, grainCount - run * runGrains));
+            for (int i = 0; i < slot.count; ++i) {
+                CGrain& grain = slot.grains[static_cast<size_t>(i)];
+                grain.grainIndex = run * runGrains + i;
+                readGrain(grain);
+            }
             setState(slot, stateRead);
         }
     } catch (...) {
@@ -85,17 +99,17 @@ void CParallelConverter::readGrains()
     }
 }
 
-void CParallelConverter::readGrain(CSlot& slot)
+void CParallelConverter::readGrain(CGrain& grain)
 {
-    long long position = slot.grainIndex * grainBytes;
+    long long position = grain.grainIndex * grainBytes;
     if (!storedInput) {
-        slot.plain.setUsed(grainBytes);
-        slot.skip = !source.read(position, slot.plain.getData(), grainBytes);
+        grain.plain.setUsed(grainBytes);
+        grain.skip = !source.read(position, grain.plain.getData(), grainBytes);
         return;
     }
     sourceDisk->seek(position);
-    slot.skip = !sourceDisk->isGrainWritten();
-    if (!slot.skip) slot.encrypted = sourceDisk->readStoredGrainData(slot.input);
+    grain.skip = !sourceDisk->isGrainWritten();
+    if (!grain.skip) grain.encrypted = sourceDisk->readStoredGrainData(grain.input);
 }
 
 void CParallelConverter::prepareGrains(CWorker& worker)
@@ -107,18 +121,21 @@ void CParallelConverter::prepareGrains(CWorker& worker)
             {
                 std::unique_lock<std::mutex> lock(mutex);
                 auto claimable = [&] {
-                    if (nextToPrepare >= grainCount) return true;
-                    const CSlot& next = slots[static_cast<size_t>(nextToPrepare) % slots.size()];
-                    return next.state == stateRead && next.grainIndex == nextToPrepare;
+                    if (nextToPrepare >= runCount) return true;
+                    const CSlot& next = slotOf(nextToPrepare);
+                    return next.state == stateRead && next.run == nextToPrepare;
                 };
-                if (!waitFor(grainRead, lock, claimable) || nextToPrepare >= grainCount) return;
-                slot = &slots[static_cast<size_t>(nextToPrepare++) % slots.size()];
+                if (!waitFor(runRead, lock, claimable) || nextToPrepare >= runCount) return;
+                slot = &slotOf(nextToPrepare++);
                 slot->state = statePreparing;
-                tookLast = nextToPrepare >= grainCount;
+                tookLast = nextToPrepare >= runCount;
             }
-            // The last grain taken: the other workers wait for nothing more.
-            if (tookLast) grainRead.notify_all();
-            if (!slot->skip) prepareGrain(worker, *slot);
+            // The last run taken: the other workers wait for nothing more.
+            if (tookLast) runRead.notify_all();
+            for (int i = 0; i < slot->count; ++i) {
+                CGrain& grain = slot->grains[static_cast<size_t>(i)];
+                if (!grain.skip) prepareGrain(worker, grain);
+            }
             setState(*slot, statePrepared);
         }
     } catch (...) {
@@ -126,52 +143,58 @@ void CParallelConverter::prepareGrains(CWorker& worker)
     }
 }
 
-const zu::TBuffer<unsigned char>& CParallelConverter::expand(CWorker& worker, CSlot& slot)
+const zu::TBuffer<unsigned char>& CParallelConverter::expand(CWorker& worker, CGrain& grain)
 {
-    if (!storedInput || !worker.sourcePreparer->doesAnything()) return storedInput ? slot.input : slot.plain;
-    slot.plain.setUsed(grainBytes);
-    worker.sourcePreparer->unprepareGrainData(slot.input.getData(), slot.input.getUsed(), slot.plain.getData());
-    return slot.plain;
+    if (!storedInput || !worker.sourcePreparer->doesAnything()) return storedInput ? grain.input : grain.plain;
+    grain.plain.setUsed(grainBytes);
+    worker.sourcePreparer->unprepareGrainData(grain.input.getData(), grain.input.getUsed(), grain.plain.getData());
+    return grain.plain;
 }
 
-void CParallelConverter::prepareGrain(CWorker& worker, CSlot& slot)
+void CParallelConverter::prepareGrain(CWorker& worker, CGrain& grain)
 {
-    if (slot.encrypted) worker.sourceCipher->decrypt(slot.input, slot.grainIndex);
-    const zu::TBuffer<unsigned char>* out = &slot.input;
+    if (grain.encrypted) worker.sourceCipher->decrypt(grain.input, grain.grainIndex);
+    const zu::TBuffer<unsigned char>* out = &grain.input;
     if (passPrepared) {
         // Uncompressed prepared data is the plain grain: zeros can be seen.
-        slot.skip = !worker.targetPreparer->doesAnything() && isAllZero(slot.input.getData(), slot.input.getUsed());
+        grain.skip = !worker.targetPreparer->doesAnything() && isAllZero(grain.input.getData(), grain.input.getUsed());
     } else {
-        out = &expand(worker, slot);
-        slot.skip = isAllZero(out->getData(), grainBytes);
-        if (!slot.skip && targetDisk && worker.targetPreparer->doesAnything()) {
-            worker.targetPreparer->prepareGrainData(out->getData(), grainBytes, slot.grainIndex, slot.prepared);
-            out = &slot.prepared;
+        out = &expand(worker, grain);
+        grain.skip = isAllZero(out->getData(), grainBytes);
+        if (!grain.skip && targetDisk && worker.targetPreparer->doesAnything()) {
+            worker.targetPreparer->prepareGrainData(out->getData(), grainBytes, grain.grainIndex, grain.prepared);
+            out = &grain.prepared;
         }
     }
-    if (!slot.skip && worker.targetCipher) {
-        worker.targetCipher->encrypt(out->getData(), out->getUsed(), slot.grainIndex, slot.stored);
-        out = &slot.stored;
+    if (!grain.skip && worker.targetCipher) {
+        worker.targetCipher->encrypt(out->getData(), out->getUsed(), grain.grainIndex, grain.stored);
+        out = &grain.stored;
     }
-    slot.output = out;
+    grain.output = out;
 }
 
 void CParallelConverter::writeGrains()
 {
-    for (long long index = 0; index < grainCount; ++index) {
-        CSlot& slot = slots[static_cast<size_t>(index) % slots.size()];
+    for (long long run = 0; run < runCount; ++run) {
+        CSlot& slot = slotOf(run);
         {
             std::unique_lock<std::mutex> lock(mutex);
-            if (!waitFor(grainPrepared, lock, [&] { return slot.state == statePrepared; })) return;
+            if (!waitFor(runPrepared, lock, [&] { return slot.state == statePrepared; })) return;
         }
-        if (!slot.skip && targetDisk) {
-            targetDisk->seek(index * grainBytes);
-            targetDisk->writeStoredGrainData(*slot.output);
-        } else if (!slot.skip) {
-            target.write(index * grainBytes, slot.output->getData(), grainBytes);
-        }
+        for (int i = 0; i < slot.count; ++i) writeGrain(slot.grains[static_cast<size_t>(i)]);
         setState(slot, stateFree);
-        progress.update((index + 1) * grainBytes, source.getSizeBytes());
+        progress.update((run * runGrains + slot.count) * grainBytes, source.getSizeBytes());
+    }
+}
+
+void CParallelConverter::writeGrain(const CGrain& grain)
+{
+    if (grain.skip) return;
+    if (targetDisk) {
+        targetDisk->seek(grain.grainIndex * grainBytes);
+        targetDisk->writeStoredGrainData(*grain.output);
+    } else {
+        target.write(grain.grainIndex * grainBytes, grain.output->getData(), grainBytes);
     }
 }
 

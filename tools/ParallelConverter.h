@@ -12,9 +12,11 @@
 // grains look alike, prepared grains pass without being inflated and
 // deflated again. A raw image takes the plain bytes.
 //
-// Grains travel in a fixed ring of slots, each with its own buffers, so the
-// steady state allocates nothing; a slot is reused once its grain is
-// written, which also bounds how far reading runs ahead of writing.
+// Grains travel in runs of consecutive grains through a fixed ring of
+// slots, each grain with its own buffers, so the steady state allocates
+// nothing; a slot is reused once its run is written, which also bounds how
+// far reading runs ahead of writing. Handing a run between threads costs
+// one wake-up, where a grain at a time cost more than the work on it.
 #pragma once
 
 #include "ConvertEndpoints.h"
@@ -48,7 +50,7 @@ public:
 
 private:
     enum State { stateFree, stateRead, statePreparing, statePrepared };
-    struct CSlot {
+    struct CGrain {
         zu::TBuffer<unsigned char> input;
         zu::TBuffer<unsigned char> plain;
         zu::TBuffer<unsigned char> prepared;
@@ -59,6 +61,12 @@ private:
         // input holds the grain encrypted.
         bool encrypted = false;
         bool skip = false;
+    };
+    // A run of consecutive grains: those of run `run`.
+    struct CSlot {
+        std::vector<CGrain> grains;
+        long long run = -1;
+        int count = 0;
         State state = stateFree;
     };
     // What one worker thread uses, its own.
@@ -70,12 +78,14 @@ private:
     };
 
     void readGrains();
-    void readGrain(CSlot& slot);
+    void readGrain(CGrain& grain);
     void prepareGrains(CWorker& worker);
-    void prepareGrain(CWorker& worker, CSlot& slot);
-    // The slot's grain in plain form (its input or its plain buffer).
-    const zu::TBuffer<unsigned char>& expand(CWorker& worker, CSlot& slot);
+    void prepareGrain(CWorker& worker, CGrain& grain);
+    // The grain in plain form (its input or its plain buffer).
+    const zu::TBuffer<unsigned char>& expand(CWorker& worker, CGrain& grain);
     void writeGrains();
+    void writeGrain(const CGrain& grain);
+    CSlot& slotOf(long long run) { return slots[static_cast<size_t>(run % static_cast<long long>(slots.size()))]; }
     // Waits on `signal` until `ready` holds or a thread failed; false on
     // failure.
     template <class Ready>
@@ -92,16 +102,17 @@ private:
     CProgress& progress;
     long long grainBytes;
     long long grainCount;
+    int runGrains;
+    long long runCount;
     std::vector<CWorker> workers;
     std::vector<CSlot> slots;
 
-    // One signal per kind of waiter, so that a handed-on grain wakes only
-    // the thread that takes it next (a shared signal woke every thread for
-    // every grain, and the wake-ups cost more than the work on two cores).
+    // One signal per kind of waiter, so that a handed-on run wakes only the
+    // thread that takes it next.
     std::mutex mutex;
     std::condition_variable slotFreed;   // the reader waits for a free slot
-    std::condition_variable grainRead;   // the workers wait for the next grain
-    std::condition_variable grainPrepared; // the writer waits for its grain
+    std::condition_variable runRead;     // the workers wait for the next run
+    std::condition_variable runPrepared; // the writer waits for its run
     long long nextToPrepare = 0;
     bool failed = false;
     std::exception_ptr error;
