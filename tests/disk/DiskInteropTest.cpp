@@ -5,8 +5,6 @@
 // missing.
 #include "DiskTestUtil.h"
 
-#include "disk/CVMDKChecker.h"
-
 #include <random>
 
 using namespace disktest;
@@ -59,7 +57,7 @@ void expectKordReads(zu::IFileSystem* fs, const std::string& image, const Mirror
         ASSERT_TRUE(readAt(*disk, pos, n) == mirror.read(pos, n)) << image << " at " << pos;
     }
     disk = nullptr;
-    EXPECT_TRUE(kord::CVMDKChecker(fs, fileURI(image), zu::String()).check().empty()) << image;
+    EXPECT_TRUE(findingKinds(fs, fileURI(image)).empty()) << image;
 }
 
 // Writes through qemu-io of {pattern byte, offset, length}, mirrored into
@@ -97,17 +95,13 @@ void kordFill(CVMDKDisk& disk, Mirror& mirror, unsigned seed)
     }
 }
 
-class DiskInteropTest : public testing::Test {
+class DiskInteropTest : public DiskFolderTest {
 protected:
     void SetUp() override
     {
         if (!kordtest::haveTool("qemu-img") || !kordtest::haveTool("qemu-io"))
             GTEST_SKIP() << "qemu-img or qemu-io is not installed (package qemu-utils): interop not checked";
     }
-    std::string path(const std::string& name) const { return temp.file(name); }
-
-    kordtest::TempDir temp;
-    zu::P<zu::IFileSystem> fs = zu::newObj<zu::CLocalFileSystem>();
 };
 
 class KordDiskInteropTest : public DiskInteropTest, public testing::WithParamInterface<std::string> {};

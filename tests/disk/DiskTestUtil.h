@@ -6,6 +6,7 @@
 #include "common/TestUtil.h"
 
 #include "descriptor/CVMDKDescriptorAccessor.h"
+#include "disk/CVMDKChecker.h"
 #include "disk/CVMDKDisk.h"
 #include "format/CVMDKLowLevelFileStream.h"
 
@@ -31,6 +32,7 @@ constexpr long long splitSectors = CVMDKDisk::maxSplitExtentSectors;
 constexpr const char* password = "pässwörd";
 
 inline zu::CURI fileURI(const std::string& path) { return zu::CLocalFileSystem::pathToURI(zu::String(path)); }
+inline zu::String zuText(const std::string& text) { return zu::String::fromUTF8(text.data(), text.size()); }
 
 inline CVMDKDisk::CCreateParams params(const std::string& type, long long capacitySectors,
                                        const std::string& pass = std::string(), const zu::CURI& parent = zu::CURI())
@@ -38,7 +40,7 @@ inline CVMDKDisk::CCreateParams params(const std::string& type, long long capaci
     CVMDKDisk::CCreateParams p;
     p.createType = zu::String(type);
     p.capacitySectors = capacitySectors;
-    p.password = zu::String::fromUTF8(pass.data(), pass.size());
+    p.password = zuText(pass);
     p.parentURI = parent;
     return p;
 }
@@ -46,8 +48,25 @@ inline CVMDKDisk::CCreateParams params(const std::string& type, long long capaci
 inline zu::P<CVMDKDisk> openDisk(zu::IFileSystem* fs, const zu::CURI& uri, int access,
                                  const std::string& pass = std::string())
 {
-    return zu::newObj<CVMDKDisk>(fs, uri, access, zu::String::fromUTF8(pass.data(), pass.size()), -1, nullptr,
-                                 nullptr);
+    return zu::newObj<CVMDKDisk>(fs, uri, access, zuText(pass), -1, nullptr, nullptr);
+}
+
+// The checker's findings, by kind name.
+inline std::vector<std::string> findingKinds(zu::IFileSystem* fs, const zu::CURI& uri, const std::string& pass = "")
+{
+    std::vector<std::string> out;
+    for (const auto& f : kord::CVMDKChecker(fs, uri, zuText(pass)).check())
+        out.push_back(kord::CVMDKChecker::getKindName(f.kind));
+    return out;
+}
+
+// A single-file disk's extent read through the library, to find where to patch.
+inline zu::P<kord::CVMDKSparseExtentFile> inspectExtent(zu::IFileSystem* fs, const zu::CURI& uri)
+{
+    return zu::newObj<kord::CVMDKSparseExtentFile>(kord::openVMDKFileStream(fs, uri, R), R, 0, -1,
+                                                   zu::newObj<kord::CVMDKGrainTableCache>(64), nullptr, nullptr,
+                                                   nullptr, zu::TCryptBuffer<unsigned char>(),
+                                                   zu::TBuffer<unsigned char>());
 }
 
 inline void writeAt(CVMDKDisk& disk, long long position, const Bytes& data)
@@ -167,5 +186,24 @@ inline std::string replaced(std::string text, const std::string& from, const std
     if (at != std::string::npos) text.replace(at, from.size(), to);
     return text;
 }
+
+// Disks in a fresh folder of the local file system, named by file name.
+class DiskFolderTest : public testing::Test {
+protected:
+    std::string path(const std::string& name) const { return temp.file(name); }
+    zu::CURI uri(const std::string& name) const { return fileURI(temp.file(name)); }
+    zu::P<CVMDKDisk> create(const std::string& name, const std::string& type, long long sectors,
+                            const std::string& pass = "", const std::string& parent = "")
+    {
+        return CVMDKDisk::create(fs, uri(name), params(type, sectors, pass, parent.empty() ? zu::CURI() : uri(parent)));
+    }
+    zu::P<CVMDKDisk> open(const std::string& name, int access, const std::string& pass = "")
+    {
+        return openDisk(fs, uri(name), access, pass);
+    }
+
+    kordtest::TempDir temp;
+    zu::P<zu::IFileSystem> fs = zu::newObj<zu::CLocalFileSystem>();
+};
 
 } // namespace disktest

@@ -7,7 +7,6 @@
 #include "DiskTestUtil.h"
 
 #include "common/ExtentTestUtil.h"
-#include "disk/CVMDKChecker.h"
 
 #include <sys/stat.h>
 
@@ -43,17 +42,11 @@ std::string outcome(const std::function<void()>& action)
     }
 }
 
-class HostileDiskTest : public testing::Test {
+class HostileDiskTest : public DiskFolderTest {
 protected:
-    std::string path(const std::string& name) const { return temp.file(name); }
-    zu::CURI uri(const std::string& name) const { return fileURI(temp.file(name)); }
-
     Bytes file(const std::string& name) { return kordtest::readAll(fs, uri(name)); }
     void putBytes(const std::string& name, const Bytes& bytes) { kordtest::writeAll(fs, uri(name), bytes); }
-    void patch(const std::string& name, long long offset, const Bytes& bytes)
-    {
-        kordtest::patchFile(fs, uri(name), offset, bytes);
-    }
+    void patch(const std::string& name, long long offset, const Bytes& bytes) { kordtest::patchFile(fs, uri(name), offset, bytes); }
     long long field(const std::string& name, long long offset) { return kordtest::fileLE64(file(name), offset); }
     unsigned entry(const std::string& name, long long offset) { return kordtest::fileLE32(file(name), offset); }
     // Sector of grain table t, from the primary or redundant directory.
@@ -75,8 +68,7 @@ protected:
     // A disk with data in grains 0 and 1 (incompressible) and 700.
     void make(const std::string& type, long long sectors = capacitySectors, const std::string& parent = "")
     {
-        CVMDKDisk::CCreateParams p = params(type, parent.empty() ? sectors : 0, "", parent.empty() ? zu::CURI() : uri(parent));
-        zu::P<CVMDKDisk> disk = CVMDKDisk::create(fs, uri("d.vmdk"), p);
+        zu::P<CVMDKDisk> disk = create("d.vmdk", type, parent.empty() ? sectors : 0, "", parent);
         mirror = std::make_unique<Mirror>(disk->getDiskSizeBytes());
         for (auto [pos, data] : {std::pair{0LL, kordtest::pattern(2 * grainBytes, 1)},
                                  std::pair{700 * grainBytes + 100, Bytes(5000, 7)}}) {
@@ -107,17 +99,14 @@ protected:
         disk.flushChanges();
     }
 
+    // The folder's files but the lock files.
     std::map<std::string, std::string> files()
     {
         std::map<std::string, std::string> out = snapshot(temp.path());
-        for (auto it = out.begin(); it != out.end();)
-            it = it->first.size() > 5 && it->first.compare(it->first.size() - 5, 5, ".lock") == 0 ? out.erase(it)
-                                                                                                 : std::next(it);
+        for (auto it = out.begin(); it != out.end();) it = it->first.find(".lock") != std::string::npos ? out.erase(it) : std::next(it);
         return out;
     }
 
-    kordtest::TempDir temp;
-    zu::P<zu::IFileSystem> fs = zu::newObj<zu::CLocalFileSystem>();
     std::unique_ptr<Mirror> mirror;
 };
 
@@ -167,7 +156,7 @@ TEST_F(HostileDiskTest, refusedWhereDamagedAndCheckAgrees)
         // A trail found inside the metadata: new grains still go behind it.
         {"trailInMetadata",
          [&] {
-             CVMDKDisk::create(fs, uri(d), params(stream, capacitySectors));
+             create(d, stream, capacitySectors);
              mirror = std::make_unique<Mirror>(capacitySectors * sector);
              Bytes f = file(d);
              const long long grainArea = kordtest::fileLE64(f, hdrOverHead) * sector;
@@ -202,10 +191,7 @@ TEST_F(HostileDiskTest, refusedWhereDamagedAndCheckAgrees)
         {"compressedSlotZero",
          [&] {
              make(stream);
-             zu::P<kord::CVMDKSparseExtentFile> extent = zu::newObj<kord::CVMDKSparseExtentFile>(
-                 kord::openVMDKFileStream(fs, uri(d), R), R, 0, -1, zu::newObj<kord::CVMDKGrainTableCache>(64),
-                 nullptr, nullptr, nullptr, zu::TCryptBuffer<unsigned char>(), zu::TBuffer<unsigned char>());
-             patch(d, extent->getGrainDirectory()->getSlotSizeDirectory()[0] * sector + 2, {0, 0});
+             patch(d, inspectExtent(fs, uri(d))->getGrainDirectory()->getSlotSizeDirectory()[0] * sector + 2, {0, 0});
          },
          "VMDK grain table entry has a slot too small for its grain."},
         {"compressedDataGarbage", [&] { make(stream), patch(d, grainPos(d, 1) * sector + 20, Bytes(64, 0xFF)); },
@@ -234,7 +220,7 @@ TEST_F(HostileDiskTest, refusedWhereDamagedAndCheckAgrees)
          "Cannot open the file: it is a FIFO, not a regular file."},
         {"fifoParent",
          [&] {
-             CVMDKDisk::create(fs, uri("p.vmdk"), params(sparse, capacitySectors));
+             create("p.vmdk", sparse, capacitySectors);
              make(sparse, 0, "p.vmdk");
              fifo("p.vmdk");
          },
