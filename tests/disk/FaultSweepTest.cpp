@@ -20,7 +20,6 @@
 #include "DiskTestUtil.h"
 
 #include "common/CFaultFileSystem.h"
-#include "disk/CVMDKChecker.h"
 #include "disk/CVMDKPasswordChange.h"
 
 #include <cstdlib>
@@ -53,12 +52,19 @@ struct CScenario {
 };
 
 struct CFigures {
-    long long runs = 0;
-    long long checks = 0;
-    long long unopenable = 0;
-    long long dataLost = 0;
-    long long unexpectedFindings = 0;
-    long long failedRetries = 0;
+    long long runs = 0, checks = 0, unopenable = 0, dataLost = 0, unexpectedFindings = 0, failedRetries = 0;
+
+    void add(const CFigures& f)
+    {
+        runs += f.runs, checks += f.checks, unopenable += f.unopenable, dataLost += f.dataLost;
+        unexpectedFindings += f.unexpectedFindings, failedRetries += f.failedRetries;
+    }
+    void print(const std::string& what) const
+    {
+        std::cout << what << runs << " runs, " << checks << " checks, " << dataLost << " data lost, " << unopenable
+                  << " unopenable, " << unexpectedFindings << " unexpected findings, " << failedRetries
+                  << " failed retries" << std::endl;
+    }
 };
 
 Bytes compressibleData(size_t bytes, unsigned seed)
@@ -71,6 +77,16 @@ Bytes compressibleData(size_t bytes, unsigned seed)
 
 const zu::CURI diskURI{zu::String("file:///sweep/disk.vmdk")};
 const zu::CURI parentURI{zu::String("file:///sweep/parent.vmdk")};
+
+// Whether f returns true without an error.
+bool succeeds(const std::function<bool()>& f)
+{
+    try {
+        return f();
+    } catch (const zu::CError&) {
+        return false;
+    }
+}
 
 bool allowedAfterFault(CVMDKChecker::Kind kind)
 {
@@ -126,15 +142,13 @@ public:
     // Runs the workload; returns false when it failed.
     bool runWorkload(zu::IFileSystem* fs) const
     {
-        try {
+        return succeeds([&] {
             zu::P<kord::CVMDKGrainTableCache> cache = zu::newObj<kord::CVMDKGrainTableCache>(scenario.cacheLimit);
-            zu::P<CVMDKDisk> disk = zu::newObj<CVMDKDisk>(fs, diskURI, RW, zu::String::fromUTF8(scenario.pass.data(), scenario.pass.size()), -1, cache, nullptr);
+            zu::P<CVMDKDisk> disk = zu::newObj<CVMDKDisk>(fs, diskURI, RW, zuText(scenario.pass), -1, cache, nullptr);
             for (const CWrite& w : scenario.writes) writeAt(*disk, w.position, w.data);
             disk->flushChanges();
             return true;
-        } catch (const zu::CError&) {
-            return false;
-        }
+        });
     }
 
     long long countCalls()
@@ -194,7 +208,7 @@ private:
 
     std::vector<CVMDKChecker::CFinding> findings(zu::IFileSystem* fs) const
     {
-        return CVMDKChecker(fs, diskURI, zu::String::fromUTF8(scenario.pass.data(), scenario.pass.size())).check();
+        return CVMDKChecker(fs, diskURI, zuText(scenario.pass)).check();
     }
 
     void check(const CFaultFileSystem::Files& after, const std::string& where)
@@ -253,58 +267,35 @@ std::vector<CScenario> scenarios()
                                         {3 * grainBytes, text},
                                         {10 * grainBytes, random},
                                         {grainBytes + 5, Bytes(700, 0x55)}};
+    auto scenario = [&](const std::string& name, const std::string& type, const std::string& pass,
+                        const std::vector<CWrite>& oldWrites, const std::vector<CWrite>& moreWrites = {}) {
+        CScenario s;
+        s.name = name, s.type = type, s.pass = pass, s.oldWrites = oldWrites, s.writes = writes;
+        s.writes.insert(s.writes.end(), moreWrites.begin(), moreWrites.end());
+        return s;
+    };
     std::vector<CScenario> out;
-    CScenario s;
-    s.name = "monolithicSparse";
-    s.type = "monolithicSparse";
-    s.capacitySectors = 3 * 512 * grainSectors;
-    s.oldWrites = old;
-    s.oldWrites.push_back({600 * grainBytes, random});
-    s.writes = writes;
     // Tables of three grain tables in a cache of one: they are written before the final flush.
-    s.writes.push_back({601 * grainBytes - 10, text});
-    s.writes.push_back({1100 * grainBytes, random});
-    s.cacheLimit = 1;
-    out.push_back(s);
-
-    s = CScenario();
-    s.name = "twoGbMaxExtentSparse on demand";
-    s.type = "twoGbMaxExtentSparse";
-    s.onDemand = true;
-    s.capacitySectors = splitSectors + 64 * grainSectors;
-    s.oldWrites = old;
-    s.writes = writes;
-    s.writes.push_back({splitSectors * sector - 3000, kordtest::pattern(grainBytes, 5)}); // makes the second file
-    out.push_back(s);
-
-    s = CScenario();
-    s.name = "streamOptimized";
-    s.type = "streamOptimized";
-    s.oldWrites = {{0, compressibleData(4 * grainBytes, 6)}};
-    s.writes = writes;
-    out.push_back(s);
-
-    s.name = "streamOptimized encrypted";
-    s.pass = password;
-    out.push_back(s);
-
-    s = CScenario();
-    s.name = "monolithicSparse encrypted";
-    s.type = "monolithicSparse";
-    s.pass = password;
-    s.oldWrites = old;
-    s.writes = writes;
-    out.push_back(s);
-
-    s = CScenario();
-    s.name = "delta";
-    s.type = "monolithicSparse";
-    s.delta = true;
-    s.parentWrites = {{0, kordtest::pattern(6 * grainBytes, 7)}};
-    s.oldWrites = {{2 * grainBytes + 100, Bytes(300, 0x22)}};
-    s.writes = writes;
-    s.writes.push_back({4 * grainBytes, Bytes(grainBytes, 0)}); // zeros over the parent's grain
-    out.push_back(s);
+    std::vector<CWrite> oldAndFar = old;
+    oldAndFar.push_back({600 * grainBytes, random});
+    out.push_back(scenario("monolithicSparse", "monolithicSparse", "", oldAndFar,
+                           {{601 * grainBytes - 10, text}, {1100 * grainBytes, random}}));
+    out.back().capacitySectors = 3 * 512 * grainSectors;
+    out.back().cacheLimit = 1;
+    // The last write makes the second file.
+    out.push_back(scenario("twoGbMaxExtentSparse on demand", "twoGbMaxExtentSparse", "", old,
+                           {{splitSectors * sector - 3000, kordtest::pattern(grainBytes, 5)}}));
+    out.back().onDemand = true;
+    out.back().capacitySectors = splitSectors + 64 * grainSectors;
+    const std::vector<CWrite> compressible = {{0, compressibleData(4 * grainBytes, 6)}};
+    out.push_back(scenario("streamOptimized", "streamOptimized", "", compressible));
+    out.push_back(scenario("streamOptimized encrypted", "streamOptimized", password, compressible));
+    out.push_back(scenario("monolithicSparse encrypted", "monolithicSparse", password, old));
+    // Zeros over the parent's grain.
+    out.push_back(scenario("delta", "monolithicSparse", "", {{2 * grainBytes + 100, Bytes(300, 0x22)}},
+                           {{4 * grainBytes, Bytes(grainBytes, 0)}}));
+    out.back().delta = true;
+    out.back().parentWrites = {{0, kordtest::pattern(6 * grainBytes, 7)}};
     return out;
 }
 
@@ -335,20 +326,10 @@ TEST(FaultSweep, everyFaultLeavesOldOrNewAndARetrySucceeds)
                 sweep.run(call, fault,
                           full ? std::vector<unsigned>{0, 1, 2, 3, 4, 5, 6, 7} : std::vector<unsigned>{0, 2, 3, 4});
         }
-        const CFigures& f = sweep.getFigures();
-        std::cout << scenario.name << ": " << calls << " calls, " << f.runs << " runs, " << f.checks << " checks, "
-                  << f.dataLost << " data lost, " << f.unopenable << " unopenable, " << f.unexpectedFindings
-                  << " unexpected findings, " << f.failedRetries << " failed retries" << std::endl;
-        total.runs += f.runs;
-        total.checks += f.checks;
-        total.dataLost += f.dataLost;
-        total.unopenable += f.unopenable;
-        total.unexpectedFindings += f.unexpectedFindings;
-        total.failedRetries += f.failedRetries;
+        sweep.getFigures().print(scenario.name + ": " + std::to_string(calls) + " calls, ");
+        total.add(sweep.getFigures());
     }
-    std::cout << "total: " << total.runs << " runs, " << total.checks << " checks, " << total.dataLost
-              << " data lost, " << total.unopenable << " unopenable, " << total.unexpectedFindings
-              << " unexpected findings, " << total.failedRetries << " failed retries" << std::endl;
+    total.print("total: ");
 }
 
 // The password of an encrypted chain, changed with each call failing or
@@ -367,19 +348,13 @@ TEST(FaultSweep, passwordChangeOfAChainOpensWithOldOrNewAndARerunFinishes)
     expected.resize(4 * grainBytes);
     std::copy(data.begin(), data.end(), expected.begin() + grainBytes);
     const auto change = [&](zu::IFileSystem* fs) {
-        try {
+        return succeeds([&] {
             kord::CVMDKPasswordChange(fs, diskURI, oldPassword, newPassword).run();
             return true;
-        } catch (const zu::CError&) {
-            return false;
-        }
+        });
     };
     const auto opensWith = [&](zu::IFileSystem* fs, const std::string& pass) {
-        try {
-            return readAt(*openDisk(fs, diskURI, R, pass), 0, 4 * grainBytes) == expected;
-        } catch (const zu::CError&) {
-            return false;
-        }
+        return succeeds([&] { return readAt(*openDisk(fs, diskURI, R, pass), 0, 4 * grainBytes) == expected; });
     };
     zu::P<CFaultFileSystem> counting = zu::newObj<CFaultFileSystem>(files);
     ASSERT_TRUE(change(counting));
