@@ -4,6 +4,8 @@
 // is checked with the disk matrix and interop tests.
 #include "DiskTestUtil.h"
 
+#include "common/ExtentTestUtil.h"
+
 namespace {
 
 using namespace disktest;
@@ -44,25 +46,10 @@ protected:
     }
 
     zu::P<kord::CVMDKSparseExtentFile> extent(const std::string& name) { return inspectExtent(fs, uri(name)); }
-    long long grainPos(const std::string& name, long long grain)
-    {
-        long long pos = 0, slot = 0;
-        extent(name)->getGrainInfo(grain, pos, slot);
-        return pos;
-    }
+    long long grainPos(const std::string& name, long long grain) { return kordtest::grainPos(*extent(name), grain); }
     // The sector of the first grain table, from the primary directory.
     unsigned firstTable(const std::string& name) { return extent(name)->getGrainDirectory()->getEntries()[0]; }
 
-    // Points a grain's entry elsewhere in the redundant grain table and,
-    // unless told otherwise, in the primary one too.
-    void patchGrainEntry(const std::string& name, long long grain, long long posSectors, bool bothCopies = true)
-    {
-        zu::P<kord::CVMDKGrainDirectory> directory = extent(name)->getGrainDirectory();
-        const long long offset = grain % 512 * 4;
-        const Bytes entry = le32(static_cast<unsigned>(posSectors));
-        patch(name, directory->getRedundantEntries()[grain / 512] * sector + offset, entry);
-        if (bothCopies) patch(name, directory->getEntries()[grain / 512] * sector + offset, entry);
-    }
 };
 
 TEST_P(CheckerTest, findsEachKindOfDamage)
@@ -95,10 +82,10 @@ TEST_P(CheckerTest, findsEachKindOfDamage)
          },
          "refused", "Invalid magic number in VMDK sparse header",
          {{"uri", uri("split-s002.vmdk").toNormalized().toString(true).toUTF8()}}},
-        {"metadata", sparse, [&](auto& n) { patchGrainEntry(n, 1, 2); }, "grainInMetadata"},
-        {"end", sparse, [&](auto& n) { patchGrainEntry(n, 1, fs->getFileSize(uri(n)) / 512 - 1); }, "grainPastEnd"},
-        {"overlap", sparse, [&](auto& n) { patchGrainEntry(n, 1, grainPos(n, 0) + 1); }, "grainsOverlap"},
-        {"copy", sparse, [&](auto& n) { patchGrainEntry(n, 700, 0, false); }, "directoriesDisagree", "",
+        {"metadata", sparse, [&](auto& n) { patchGrainEntry(fs, uri(n), 1, 2); }, "grainInMetadata"},
+        {"end", sparse, [&](auto& n) { patchGrainEntry(fs, uri(n), 1, fs->getFileSize(uri(n)) / 512 - 1); }, "grainPastEnd"},
+        {"overlap", sparse, [&](auto& n) { patchGrainEntry(fs, uri(n), 1, grainPos(n, 0) + 1); }, "grainsOverlap"},
+        {"copy", sparse, [&](auto& n) { patchGrainEntry(fs, uri(n), 700, 0, false); }, "directoriesDisagree", "",
          {{"grainIndex", "700"}, {"differingEntries", "1"}}},
         {"directory", sparse, [&](auto& n) { patch(n, extent(n)->getHeader().rgdOffset * 512, le32(firstTable(n))); },
          "tablesOverlap"},

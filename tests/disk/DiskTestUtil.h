@@ -69,6 +69,18 @@ inline zu::P<kord::CVMDKSparseExtentFile> inspectExtent(zu::IFileSystem* fs, con
                                                    zu::TBuffer<unsigned char>());
 }
 
+// Points a grain's entry in a single-file disk elsewhere: in the redundant
+// grain table and, unless told otherwise, in the primary one too.
+inline void patchGrainEntry(zu::IFileSystem* fs, const zu::CURI& uri, long long grain, long long posSectors,
+                            bool bothCopies = true)
+{
+    zu::P<kord::CVMDKGrainDirectory> directory = inspectExtent(fs, uri)->getGrainDirectory();
+    const long long offset = grain % 512 * 4;
+    const Bytes entry = kordtest::le32(static_cast<unsigned>(posSectors));
+    kordtest::patchFile(fs, uri, directory->getRedundantEntries()[grain / 512] * sector + offset, entry);
+    if (bothCopies) kordtest::patchFile(fs, uri, directory->getEntries()[grain / 512] * sector + offset, entry);
+}
+
 inline void writeAt(CVMDKDisk& disk, long long position, const Bytes& data)
 {
     disk.seek(position);

@@ -54,11 +54,6 @@ struct CScenario {
 struct CFigures {
     long long runs = 0, checks = 0, unopenable = 0, dataLost = 0, unexpectedFindings = 0, failedRetries = 0;
 
-    void add(const CFigures& f)
-    {
-        runs += f.runs, checks += f.checks, unopenable += f.unopenable, dataLost += f.dataLost;
-        unexpectedFindings += f.unexpectedFindings, failedRetries += f.failedRetries;
-    }
     void print(const std::string& what) const
     {
         std::cout << what << runs << " runs, " << checks << " checks, " << dataLost << " data lost, " << unopenable
@@ -72,6 +67,37 @@ Bytes compressibleData(size_t bytes, unsigned seed)
     Bytes out = kordtest::pattern(bytes, seed);
     for (size_t i = 0; i < bytes; ++i)
         if (i % 64 >= 8) out[i] = static_cast<unsigned char>(i / 4096);
+    return out;
+}
+
+const char* faultName(Fault fault)
+{
+    static const char* const names[] = {"I/O error", "disk full", "short write", "crash"};
+    return names[static_cast<int>(fault)];
+}
+
+// The calls a sweep fails: every one in a full sweep, else the first call
+// of each kind, every sync and, where `every` is given, each every-th call.
+std::vector<long long> sampledCalls(const std::vector<std::string>& kinds, bool full, long long every = 0)
+{
+    std::vector<long long> out;
+    std::set<std::string> covered;
+    for (long long call = 1; call <= static_cast<long long>(kinds.size()); ++call) {
+        const std::string& kind = kinds[static_cast<size_t>(call - 1)];
+        if (full || covered.insert(kind).second || kind == "sync" || (every > 0 && call % every == 0))
+            out.push_back(call);
+    }
+    return out;
+}
+
+// The files a failed run left as they stand and, after a crash, as each of
+// the power losses leaves them.
+std::vector<std::pair<std::string, CFaultFileSystem::Files>> imagesAfter(CFaultFileSystem& fs, Fault fault,
+                                                                         const std::vector<unsigned>& seeds)
+{
+    std::vector<std::pair<std::string, CFaultFileSystem::Files>> out = {{"", fs.getFiles()}};
+    if (fault == Fault::crash)
+        for (unsigned seed : seeds) out.emplace_back(", power loss " + std::to_string(seed), fs.getFilesAfterPowerLoss(seed));
     return out;
 }
 
@@ -167,25 +193,11 @@ public:
         ++figures.runs;
         std::string where = scenario.name + " call " + std::to_string(call) + " (" + kinds[static_cast<size_t>(call - 1)] +
                             ") " + faultName(fault);
-        check(fs->getFiles(), where);
-        if (fault != Fault::crash) return;
-        for (unsigned seed : powerLossSeeds)
-            check(fs->getFilesAfterPowerLoss(seed), where + ", power loss " + std::to_string(seed));
+        for (const auto& [when, image] : imagesAfter(*fs, fault, powerLossSeeds)) check(image, where + when);
     }
 
     const std::vector<std::string>& getKinds() const { return kinds; }
     const CFigures& getFigures() const { return figures; }
-
-    static const char* faultName(Fault fault)
-    {
-        switch (fault) {
-        case Fault::ioError: return "I/O error";
-        case Fault::noSpace: return "disk full";
-        case Fault::shortWrite: return "short write";
-        case Fault::crash: return "crash";
-        }
-        return "";
-    }
 
 private:
     long long regionOffset(long long position) const
@@ -310,26 +322,18 @@ bool fullSweep()
 TEST(FaultSweep, everyFaultLeavesOldOrNewAndARetrySucceeds)
 {
     const bool full = fullSweep();
-    CFigures total;
     for (const CScenario& scenario : scenarios()) {
         SCOPED_TRACE(scenario.name);
         FaultSweep sweep(scenario);
         sweep.setUp();
         if (testing::Test::HasFatalFailure()) return;
         const long long calls = sweep.countCalls();
-        std::set<std::string> covered;
-        for (long long call = 1; call <= calls; ++call) {
-            const std::string& kind = sweep.getKinds()[static_cast<size_t>(call - 1)];
-            bool sampled = full || covered.insert(kind).second || kind == "sync" || call % 4 == 0;
-            if (!sampled) continue;
+        for (long long call : sampledCalls(sweep.getKinds(), full, 4))
             for (Fault fault : {Fault::ioError, Fault::noSpace, Fault::shortWrite, Fault::crash})
                 sweep.run(call, fault,
                           full ? std::vector<unsigned>{0, 1, 2, 3, 4, 5, 6, 7} : std::vector<unsigned>{0, 2, 3, 4});
-        }
         sweep.getFigures().print(scenario.name + ": " + std::to_string(calls) + " calls, ");
-        total.add(sweep.getFigures());
     }
-    total.print("total: ");
 }
 
 // The password of an encrypted chain, changed with each call failing or
@@ -359,36 +363,30 @@ TEST(FaultSweep, passwordChangeOfAChainOpensWithOldOrNewAndARerunFinishes)
     zu::P<CFaultFileSystem> counting = zu::newObj<CFaultFileSystem>(files);
     ASSERT_TRUE(change(counting));
     const std::vector<std::string> kinds = counting->getCallKinds();
-    long long runs = 0, unopenable = 0, failedReruns = 0;
-    std::set<std::string> covered;
-    for (long long call = 1; call <= static_cast<long long>(kinds.size()); ++call) {
-        const std::string& kind = kinds[static_cast<size_t>(call - 1)];
-        // Each check opens a chain several times, and each open derives keys:
-        // CI takes the syncs and one call of every other kind.
-        if (!(full || covered.insert(kind).second || kind == "sync")) continue;
+    CFigures figures;
+    // Each check opens a chain several times, and each open derives keys:
+    // CI takes the syncs and one call of every other kind.
+    for (long long call : sampledCalls(kinds, full)) {
         for (Fault fault : {Fault::ioError, Fault::shortWrite, Fault::crash}) {
             zu::P<CFaultFileSystem> fs = zu::newObj<CFaultFileSystem>(files);
             fs->arm(call, fault);
-            change(fs);
-            std::vector<CFaultFileSystem::Files> images = {fs->getFiles()};
-            if (fault == Fault::crash)
-                for (unsigned seed : full ? std::vector<unsigned>{0, 1, 2, 3, 4, 5} : std::vector<unsigned>{0, 2})
-                    images.push_back(fs->getFilesAfterPowerLoss(seed));
-            for (const CFaultFileSystem::Files& image : images) {
-                ++runs;
-                SCOPED_TRACE("call " + std::to_string(call) + " (" + kind + ") " + FaultSweep::faultName(fault));
+            change(fs), ++figures.runs;
+            for (const auto& [when, image] :
+                 imagesAfter(*fs, fault, full ? std::vector<unsigned>{0, 1, 2, 3, 4, 5} : std::vector<unsigned>{0, 2})) {
+                ++figures.checks;
+                SCOPED_TRACE("call " + std::to_string(call) + " (" + kinds[static_cast<size_t>(call - 1)] + ") " +
+                             faultName(fault) + when);
                 zu::P<CFaultFileSystem> after = zu::newObj<CFaultFileSystem>(image);
                 if (!opensWith(after, "old") && !opensWith(after, "new")) {
-                    ++unopenable;
+                    ++figures.unopenable;
                     ADD_FAILURE() << "the chain opens with neither password";
                 }
                 if (!change(after) || !opensWith(after, "new") || opensWith(after, "old")) {
-                    ++failedReruns;
+                    ++figures.failedRetries;
                     ADD_FAILURE() << "the change run again did not finish the job";
                 }
             }
         }
     }
-    std::cout << "password change: " << kinds.size() << " calls, " << runs << " checks, " << unopenable
-              << " unopenable, " << failedReruns << " failed reruns" << std::endl;
+    figures.print("password change: " + std::to_string(kinds.size()) + " calls, ");
 }
