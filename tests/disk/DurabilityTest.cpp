@@ -3,13 +3,14 @@
 // (tables written because the cache is full included) reaches the caller
 // and leaves the changes for a retry, and the metadata that a failed or cut
 // write left behind (a stream-optimized trail, a redundant grain table) is
-// put right by the next flush; and rewritten grains reuse the slots they
-// leave.
+// put right by the next flush; rewritten grains reuse the slots they
+// leave; and a copied disk is locked under its own name.
 #include "DiskTestUtil.h"
 
 #include "common/CFaultFileSystem.h"
 
 #include <algorithm>
+#include <tuple>
 
 using namespace disktest;
 using kordtest::CFaultFileSystem;
@@ -102,49 +103,44 @@ TEST_F(DurabilityTest, writeErrorsReachTheCallerAndARetryKeepsEveryChange)
 TEST_F(DurabilityTest, trailAndRedundantTablesLeftBehindAreRepairedByTheNextFlush)
 {
     const Bytes data = kordtest::pattern(grainBytes, 3);
-    for (const std::string type : {"streamOptimized", "monolithicSparse"}) {
-        SCOPED_TRACE(type);
-        const zu::P<CFaultFileSystem> base = make(type, 64 * grainSectors);
-        const std::string key = diskURI.toString(false).toUTF8();
-        const long long size = static_cast<long long>(base->getFiles().at(key).size());
-        const long long trailAt = size - 1536;
-        std::vector<std::pair<std::string, std::function<void(CFaultFileSystem::Files&)>>> damages = {
-            // A write of the trail cut short: the trail is written again in
-            // its place.
-            {"cut trail", [&](CFaultFileSystem::Files& f) { f.at(key).resize(static_cast<size_t>(size - 700)); }},
-            // Grain data written over the trail, then lost: kept, as it
-            // cannot be told from someone's data, and the trail goes after it.
-            {"lost trail",
-             [&](CFaultFileSystem::Files& f) {
-                 Bytes& file = f.at(key);
-                 file.resize(static_cast<size_t>(trailAt));
-                 const Bytes junk = kordtest::pattern(3000, 9);
-                 file.insert(file.end(), junk.begin(), junk.end());
-             }},
-            // A redundant grain table that missed its last write.
-            {"stale redundant table", [&](CFaultFileSystem::Files& f) {
-                 zu::P<kord::CVMDKSparseExtentFile> extent = inspectExtent(zu::newObj<CFaultFileSystem>(f), diskURI);
-                 std::fill_n(f.at(key).begin() + extent->getGrainDirectory()->getRedundantEntries()[0] * sector, 4, 0);
-             }}};
-        for (const auto& [name, damage] : damages) {
-            if (type != "streamOptimized" && name != "stale redundant table") continue;
-            SCOPED_TRACE(name);
-            CFaultFileSystem::Files files = base->getFiles();
-            damage(files);
-            zu::P<CFaultFileSystem> fs = zu::newObj<CFaultFileSystem>(files);
-            EXPECT_FALSE(findingKinds(fs, diskURI).empty());
-            writeAt(*openDisk(fs, diskURI, RW), 5 * grainBytes, data);
-            EXPECT_TRUE(findingKinds(fs, diskURI).empty());
-            zu::P<CVMDKDisk> disk = openDisk(fs, diskURI, R);
-            EXPECT_TRUE(readAt(*disk, 5 * grainBytes, grainBytes) == data);
-            EXPECT_TRUE(readAt(*disk, 0, grainBytes) == kordtest::pattern(grainBytes, 1));
-            // The new grain takes the cut trail's place, or goes after what is kept.
-            long long pos = 0, slot = 0;
-            inspectExtent(fs, diskURI)->getGrainInfo(5, pos, slot);
-            if (name != "stale redundant table") {
-                EXPECT_EQ(name == "cut trail" ? trailAt : trailAt + 3072, pos * sector);
-            }
-        }
+    const std::string key = diskURI.toString(false).toUTF8();
+    const auto staleTable = [&](Bytes& file, long long) {
+        zu::P<CFaultFileSystem> image = zu::newObj<CFaultFileSystem>(CFaultFileSystem::Files{{key, file}});
+        std::fill_n(file.begin() + inspectExtent(image, diskURI)->getGrainDirectory()->getRedundantEntries()[0] * sector, 4, 0);
+    };
+    // The damage to the file whose trail starts at trailAt, and where the
+    // next new grain goes, from there (-1: anywhere).
+    const std::vector<std::tuple<std::string, std::string, std::function<void(Bytes&, long long)>, long long>> damages = {
+        // A write of the trail cut short: the trail is written again in its
+        // place, and the new grain takes it.
+        {"cut trail", "streamOptimized", [](Bytes& file, long long trailAt) { file.resize(trailAt + 836); }, 0},
+        // Grain data written over the trail, then lost: kept, as it cannot be
+        // told from someone's data, and the new grain goes after it.
+        {"lost trail", "streamOptimized",
+         [](Bytes& file, long long trailAt) {
+             file.resize(static_cast<size_t>(trailAt));
+             const Bytes junk = kordtest::pattern(3000, 9);
+             file.insert(file.end(), junk.begin(), junk.end());
+         },
+         3072},
+        // A redundant grain table that missed its last write.
+        {"stale redundant table", "streamOptimized", staleTable, -1},
+        {"stale redundant table", "monolithicSparse", staleTable, -1}};
+    for (const auto& [name, type, damage, newGrainAt] : damages) {
+        SCOPED_TRACE(name + " " + type);
+        CFaultFileSystem::Files files = make(type, 64 * grainSectors)->getFiles();
+        const long long trailAt = static_cast<long long>(files.at(key).size()) - 1536;
+        damage(files.at(key), trailAt);
+        zu::P<CFaultFileSystem> fs = zu::newObj<CFaultFileSystem>(files);
+        EXPECT_FALSE(findingKinds(fs, diskURI).empty());
+        writeAt(*openDisk(fs, diskURI, RW), 5 * grainBytes, data);
+        EXPECT_TRUE(findingKinds(fs, diskURI).empty());
+        zu::P<CVMDKDisk> disk = openDisk(fs, diskURI, R);
+        EXPECT_TRUE(readAt(*disk, 5 * grainBytes, grainBytes) == data);
+        EXPECT_TRUE(readAt(*disk, 0, grainBytes) == kordtest::pattern(grainBytes, 1));
+        long long pos = 0, slot = 0;
+        inspectExtent(fs, diskURI)->getGrainInfo(5, pos, slot);
+        EXPECT_TRUE(newGrainAt < 0 || trailAt + newGrainAt == pos * sector) << pos;
     }
 
     // A write of the trail that fails is retried by the next flush.
@@ -189,57 +185,18 @@ TEST_F(DurabilityTest, rewrittenGrainsReuseTheSlotsTheyLeave)
 }
 
 // A copy of a single-file disk is a disk of its own, whatever name its
-// extent line gives: a write to the copy cut short at any call, by any
-// fault or a power loss, leaves the original as it was and the copy old or
-// new; the copy is locked under its own name, and the original opens for
-// writing beside it.
-TEST_F(DurabilityTest, aCopiedSingleFileDiskWritesOnlyItselfUnderItsOwnLock)
+// extent line gives: it is locked under its own name, and the original
+// opens for writing beside it. (That writes to a copy, cut short or not,
+// leave the original alone is the fault sweep's.)
+TEST_F(DurabilityTest, aCopiedSingleFileDiskIsLockedUnderItsOwnName)
 {
     const zu::CURI copyURI{zu::String("file:///durable/copy.vmdk")};
-    const std::string original = diskURI.toString(false).toUTF8(), copied = copyURI.toString(false).toUTF8();
-    const Bytes data = kordtest::pattern(2 * grainBytes + 300, 7);
-    const long long at = grainBytes / 2;
-    Bytes oldData = kordtest::pattern(grainBytes, 1), newData = oldData;
-    oldData.resize(static_cast<size_t>(4 * grainBytes), 0);
-    newData.resize(oldData.size(), 0);
-    std::copy(data.begin(), data.end(), newData.begin() + at);
-    for (const std::string type : {"monolithicSparse", "streamOptimized"}) {
-        SCOPED_TRACE(type);
-        CFaultFileSystem::Files files = make(type, 64 * grainSectors)->getFiles();
-        files[copied] = files.at(original);
-        const auto workload = [&](zu::IFileSystem* fs) {
-            zu::P<CVMDKDisk> disk = openDisk(fs, copyURI, RW);
-            writeAt(*disk, at, data);
-            disk->flushChanges();
-        };
-
-        zu::P<CFaultFileSystem> fs = zu::newObj<CFaultFileSystem>(files);
-        {
-            zu::P<CVMDKDisk> copy = openDisk(fs, copyURI, RW);
-            EXPECT_TRUE(fs->exists(zu::CURI(copyURI.getParent(), "copy.vmdk.lock")));
-            EXPECT_FALSE(fs->exists(zu::CURI(diskURI.getParent(), "disk.vmdk.lock")));
-            writeAt(*openDisk(fs, diskURI, RW), 0, kordtest::pattern(grainBytes, 8));
-            EXPECT_THROW(openDisk(fs, copyURI, RW), zu::CError);
-        }
-        const long long calls = fs->getCallCount();
-        for (long long call = 1; call <= calls; ++call) {
-            for (Fault fault : {Fault::ioError, Fault::shortWrite, Fault::crash}) {
-                SCOPED_TRACE("call " + std::to_string(call) + " fault " + std::to_string(static_cast<int>(fault)));
-                zu::P<CFaultFileSystem> faulty = zu::newObj<CFaultFileSystem>(files);
-                faulty->arm(call, fault);
-                try {
-                    workload(faulty);
-                } catch (const zu::CError&) {
-                }
-                for (unsigned seed : {0u, 1u, 2u}) {
-                    CFaultFileSystem::Files after = faulty->getFilesAfterPowerLoss(seed);
-                    EXPECT_TRUE(after.at(original) == files.at(original)) << "the original changed";
-                    zu::P<CVMDKDisk> copy = openDisk(zu::newObj<CFaultFileSystem>(after), copyURI, R);
-                    const Bytes now = readAt(*copy, 0, 4 * grainBytes);
-                    for (size_t i = 0; i < now.size(); ++i)
-                        ASSERT_TRUE(now[i] == oldData[i] || now[i] == newData[i]) << "copy byte " << i;
-                }
-            }
-        }
-    }
+    CFaultFileSystem::Files files = make("monolithicSparse", 64 * grainSectors)->getFiles();
+    files[copyURI.toString(false).toUTF8()] = files.at(diskURI.toString(false).toUTF8());
+    zu::P<CFaultFileSystem> fs = zu::newObj<CFaultFileSystem>(files);
+    zu::P<CVMDKDisk> copy = openDisk(fs, copyURI, RW);
+    EXPECT_TRUE(fs->exists(zu::CURI(copyURI.getParent(), "copy.vmdk.lock")));
+    EXPECT_FALSE(fs->exists(zu::CURI(diskURI.getParent(), "disk.vmdk.lock")));
+    writeAt(*openDisk(fs, diskURI, RW), 0, kordtest::pattern(grainBytes, 8));
+    EXPECT_THROW(openDisk(fs, copyURI, RW), zu::CError);
 }

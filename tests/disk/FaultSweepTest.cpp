@@ -1,4 +1,5 @@
-// The fault sweep. Each kind of disk gets a workload of writes (parts of
+// The fault sweep. Each kind of disk (copies of single-file disks, whose
+// extent lines name the original, among them) gets a workload of writes (parts of
 // grains and whole grains, rewrites of stored grains, a new extent file, a
 // grain table cache too small for the tables in use), and every numbered
 // call of that workload in turn fails (an I/O error, a full disk, a short
@@ -9,7 +10,8 @@
 // - the checker finds nothing but what an interrupted flush leaves behind
 //   (an extent marked unclean, a trail cut short, a stale redundant table,
 //   grain data no table points at yet);
-// - every byte outside the written ranges is old, every byte inside old or new;
+// - every byte outside the written ranges is old, every byte inside old or
+//   new, and a copy's original is as it was;
 // - the workload run again succeeds, and leaves the new data and a disk the
 //   checker finds clean.
 //
@@ -44,6 +46,7 @@ struct CScenario {
     std::string pass;
     bool onDemand = false;
     bool delta = false;
+    bool copied = false; // the disk is a copy of a single-file disk that stays beside it
     long long capacitySectors = 64 * grainSectors;
     std::vector<CWrite> parentWrites; // the parent's data, for a delta disk
     std::vector<CWrite> oldWrites;    // the disk's data before the workload
@@ -103,6 +106,8 @@ std::vector<std::pair<std::string, CFaultFileSystem::Files>> imagesAfter(CFaultF
 
 const zu::CURI diskURI{zu::String("file:///sweep/disk.vmdk")};
 const zu::CURI parentURI{zu::String("file:///sweep/parent.vmdk")};
+const zu::CURI originalURI{zu::String("file:///sweep/original.vmdk")};
+const std::string diskKey = diskURI.toString(false).toUTF8(), originalKey = originalURI.toString(false).toUTF8();
 
 // Whether f returns true without an error.
 bool succeeds(const std::function<bool()>& f)
@@ -136,17 +141,20 @@ public:
         CVMDKDisk::CCreateParams p = params(scenario.type, scenario.delta ? 0 : scenario.capacitySectors, scenario.pass,
                                             scenario.delta ? parentURI : zu::CURI());
         p.createExtentFilesOnDemand = scenario.onDemand;
+        const zu::CURI made = scenario.copied ? originalURI : diskURI;
         {
-            zu::P<CVMDKDisk> disk = CVMDKDisk::create(fs, diskURI, p);
+            zu::P<CVMDKDisk> disk = CVMDKDisk::create(fs, made, p);
             for (const CWrite& w : scenario.oldWrites) writeAt(*disk, w.position, w.data);
         }
         // Written again in a session of its own: compressed and encrypted
         // grains move, and the workload finds the slots they left to reuse.
         {
-            zu::P<CVMDKDisk> disk = openDisk(fs, diskURI, RW, scenario.pass);
+            zu::P<CVMDKDisk> disk = openDisk(fs, made, RW, scenario.pass);
             for (const CWrite& w : scenario.oldWrites) writeAt(*disk, w.position, w.data);
         }
         files = fs->getFiles();
+        if (scenario.copied) files[diskKey] = files.at(originalKey);
+        fs = zu::newObj<CFaultFileSystem>(files);
         std::set<long long> grains;
         for (const auto* list : {&scenario.parentWrites, &scenario.oldWrites, &scenario.writes})
             for (const CWrite& w : *list)
@@ -226,6 +234,10 @@ private:
     void check(const CFaultFileSystem::Files& after, const std::string& where)
     {
         ++figures.checks;
+        if (scenario.copied && after.at(originalKey) != files.at(originalKey)) {
+            ++figures.dataLost;
+            ADD_FAILURE() << where << ": a write to the copy changed the original";
+        }
         zu::P<CFaultFileSystem> fs = zu::newObj<CFaultFileSystem>(after);
         Bytes now;
         try {
@@ -300,9 +312,13 @@ std::vector<CScenario> scenarios()
     out.back().onDemand = true;
     out.back().capacitySectors = splitSectors + 64 * grainSectors;
     const std::vector<CWrite> compressible = {{0, compressibleData(4 * grainBytes, 6)}};
-    out.push_back(scenario("streamOptimized", "streamOptimized", "", compressible));
+    // Copies of single-file disks, whose extent lines name the original:
+    // they write only themselves.
+    out.push_back(scenario("streamOptimized copy", "streamOptimized", "", compressible));
+    out.back().copied = true;
     out.push_back(scenario("streamOptimized encrypted", "streamOptimized", password, compressible));
-    out.push_back(scenario("monolithicSparse encrypted", "monolithicSparse", password, old));
+    out.push_back(scenario("monolithicSparse encrypted copy", "monolithicSparse", password, old));
+    out.back().copied = true;
     // Zeros over the parent's grain.
     out.push_back(scenario("delta", "monolithicSparse", "", {{2 * grainBytes + 100, Bytes(300, 0x22)}},
                            {{4 * grainBytes, Bytes(grainBytes, 0)}}));
