@@ -1,12 +1,13 @@
 // Disks that kord makes and fills are read by qemu-img and vmdkinfo as kord
-// wrote them, and a split disk that qemu makes and fills is read and checked
-// by kord as qemu-img reads it, and takes kord's writes so that qemu reads
+// wrote them, and disks that qemu makes and fills are read and checked by
+// kord as qemu-img reads them, and take kord's writes so that qemu reads
 // them back. The tools are black boxes; a test is skipped only where one is
 // missing.
 #include "DiskTestUtil.h"
 
+#include "disk/CVMDKChecker.h"
+
 #include <random>
-#include <tuple>
 
 using namespace disktest;
 
@@ -58,7 +59,21 @@ void expectKordReads(zu::IFileSystem* fs, const std::string& image, const Mirror
         ASSERT_TRUE(readAt(*disk, pos, n) == mirror.read(pos, n)) << image << " at " << pos;
     }
     disk = nullptr;
-    EXPECT_TRUE(findingKinds(fs, fileURI(image)).empty()) << image;
+    EXPECT_TRUE(kord::CVMDKChecker(fs, fileURI(image), zu::String()).check().empty()) << image;
+}
+
+// Writes through qemu-io of {pattern byte, offset, length}, mirrored into
+// the model.
+using QemuWrites = std::vector<std::tuple<int, long long, long long>>;
+void qemuWrite(const std::string& image, Mirror& mirror, const QemuWrites& w)
+{
+    std::string command = "qemu-io -f vmdk";
+    for (const auto& [pattern, offset, length] : w) {
+        command += " -c 'write -P " + std::to_string(pattern) + " " + std::to_string(offset) + " " +
+                   std::to_string(length) + "'";
+        mirror.write(offset, Bytes(static_cast<size_t>(length), static_cast<unsigned char>(pattern)));
+    }
+    run(command + " " + quoted(image));
 }
 
 // Pieces of random length (partial grains among them), some random and some
@@ -82,13 +97,17 @@ void kordFill(CVMDKDisk& disk, Mirror& mirror, unsigned seed)
     }
 }
 
-class DiskInteropTest : public DiskFolderTest {
+class DiskInteropTest : public testing::Test {
 protected:
     void SetUp() override
     {
         if (!kordtest::haveTool("qemu-img") || !kordtest::haveTool("qemu-io"))
             GTEST_SKIP() << "qemu-img or qemu-io is not installed (package qemu-utils): interop not checked";
     }
+    std::string path(const std::string& name) const { return temp.file(name); }
+
+    kordtest::TempDir temp;
+    zu::P<zu::IFileSystem> fs = zu::newObj<zu::CLocalFileSystem>();
 };
 
 class KordDiskInteropTest : public DiskInteropTest, public testing::WithParamInterface<std::string> {};
@@ -123,38 +142,43 @@ INSTANTIATE_TEST_SUITE_P(Kord, KordDiskInteropTest,
                          testing::Values("monolithicSparse", "twoGbMaxExtentSparse", "streamOptimized"),
                          [](const testing::TestParamInfo<std::string>& info) { return info.param; });
 
-// qemu makes a split disk of 2 GiB extents and writes across their
-// boundary; kord reads and checks it, writes into it, and qemu reads it back.
-// (The sparse disks and children qemu makes are the foreign interop test's.)
-TEST_F(DiskInteropTest, kordReadsAndWritesAQemuSplitDisk)
+// qemu makes and writes a sparse disk, a child over it, and a split disk;
+// kord reads and checks each, then writes into it, and qemu reads it back.
+TEST_F(DiskInteropTest, kordReadsAndWritesQemuDisks)
 {
-    const std::string image = path("qs.vmdk");
-    const long long twoGiB = 2LL << 30;
-    Mirror mirror(3LL << 30);
+    // The split disk's extents are 4,194,304 sectors long: read across their boundary.
+    Mirror mirror(32 << 20);
+    Mirror splitMirror(3LL << 30);
 
     // A new qemu split disk's descriptor file is exactly as long as its
     // text: kord's content-ID renewal, which adds the "encoding" line, has
     // the file replaced by a longer one, and nothing is left beside it.
-    run("qemu-img create -f vmdk -o subformat=twoGbMaxExtentSparse " + quoted(image) + " 3G");
-    const size_t descriptorBytes = fileText(image).size();
-    const unsigned contentIDBefore = contentID(image);
-    writeAt(*openDisk(fs, fileURI(image), RW), 0, Bytes(10, 1));
-    mirror.write(0, Bytes(10, 1));
-    EXPECT_GT(fileText(image).size(), descriptorBytes);
-    EXPECT_NE(contentIDBefore, contentID(image));
-    EXPECT_FALSE(std::filesystem::exists(image + ".kord-new"));
-
-    std::string command = "qemu-io -f vmdk";
-    for (const auto& [pattern, offset, length] : std::vector<std::tuple<int, long long, long long>>{
-             {0x11, 100, 100 << 10}, {0x22, twoGiB - (64 << 10), 128 << 10}, {0x33, (3LL << 30) - 512, 512}}) {
-        command += " -c 'write -P " + std::to_string(pattern) + " " + std::to_string(offset) + " " +
-                   std::to_string(length) + "'";
-        mirror.write(offset, Bytes(static_cast<size_t>(length), static_cast<unsigned char>(pattern)));
+    std::filesystem::create_directory(path("split"));
+    run("qemu-img create -f vmdk -o subformat=twoGbMaxExtentSparse " + quoted(path("split/qs.vmdk")) + " 3G");
+    const std::string descriptorBefore = fileText(path("split/qs.vmdk"));
+    const unsigned contentIDBefore = contentID(path("split/qs.vmdk"));
+    writeAt(*openDisk(fs, fileURI(path("split/qs.vmdk")), RW), 0, Bytes(10, 1));
+    splitMirror.write(0, Bytes(10, 1));
+    EXPECT_GT(fileText(path("split/qs.vmdk")).size(), descriptorBefore.size());
+    EXPECT_NE(contentIDBefore, contentID(path("split/qs.vmdk")));
+    EXPECT_FALSE(std::filesystem::exists(path("split/qs.vmdk.kord-new")));
+    const long long twoGiB = 2LL << 30;
+    const std::vector<std::tuple<std::string, std::string, Mirror*, QemuWrites>> disks = {
+        {"q.vmdk", "-o subformat=monolithicSparse q.vmdk 32M", &mirror,
+         {{0x11, 0, 100 << 10}, {0x22, 1 << 20, 4096}, {0x33, 20000 << 10, 64 << 10}, {0x44, (32 << 20) - 512, 512}}},
+        {"qc.vmdk", "-b q.vmdk -F vmdk qc.vmdk", &mirror,
+         {{0x55, 50 << 10, 100 << 10}, {0x66, 3 << 20, 512}, {0x77, (32 << 20) - 4096, 4096}}},
+        {"split/qs.vmdk", "", &splitMirror,
+         {{0x11, 0, 100 << 10}, {0x22, twoGiB - (64 << 10), 128 << 10}, {0x33, (3LL << 30) - 512, 512}}}};
+    unsigned seed = 3;
+    for (const auto& [name, createArgs, model, writes] : disks) {
+        SCOPED_TRACE(name);
+        if (!createArgs.empty()) run("cd " + quoted(temp.path()) + " && qemu-img create -f vmdk " + createArgs);
+        qemuWrite(path(name), *model, writes);
+        expectKordReads(fs, path(name), *model);
+        kordFill(*openDisk(fs, fileURI(path(name)), RW), *model, seed++);
+        expectQemuReads(path(name), *model, path("out.raw"));
     }
-    run(command + " " + quoted(image));
-    expectKordReads(fs, image, mirror);
-    kordFill(*openDisk(fs, fileURI(image), RW), mirror, 3);
-    expectQemuReads(image, mirror, path("out.raw"));
 }
 
 } // namespace
