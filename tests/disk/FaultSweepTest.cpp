@@ -22,6 +22,7 @@
 #include "DiskTestUtil.h"
 
 #include "common/CFaultFileSystem.h"
+#include "common/ExtentTestUtil.h"
 #include "disk/CVMDKPasswordChange.h"
 
 #include <cstdlib>
@@ -64,14 +65,6 @@ struct CFigures {
                   << " failed retries" << std::endl;
     }
 };
-
-Bytes compressibleData(size_t bytes, unsigned seed)
-{
-    Bytes out = kordtest::pattern(bytes, seed);
-    for (size_t i = 0; i < bytes; ++i)
-        if (i % 64 >= 8) out[i] = static_cast<unsigned char>(i / 4096);
-    return out;
-}
 
 const char* faultName(Fault fault)
 {
@@ -141,15 +134,11 @@ public:
         CVMDKDisk::CCreateParams p = params(scenario.type, scenario.delta ? 0 : scenario.capacitySectors, scenario.pass,
                                             scenario.delta ? parentURI : zu::CURI());
         p.createExtentFilesOnDemand = scenario.onDemand;
-        const zu::CURI made = scenario.copied ? originalURI : diskURI;
-        {
-            zu::P<CVMDKDisk> disk = CVMDKDisk::create(fs, made, p);
-            for (const CWrite& w : scenario.oldWrites) writeAt(*disk, w.position, w.data);
-        }
         // Written again in a session of its own: compressed and encrypted
         // grains move, and the workload finds the slots they left to reuse.
-        {
-            zu::P<CVMDKDisk> disk = openDisk(fs, made, RW, scenario.pass);
+        const zu::CURI made = scenario.copied ? originalURI : diskURI;
+        for (int session = 0; session < 2; ++session) {
+            zu::P<CVMDKDisk> disk = session == 0 ? CVMDKDisk::create(fs, made, p) : openDisk(fs, made, RW, scenario.pass);
             for (const CWrite& w : scenario.oldWrites) writeAt(*disk, w.position, w.data);
         }
         files = fs->getFiles();
@@ -283,7 +272,7 @@ private:
 
 std::vector<CScenario> scenarios()
 {
-    const Bytes random = kordtest::pattern(grainBytes, 1), text = compressibleData(grainBytes, 2);
+    const Bytes random = kordtest::pattern(grainBytes, 1), text = kordtest::compressible(grainBytes, 2);
     const std::vector<CWrite> old = {{0, kordtest::pattern(4 * grainBytes, 3)}};
     // A part of a stored grain across into the next, a whole stored grain,
     // a new grain, the same stored grain twice (moved, then in place).
@@ -311,7 +300,7 @@ std::vector<CScenario> scenarios()
                            {{splitSectors * sector - 3000, kordtest::pattern(grainBytes, 5)}}));
     out.back().onDemand = true;
     out.back().capacitySectors = splitSectors + 64 * grainSectors;
-    const std::vector<CWrite> compressible = {{0, compressibleData(4 * grainBytes, 6)}};
+    const std::vector<CWrite> compressible = {{0, kordtest::compressible(4 * grainBytes, 6)}};
     // Copies of single-file disks, whose extent lines name the original:
     // they write only themselves.
     out.push_back(scenario("streamOptimized copy", "streamOptimized", "", compressible));
