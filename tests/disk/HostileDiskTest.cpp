@@ -3,7 +3,8 @@
 // with the named damage and leaves every file as it was, or goes on and
 // changes no byte of the disk outside what was written. And the checker
 // finds damage exactly where the library refuses (or fails the same way
-// itself, for what keeps it from checking at all).
+// itself, for what keeps it from checking at all), naming each kind of
+// damage it knows with exactly one finding.
 #include "DiskTestUtil.h"
 
 #include "common/ExtentTestUtil.h"
@@ -99,6 +100,11 @@ struct Recipe {
     std::function<void()> damage;
     // The refusal of writing; with `writes`, that of info or reading.
     std::string refusal;
+    // The checker's finding (with its properties), where the damage has a
+    // kind of its own; a refusal the checker names "refused" is reported
+    // with the library's message.
+    std::string kind = "";
+    std::vector<std::pair<std::string, std::string>> props = {};
     // Writing goes on (the damage is where writing does not go).
     bool writes = false;
     // A grain that cannot be read back.
@@ -116,6 +122,7 @@ TEST_F(HostileDiskTest, refusedWhereDamagedAndCheckAgrees)
     const std::string pastEnd = "VMDK grain table entry points past the end of the extent file.";
     auto header = [&] { return extent(d)->getHeader(); };
     auto table0 = [&] { return extent(d)->getGrainDirectory()->getEntries()[0]; };
+    auto grainSector = [&](long long grain) { return kordtest::grainPos(*extent(d), grain); };
     auto fileSectors = [&](const std::string& n) { return static_cast<unsigned>(fs->getFileSize(uri(n)) / sector); };
     auto fifo = [&](const std::string& n) {
         std::filesystem::remove(path(n));
@@ -137,7 +144,7 @@ TEST_F(HostileDiskTest, refusedWhereDamagedAndCheckAgrees)
              f.insert(f.end() - 3 * sector, 100, 0x55);
              putBytes(d, f);
          },
-         "", true},
+         "", "", {}, true},
         // A trail found inside the metadata: new grains still go behind it.
         {"trailInMetadata",
          [&] {
@@ -150,8 +157,10 @@ TEST_F(HostileDiskTest, refusedWhereDamagedAndCheckAgrees)
              std::copy(trail.begin(), trail.end(), f.end() - 3 * sector);
              putBytes(d, f);
          },
-         "", true},
-        {"grainPastEnd", [&] { make(sparse), patchGrainEntry(fs, uri(d), 1, fileSectors(d) + 8); }, pastEnd},
+         "", "", {}, true},
+        // A grain that starts in the file's last sector.
+        {"grainPastEnd", [&] { make(sparse), patchGrainEntry(fs, uri(d), 1, fileSectors(d) - 1); }, pastEnd,
+         "grainPastEnd"},
         {"truncated",
          [&] {
              make(sparse);
@@ -161,16 +170,16 @@ TEST_F(HostileDiskTest, refusedWhereDamagedAndCheckAgrees)
          },
          pastEnd},
         {"grainInMetadata", [&] { make(sparse), patchGrainEntry(fs, uri(d), 1, 2); },
-         "VMDK grain table entry points into the metadata."},
+         "VMDK grain table entry points into the metadata.", "grainInMetadata"},
         {"redundantEntryIsPrimaryTable", [&] { make(sparse), patch(d, header().rgdOffset * sector, le32(table0())); },
-         overlap + "grain table 0 and redundant grain table 0."},
+         overlap + "grain table 0 and redundant grain table 0.", "tablesOverlap"},
         {"directoryEntriesEqual", [&] { make(sparse), patch(d, header().gdOffset * sector + 4, le32(table0())); },
          overlap + "grain table 0 and grain table 1."},
         {"tableAtRedundantDirectory",
          [&] { make(sparse), patch(d, header().gdOffset * sector, le32(static_cast<unsigned>(header().rgdOffset))); },
          overlap + "the redundant grain directory and grain table 0."},
-        {"grainsShared", [&] { make(sparse), patchGrainEntry(fs, uri(d), 1, kordtest::grainPos(*extent(d), 0)); },
-         "VMDK grains overlap in the extent file."},
+        {"grainsOverlap", [&] { make(sparse), patchGrainEntry(fs, uri(d), 1, kordtest::grainPos(*extent(d), 0) + 1); },
+         "VMDK grains overlap in the extent file.", "grainsOverlap"},
         {"descriptorAreaOverDirectory", [&] { make(sparse), patch(d, hdrDescriptorSize, le64(100)); },
          "VMDK grain directory overlaps the descriptor area."},
         {"compressedSlotZero",
@@ -178,9 +187,26 @@ TEST_F(HostileDiskTest, refusedWhereDamagedAndCheckAgrees)
              make(stream);
              patch(d, extent(d)->getGrainDirectory()->getSlotSizeDirectory()[0] * sector + 2, {0, 0});
          },
-         "VMDK grain table entry has a slot too small for its grain."},
-        {"compressedDataGarbage", [&] { make(stream), patch(d, kordtest::grainPos(*extent(d), 1) * sector + 20, Bytes(64, 0xFF)); },
-         "Error reading compressed data from VMDK. The data cannot be decompressed.", true, 1},
+         "VMDK grain table entry has a slot too small for its grain.", "slotTooSmall"},
+        {"compressedDataGarbage", [&] { make(stream), patch(d, grainSector(1) * sector + 20, Bytes(64, 0xFF)); },
+         "Error reading compressed data from VMDK. The data cannot be decompressed.", "", {}, true, 1},
+        {"grainHeaderSize", [&] { make(stream), patch(d, grainSector(700) * sector + 8, le32(0xFFFFFFF0u)); },
+         "Error reading compressed data from VMDK. Invalid compressed grain size.", "badGrainHeader", {}, true, 700},
+        {"version", [&] { make(sparse), patch(d, 4, le32(9)); }, "VMDK file has an unsupported version: 9", "refused"},
+        {"capacityTooSmall", [&] { make(sparse), patch(d, 12, le64(capacitySectors - grainSectors)); },
+         "VMDK extent file is smaller than its extent line.", "capacityTooSmall",
+         {{"capacity", std::to_string(capacitySectors - grainSectors)}}},
+        // The second extent of a split disk: the first is still checked.
+        {"secondExtentMagic", [&] { make(split, splitCapacity), patch(s2, 0, le32(0x12345678)); },
+         "Invalid magic number in VMDK sparse header", "refused",
+         {{"uri", uri(s2).toNormalized().toString(true).toUTF8()}}},
+        {"parentChanged",
+         [&] {
+             create("p.vmdk", sparse, capacitySectors);
+             make(sparse, 0, "p.vmdk");
+             writeAt(*open("p.vmdk", RW), 0, Bytes(10, 9));
+         },
+         "VMDK parent disk has changed, but a child disk depended on it.", "parentChanged"},
         {"symlinkedExtent",
          [&] {
              make(split, splitCapacity);
@@ -236,14 +262,22 @@ TEST_F(HostileDiskTest, refusedWhereDamagedAndCheckAgrees)
          },
          "VMDK descriptor is larger than the room for it in the file (descriptor size: "},
         // Damage the library lives with.
-        {"tableCopyDiffers", [&] { make(sparse), patchGrainEntry(fs, uri(d), 700, 0, false); }, "", true},
-        {"unclean", [&] { make(sparse), patch(d, hdrUnclean, {1}); }, "", true},
+        {"tableCopyDiffers", [&] { make(sparse), patchGrainEntry(fs, uri(d), 700, 0, false); }, "",
+         "directoriesDisagree", {{"grainIndex", "700"}, {"differingEntries", "1"}}, true},
+        {"unclean", [&] { make(sparse), patch(d, hdrUnclean, {1}); }, "", "uncleanShutdown", {}, true},
+        // The end-of-stream marker's type.
+        {"trail", [&] { make(stream), patch(d, fs->getFileSize(uri(d)) - 512 + 12, le32(5)); }, "", "damagedTrail", {},
+         true},
+        {"grainLBA", [&] { make(stream), patch(d, grainSector(1) * sector, le64(12345)); }, "", "grainLBAMismatch",
+         {{"expectedLBA", std::to_string(grainSectors)}}, true},
     };
     for (const Recipe& r : recipes) {
         SCOPED_TRACE(r.name);
         for (const auto& entry : std::filesystem::directory_iterator(temp.path())) std::filesystem::remove_all(entry);
         r.damage();
         const auto before = files();
+        std::vector<CVMDKChecker::CFinding> findings;
+        const std::string check = outcome([&] { findings = CVMDKChecker(fs, uri(d), zu::String()).check(); });
 
         const std::string info = outcome([&] { openDisk(fs, uri(d), R)->gatherSpaceInfo(); });
         const std::string cat = outcome([&] { readEverything(*openDisk(fs, uri(d), R)); });
@@ -267,14 +301,38 @@ TEST_F(HostileDiskTest, refusedWhereDamagedAndCheckAgrees)
         }
 
         // The checker: a finding that the library would refuse exactly when
-        // the library refuses, or the same failure.
+        // the library refuses, or the same failure; the damage by its kind.
         bool refused = !(info + cat + write).empty();
-        std::vector<CVMDKChecker::CFinding> findings;
-        const std::string check = outcome([&] { findings = CVMDKChecker(fs, uri(d), zu::String()).check(); });
         bool found = std::any_of(findings.begin(), findings.end(), [](auto& f) { return !isAdvisory(f.kind); });
         EXPECT_EQ(refused, found || !check.empty());
         if (!check.empty()) {
             EXPECT_TRUE(check == info || check == cat || check == write) << check;
         }
+        if (r.kind.empty()) continue;
+        auto f = std::find_if(findings.begin(), findings.end(),
+                              [&](auto& f) { return CVMDKChecker::getKindName(f.kind) == r.kind; });
+        EXPECT_EQ(1u, findings.size());
+        if (f == findings.end()) {
+            ADD_FAILURE() << "no finding of kind " << r.kind;
+            continue;
+        }
+        EXPECT_TRUE(r.kind != "refused" || f->message.toUTF8() == r.refusal) << f->message.toUTF8();
+        for (const auto& [key, value] : r.props)
+            EXPECT_EQ(value, (key == "uri" ? f->uri.toString(true) : f->props.get(key)).toUTF8()) << key;
     }
+}
+
+// What keeps the checker from checking is thrown, not reported; an empty
+// disk is clean (disks written by every kind of workload are found clean by
+// the disk matrix and the fault sweep).
+TEST_F(HostileDiskTest, checkerThrowsWhatStopsItAndFindsAnEmptyDiskClean)
+{
+    create("empty.vmdk", "streamOptimized", capacitySectors);
+    EXPECT_TRUE(findingKinds(fs, uri("empty.vmdk")).empty());
+    kordtest::expectThrows<zu::CFileSystemError>([&] { findingKinds(fs, uri("missing.vmdk")); });
+    writeAt(*create("enc.vmdk", "monolithicSparse", capacitySectors, "right"), 0, Bytes(10, 1));
+    EXPECT_EQ("Specified VMDK encryption password is not correct.",
+              kordtest::msg(kordtest::expectThrows([&] { findingKinds(fs, uri("enc.vmdk"), "wrong"); })));
+    zu::P<CVMDKDisk> writer = open("enc.vmdk", RW, "right");
+    kordtest::expectThrows<zu::CLockFileError>([&] { findingKinds(fs, uri("enc.vmdk"), "right"); });
 }
