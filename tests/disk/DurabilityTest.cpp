@@ -73,17 +73,19 @@ TEST_F(DurabilityTest, writeErrorsReachTheCallerAndARetryKeepsEveryChange)
     const auto workload = [&](CVMDKDisk& disk) {
         for (long long g : grains) writeAt(disk, g * grainBytes + 9, kordtest::pattern(grainBytes, g));
     };
+    // A cache of one table: the others are written while the disk is in use.
+    const auto openWithSmallCache = [](zu::IFileSystem* fs) {
+        return zu::newObj<CVMDKDisk>(fs, diskURI, RW, "", -1, zu::newObj<kord::CVMDKGrainTableCache>(1), nullptr);
+    };
     zu::P<CFaultFileSystem> counting = copy(*base);
-    zu::P<kord::CVMDKGrainTableCache> cache = zu::newObj<kord::CVMDKGrainTableCache>(1);
-    workload(*zu::newObj<CVMDKDisk>(counting, diskURI, RW, "", -1, cache, nullptr));
+    workload(*openWithSmallCache(counting));
     const std::vector<std::string> kinds = counting->getCallKinds();
     for (long long call = 1; call <= static_cast<long long>(kinds.size()); ++call) {
         if (kinds[static_cast<size_t>(call - 1)] != "write") continue;
         SCOPED_TRACE(call);
         zu::P<CFaultFileSystem> fs = copy(*base);
         fs->arm(call, Fault::ioError);
-        cache = zu::newObj<kord::CVMDKGrainTableCache>(1);
-        zu::P<CVMDKDisk> disk = zu::newObj<CVMDKDisk>(fs, diskURI, RW, "", -1, cache, nullptr);
+        zu::P<CVMDKDisk> disk = openWithSmallCache(fs);
         kordtest::expectThrows<zu::CIOError>([&] {
             workload(*disk);
             disk->flushChanges();
