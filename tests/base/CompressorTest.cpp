@@ -42,9 +42,8 @@ Bytes decompress(zu::ISimpleCompressor& c, const Bytes& in, std::size_t capacity
 
 zu::CIOError expectBadData(zu::ISimpleCompressor& c, const Bytes& in, std::size_t capacity)
 {
-    auto e = expectThrows<zu::CIOError>([&] { decompress(c, in, capacity); });
-    EXPECT_EQ(e.getCode(), zu::CIOError::codeInvalidData);
-    EXPECT_EQ(msg(e), "Deflate data could not be decompressed.");
+    auto e = kordtest::expectError([&] { decompress(c, in, capacity); }, "Deflate data could not be decompressed.",
+                                   zu::CIOError::codeInvalidData);
     EXPECT_FALSE(e.getProp("engineError").empty());
     return e;
 }

@@ -57,9 +57,8 @@ TEST_P(FileSystemTest, positionalReadWriteAndShortRead)
 
     P<IIOStream> other = open(fs, file, IIOStream::accessRead);
     other->seek(104990);
-    auto shortRead = expectThrows<CIOError>([&] { other->read(expected.data(), 20); });
-    EXPECT_EQ(shortRead.getCode(), CIOError::codeEndOfData);
-    EXPECT_EQ(kordtest::msg(shortRead), "Unexpected end of data.");
+    auto shortRead = kordtest::expectError([&] { other->read(expected.data(), 20); }, "Unexpected end of data.",
+                                           CIOError::codeEndOfData);
     EXPECT_EQ(shortRead.getProp("position"), "104990");
     EXPECT_EQ(shortRead.getProp("bytesToRead"), "20");
     EXPECT_EQ(other->getPosition(), 104990);

@@ -158,11 +158,10 @@ TEST(DescriptorTest, textIsUtf8AndStoreFillsTargetSizeExactly)
     EXPECT_EQ(expected, store(*d, size, 0));
     EXPECT_EQ(expected, text(*d));
 
-    const zu::CIOError tooLong = expectThrows<zu::CIOError>([&] { store(*d, size - 1, 1000); });
-    EXPECT_EQ("VMDK descriptor is larger than the room for it in the file (descriptor size: " + std::to_string(size) +
-                  " bytes, room: " + std::to_string(size - 1) + " bytes).",
-              msg(tooLong));
-    EXPECT_EQ(zu::CIOError::codeInvalidData, tooLong.getCode());
+    kordtest::expectError([&] { store(*d, size - 1, 1000); },
+                          "VMDK descriptor is larger than the room for it in the file (descriptor size: " +
+                              std::to_string(size) + " bytes, room: " + std::to_string(size - 1) + " bytes).",
+                          zu::CIOError::codeInvalidData);
     EXPECT_EQ("Internal error: pad buffer too small (size: 9, needed: 10",
               msg(expectThrows<zu::CError>([&] { store(*d, size + 10, 9); })));
 }
@@ -213,9 +212,8 @@ TEST(DescriptorTest, typedValuesUseTheirKeysAndFormats)
     zu::P<CVMDKDescriptor> bad = parse("CID=0x12\nzuEncIV=abc\nversion=4294967297\nddb.geometry.heads = \"1x\"\n");
     bad->setSourceURI(zu::CURI("file:///vm/disk.vmdk"));
     for (const auto& [get, message] : refused) {
-        const zu::CIOError e = expectThrows<zu::CIOError>([&] { get(*bad); });
-        EXPECT_EQ("VMDK descriptor value " + message, msg(e));
-        EXPECT_EQ(zu::CIOError::codeInvalidData, e.getCode());
+        const zu::CIOError e = kordtest::expectError([&] { get(*bad); }, "VMDK descriptor value " + message,
+                                                     zu::CIOError::codeInvalidData);
         EXPECT_EQ("file:///vm/disk.vmdk", str(e.getProp("uri")));
     }
 
@@ -223,10 +221,10 @@ TEST(DescriptorTest, typedValuesUseTheirKeysAndFormats)
     CVMDKDescriptor empty;
     EXPECT_EQ(0xffffffffu, empty.getParentContentID());
     EXPECT_FALSE(empty.getZuCreateExtentFilesOnDemand());
-    zu::CError e = expectThrows<zu::CError>([&] { empty.getCreateType(); });
-    EXPECT_EQ("VMDK descriptor value 'createType' not found.", msg(e));
-    EXPECT_EQ(-1, e.getCode());
-    EXPECT_TRUE(e.getProps().empty());
+    EXPECT_TRUE(kordtest::expectError<zu::CError>([&] { empty.getCreateType(); },
+                                                  "VMDK descriptor value 'createType' not found.", -1)
+                    .getProps()
+                    .empty());
 }
 
 TEST(DescriptorTest, extentLineGrammar)
