@@ -123,7 +123,9 @@ long long CVMDKGrainAllocator::allocNewGrainImpl(long long extentGrainIndex, con
     if (position >= 0) {
         // A freed slot holds an old version of some grain: no need to zero what the data leaves.
         writeAt(position, data, size, keep);
-        reusedSinceCommit.insert(position / vmdkSectorSize);
+        long long posSectors = position / vmdkSectorSize;
+        reusedSinceCommit.insert(std::lower_bound(reusedSinceCommit.begin(), reusedSinceCommit.end(), posSectors),
+                                 posSectors);
     } else {
         position = appendSlot(data, size, keep, slotBytes);
     }
@@ -185,13 +187,14 @@ bool CVMDKGrainAllocator::isSlotUncommitted(long long posSectors) const
 {
     long long position = posSectors * vmdkSectorSize;
     return (appendedSinceCommit && position >= uncommittedFrom && position < allocationPoint) ||
-           reusedSinceCommit.count(posSectors) > 0;
+           std::binary_search(reusedSinceCommit.begin(), reusedSinceCommit.end(), posSectors);
 }
 
 void CVMDKGrainAllocator::releaseSlot(long long posSectors, long long slotSizeSectors)
 {
     if (isSlotUncommitted(posSectors)) {
-        reusedSinceCommit.erase(posSectors);
+        auto reused = std::lower_bound(reusedSinceCommit.begin(), reusedSinceCommit.end(), posSectors);
+        if (reused != reusedSinceCommit.end() && *reused == posSectors) reusedSinceCommit.erase(reused);
         freeSlots.emplace(slotSizeSectors, posSectors);
     } else {
         releasedSlots.push_back(CSlot{posSectors, slotSizeSectors});
@@ -221,19 +224,20 @@ void CVMDKGrainAllocator::commit()
 
 // Free slots at the end of the grain data (left by the last grains when
 // they moved) are cut off the file, where no trail follows them: no table
-// points at them any more.
+// points at them any more. Free slots never overlap, so walking them by
+// their ends from the last finds every slot of the free run at the end in
+// one pass, however many there are.
 void CVMDKGrainAllocator::trimFreeEnd()
 {
+    using Slot = std::multimap<long long, long long>::iterator;
+    std::vector<std::pair<long long, Slot>> byEnd;
+    byEnd.reserve(freeSlots.size());
+    for (Slot it = freeSlots.begin(); it != freeSlots.end(); ++it) byEnd.emplace_back(it->second + it->first, it);
+    std::sort(byEnd.begin(), byEnd.end(), [](const auto& a, const auto& b) { return a.first < b.first; });
     long long end = allocationPoint / vmdkSectorSize;
-    for (bool found = true; found;) {
-        found = false;
-        for (auto it = freeSlots.begin(); it != freeSlots.end(); ++it) {
-            if (it->second + it->first != end) continue;
-            end = it->second;
-            freeSlots.erase(it);
-            found = true;
-            break;
-        }
+    for (; !byEnd.empty() && byEnd.back().first == end; byEnd.pop_back()) {
+        end = byEnd.back().second->second;
+        freeSlots.erase(byEnd.back().second);
     }
     if (end * vmdkSectorSize == allocationPoint) return;
     allocationPoint = end * vmdkSectorSize;

@@ -39,7 +39,6 @@
 #include "grain/IVMDKGrainAllocator.h"
 
 #include <map>
-#include <set>
 #include <vector>
 
 namespace kord {
@@ -114,10 +113,12 @@ private:
     // How many of releasedSlots the tables being written no longer point at.
     size_t committableSlots = 0;
     // Since the tables were last written: slots appended from
-    // uncommittedFrom (bytes) on, and free slots handed out again.
+    // uncommittedFrom (bytes) on, and free slots handed out again (their
+    // sectors, sorted; a vector keeps its room between commits, so rewrites
+    // allocate nothing once it has grown).
     bool appendedSinceCommit = false;
     long long uncommittedFrom = 0;
-    std::set<long long> reusedSinceCommit;
+    std::vector<long long> reusedSinceCommit;
 };
 
 } // namespace kord
