@@ -43,6 +43,8 @@ public:
     int getBestPerformancePositionAlign() const override { return 1; }
     // fdatasync: the data (and the size) reach stable storage.
     void sync() override;
+    // sync_file_range's write-out of the whole file, not waited for.
+    void startSync() override;
 
     // The CFileSystemError for an OS error number: the problem it stands
     // for, a message of `action` and the OS text, properties "uri" and

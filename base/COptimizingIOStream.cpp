@@ -302,6 +302,12 @@ void COptimizingIOStream::sync()
     if (auto* durable = tryCast<IDurableStream>(static_cast<IBase*>(inner))) durable->sync();
 }
 
+void COptimizingIOStream::startSync()
+{
+    flush();
+    if (auto* durable = tryCast<IDurableStream>(static_cast<IBase*>(inner))) durable->startSync();
+}
+
 void COptimizingIOStream::setLength(long long length)
 {
     checkOpen();

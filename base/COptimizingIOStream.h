@@ -63,6 +63,8 @@ public:
     int getBestPerformancePositionAlign() const override { return bestPositionAlign; }
     // flush(), then the inner stream's sync() when it has one.
     void sync() override;
+    // flush(), then the inner stream's startSync() when it has one.
+    void startSync() override;
 
     // Counters for tests and benchmarks: transfers that reached the inner stream.
     struct Stats {

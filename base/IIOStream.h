@@ -106,6 +106,10 @@ public:
 class IDurableStream : public virtual IBase {
 public:
     virtual void sync() = 0;
+    // Starts writing what was written so far to stable storage and returns
+    // without waiting, so that a long write's final sync() has little left
+    // to wait for. Promises nothing about durability.
+    virtual void startSync() {}
 };
 
 // Makes what was written to the stream durable where the stream can: its

@@ -54,10 +54,20 @@ bool CDiskSource::read(long long position, unsigned char* buffer, long long byte
 
 CRawTarget::CRawTarget(zu::IIOStream& stream, long long size) : stream(stream), size(size) {}
 
+namespace {
+
+constexpr long long writeOutStepBytes = 32LL << 20;
+
+} // namespace
+
 void CRawTarget::write(long long position, const unsigned char* data, long long bytes)
 {
     stream.seek(position);
     stream.write(data, static_cast<int>(bytes));
+    unsyncedBytes += bytes;
+    if (unsyncedBytes < writeOutStepBytes) return;
+    unsyncedBytes = 0;
+    if (auto* durable = zu::tryCast<zu::IDurableStream>(static_cast<zu::IBase*>(&stream))) durable->startSync();
 }
 
 void CRawTarget::finish()

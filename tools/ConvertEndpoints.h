@@ -56,7 +56,9 @@ public:
 };
 
 // A raw image of `size` bytes written through a stream on a new file;
-// ranges never written stay holes.
+// ranges never written stay holes. Write-out to storage is started every
+// few dozen MiB, so that it overlaps the conversion instead of all being
+// waited for by the sync at the end.
 class CRawTarget : public IConvertTarget {
 public:
     CRawTarget(zu::IIOStream& stream, long long size);
@@ -66,6 +68,7 @@ public:
 private:
     zu::IIOStream& stream;
     long long size;
+    long long unsyncedBytes = 0;
 };
 
 // A new disk made through the library under temporary names (the main
