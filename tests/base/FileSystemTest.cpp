@@ -5,8 +5,6 @@
 #include "common/TestUtil.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
-
 
 using namespace zu;
 using kordtest::expectThrows;
@@ -86,9 +84,9 @@ TEST(MemoryFileSystemTest, spellingsOfOneFileNameTheSameFile)
 }
 
 // What is not a regular file is refused at once, whatever the access: a
-// FIFO without a writer would otherwise block the open forever. A block
-// device opens only when the caller allows it. (FIFOs among a disk's files,
-// and links that name one extent twice, are refused with the hostile disks.)
+// FIFO without a writer would otherwise block the open forever. (FIFOs among
+// a disk's files, and links that name one extent twice, are refused with the
+// hostile disks.)
 TEST(LocalFileSystemTest, onlyRegularFilesOpenAndNothingBlocks)
 {
     kordtest::TempDir dir;
@@ -110,20 +108,4 @@ TEST(LocalFileSystemTest, onlyRegularFilesOpenAndNothingBlocks)
     EXPECT_EQ(CFileSystemError::problemNotRegularFile,
               expectThrows<CFileSystemError>([&] { fs->lockFile(local("fifo"), IStreamBase::lockShared, false, false); })
                   .getProblem());
-
-    // Any block device will do; containers often have none.
-    for (const char* device : {"/dev/loop0", "/dev/vda", "/dev/sda", "/dev/nvme0n1"}) {
-        struct stat info;
-        if (::stat(device, &info) != 0 || !S_ISBLK(info.st_mode)) continue;
-        CURI uri = CLocalFileSystem::pathToURI(device);
-        EXPECT_EQ(CFileSystemError::problemNotRegularFile,
-                  expectThrows<CFileSystemError>([&] { open(fs, uri, IIOStream::accessRead); }).getProblem());
-        try {
-            fs->openStream(uri, IIOStream::accessRead, CProps().set(IFileSystem::optionAllowBlockDevice, "true"));
-        } catch (const CFileSystemError& e) {
-            EXPECT_NE(CFileSystemError::problemNotRegularFile, e.getProblem()) << e.what();
-        }
-        return;
-    }
-    GTEST_SKIP() << "no block device to open";
 }

@@ -45,12 +45,9 @@ TEST(URITest, spellingsMapToOneForm)
     } cases[] = {
         {unixPath, "//a/./b/../c/", "/a/c"}, {unixPath, "/../../x", "/x"}, {unixPath, "../a/../../b", "../../b"},
         {unixPath, "a/..", ""}, {unixPath, "a\\b:c", "a\\b:c"},
-        {windowsPath, "c:/x//y/", "C:\\x\\y"}, {windowsPath, "C:\\a\\..\\..\\b", "C:\\b"},
-        {windowsPath, "//server/share/x/../..", "\\\\server\\share\\"}, {windowsPath, "a\\b. .\\.\\c", "a\\b\\c"},
-        {windowsPath, "\\..\\x", "\\x"}, {windowsPath, "d:..\\x", "D:..\\x"},
+        {windowsPath, "c:/x//y/", "C:\\x\\y"}, {windowsPath, "//server/share/x/../..", "\\\\server\\share\\"},
         {fromUnix, "/data//x/", "file:///data/x"}, {fromUnix, "sub/x", "sub/x"},
-        {fromWindows, "\\\\server\\share", "file://server/share"}, {fromWindows, "\\x.vmdk", "/x.vmdk"},
-        {fromWindows, "C:x", "C:/x"},
+        {fromWindows, "\\\\server\\share", "file://server/share"},
         {normalized, "FILE://SerVer/a/./b//c/", "file://server/a/b/c"}, {normalized, "HTTP://User@HOST:80/x", "http://User@host:80/x"},
         {normalized, "file:///a/../../x", "file:///x"}, {normalized, "a/./..", ""},
         {parent, "file:///data/vm/disk.vmdk?q#f", "file:///data/vm"}, {parent, "file:///", "file:///"},
@@ -65,22 +62,21 @@ TEST(URITest, spellingsMapToOneForm)
 
 TEST(URITest, encodedFormRoundTrips)
 {
-    const CURI spaced(CUnixPath(String("/data/my disk 100%.vmdk")), true);
-    EXPECT_EQ("file:///data/my%20disk%20100%25.vmdk", enc(spaced));
-    const CURI accented(CUnixPath(String("/d\xC3\xA9j\xC3\xA0/\xE6\x97\xA5?#[x]")), true);
-    EXPECT_EQ("file:///d%C3%A9j%C3%A0/%E6%97%A5%3F%23%5Bx%5D", enc(accented));
     // A colon in the first name of a relative reference would read back as
-    // a scheme; elsewhere it stays plain.
-    const CURI colon(CUnixPath(String("a:b/c:d")), false);
-    EXPECT_EQ("a%3Ab/c:d", enc(colon));
-    // Without an authority a path opening with "//" must not read back as one.
-    const CURI doubleSlash = uri("x:/%2Fb");
-    EXPECT_EQ("//b", str(doubleSlash.getPath()));
-    EXPECT_EQ("x:/%2Fb", enc(doubleSlash));
-    for (const CURI& u : {spaced, accented, colon, doubleSlash, CURI(CUnixPath(String("a\\b")), false), uri("http://h/p?q#f"),
-                          CURI(CWindowsPath(String("\\\\srv\\share\\a b")), true)}) {
-        EXPECT_EQ(u, CURI(u.toString(false))) << dec(u);
+    // a scheme; elsewhere it stays plain. Without an authority a path
+    // opening with "//" must not read back as one.
+    const std::pair<CURI, const char*> cases[] = {
+        {CURI(CUnixPath(String("/data/my disk 100%.vmdk")), true), "file:///data/my%20disk%20100%25.vmdk"},
+        {CURI(CUnixPath(String("/d\xC3\xA9j\xC3\xA0/\xE6\x97\xA5?#[x]")), true), "file:///d%C3%A9j%C3%A0/%E6%97%A5%3F%23%5Bx%5D"},
+        {CURI(CUnixPath(String("a:b/c:d")), false), "a%3Ab/c:d"}, {uri("x:/%2Fb"), "x:/%2Fb"},
+        {CURI(CUnixPath(String("a\\b")), false), "a%5Cb"}, {uri("http://h/p?q#f"), "http://h/p?q#f"},
+        {CURI(CWindowsPath(String("\\\\srv\\share\\a b")), true), "file://srv/share/a%20b"},
+    };
+    for (const auto& [u, encoded] : cases) {
+        EXPECT_EQ(encoded, enc(u));
+        EXPECT_EQ(u, CURI(u.toString(false))) << encoded;
     }
+    EXPECT_EQ("//b", str(uri("x:/%2Fb").getPath()));
 }
 
 TEST(URITest, malformedEscapesBadNamesAndRelativePathsRefused)

@@ -96,12 +96,11 @@ TEST(CipherAES256CBC, badArgumentsRefused)
 {
     pell::CCipher_AES256CBC cipher;
     const unsigned char *k = nistKey.data(), *iv = nistIV.data(), *in = nistPlain.data();
-    Bytes data = nistPlain;
     Buffer out, self(in, 32);
+    // One call per refusal: blocks without padding, null key, null IV,
+    // negative length, unknown flags, input inside the output.
     for (const std::function<void()>& call : std::vector<std::function<void()>>{
-             [&] { cipher.encrypt(k, in, 17, out, noPad, iv); }, [&] { cipher.decrypt(k, in, 31, out, noPad, iv); },
-             [&] { cipher.encryptBlocksInPlace(k, data.data(), 20, iv); },
-             [&] { cipher.decryptBlocksInPlace(k, data.data(), 8, iv); }, [&] { cipher.encrypt(nullptr, in, 16, out, 0, iv); },
+             [&] { cipher.encrypt(k, in, 17, out, noPad, iv); }, [&] { cipher.encrypt(nullptr, in, 16, out, 0, iv); },
              [&] { cipher.decrypt(k, in, 16, out, 0, nullptr); }, [&] { cipher.encrypt(k, in, -16, out, 0, iv); },
              [&] { cipher.encrypt(k, in, 16, out, 4, iv); }, [&] { cipher.encrypt(k, self.getData(), 32, self, 0, iv); }})
         expectThrows<zu::CInvalidArgError>(call);
@@ -109,7 +108,6 @@ TEST(CipherAES256CBC, badArgumentsRefused)
         auto e = expectThrows<zu::CError>([&] { cipher.decrypt(k, in, length, out, 0, iv); });
         EXPECT_EQ("Decryption failed: the encrypted data is not a whole, non-zero number of cipher blocks.", msg(e));
     }
-    EXPECT_EQ(nistPlain, data);
 }
 
 TEST(DigestSHA256, fipsVectorsWholeAndInPiecesAndMisuse)
