@@ -14,11 +14,7 @@ TEST(ErrnoTest, eachErrorGetsItsErrno)
 {
     const zu::CFileSystemError full(zu::CFileSystemError::problemNoSpace, "Cannot write.",
                                     zu::CProps().set("osError", EDQUOT));
-    struct Case {
-        const char* name;
-        std::function<void()> raise;
-        int expected;
-    } cases[] = {
+    const struct { const char* name; std::function<void()> raise; int expected; } cases[] = {
         {"os error of the cause", [&] { throw zu::CIOError(zu::CIOError::codeWrite, "", zu::CProps(), &full); }, EDQUOT},
         {"os error that is no number",
          [] { throw zu::CFileSystemError(zu::CFileSystemError::problemNoSpace, "x", zu::CProps().set("osError", "many")); },
@@ -31,7 +27,7 @@ TEST(ErrnoTest, eachErrorGetsItsErrno)
         {"allocation", [] { throw std::bad_alloc(); }, ENOMEM},
         {"foreign", [] { throw std::runtime_error("x"); }, EIO},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         try {
             c.raise();
             ADD_FAILURE() << c.name << ": nothing thrown";

@@ -39,10 +39,7 @@ TEST(URITest, spellingsMapToOneForm)
         normalized = [](const char* u) { return dec(uri(u).toNormalized()); },
         parent = [](const char* u) { return dec(uri(u).getParent()); },
         appended = [](const char* r) { return dec(uri("file://host/data/vm?q#f") << uri(r)); };
-    const struct {
-        const std::function<std::string(const char*)>& map;
-        const char *in, *out;
-    } cases[] = {
+    const struct { const std::function<std::string(const char*)>& map; const char *in, *out; } cases[] = {
         {unixPath, "//a/./b/../c/", "/a/c"}, {unixPath, "/../../x", "/x"}, {unixPath, "../a/../../b", "../../b"},
         {unixPath, "a/..", ""}, {unixPath, "a\\b:c", "a\\b:c"},
         {windowsPath, "c:/x//y/", "C:\\x\\y"}, {windowsPath, "//server/share/x/../..", "\\\\server\\share\\"},

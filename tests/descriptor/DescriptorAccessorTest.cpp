@@ -22,18 +22,21 @@ const std::string separateText = "# Disk DescriptorFile\nversion=1\nencoding=\"U
                                  "createType=\"twoGbMaxExtentSparse\"\n\nRW 8 SPARSE \"disk-s001.vmdk\"\n";
 const unsigned sparseCID = 0x1234abcd;
 
+Bytes bytesOf(const std::string& text) { return Bytes(text.begin(), text.end()); }
+
 class DescriptorAccessorTest : public kordtest::FileSystemTest {
 protected:
     // A monolithic sparse extent of 16 grains of 8 sectors: header, a
     // 20-sector descriptor area at sector 1, metadata up to sector 32.
     zu::CURI makeSparse(const std::string& name)
     {
+        fs->deleteFile(uri(name), true);
         kordtest::createExtent(fs, uri(name), kordtest::plainKind, 16, 8);
         return uri(name);
     }
     zu::CURI makeText(const std::string& text)
     {
-        kordtest::writeAll(fs, uri("disk.vmdk"), Bytes(text.begin(), text.end()));
+        kordtest::writeAll(fs, uri("disk.vmdk"), bytesOf(text));
         return uri("disk.vmdk");
     }
     zu::P<CVMDKDescriptorAccessor> load(const zu::CURI& u, int access = zu::IIOStream::accessReadWrite)
@@ -86,9 +89,9 @@ TEST_P(DescriptorAccessorTest, textFileRewrittenWithinItsSize)
     d->setCreateType("x");
     accessor->storeDescriptor(false);
     accessor = nullptr;
-    std::string shorter = d->toString().toUTF8();
-    shorter.resize(separateText.size(), '\0');
-    EXPECT_EQ(Bytes(shorter.begin(), shorter.end()), readAll(fs, u));
+    Bytes shorter = bytesOf(d->toString().toUTF8());
+    shorter.resize(separateText.size(), 0);
+    EXPECT_EQ(shorter, readAll(fs, u));
     accessor = load(u);
     EXPECT_EQ(d->toString(), accessor->getDescriptor()->toString());
 
@@ -97,7 +100,7 @@ TEST_P(DescriptorAccessorTest, textFileRewrittenWithinItsSize)
     // (The message is checked where the descriptor is stored.)
     EXPECT_EQ(u.toString(true), expectThrows<zu::CIOError>([&] { accessor->storeDescriptor(true); }).getProp("uri"));
     accessor = nullptr;
-    EXPECT_EQ(Bytes(shorter.begin(), shorter.end()), readAll(fs, u));
+    EXPECT_EQ(shorter, readAll(fs, u));
 
     // Files too short to hold a magic number are text.
     EXPECT_EQ(1, load(makeText("a="))->getDescriptor()->getEntryCount());
@@ -124,12 +127,7 @@ TEST_P(DescriptorAccessorTest, hostileHeaderFieldsRefused)
     using kordtest::le32;
     using kordtest::le64;
     const std::string none = "No VMDK descriptor found in VMDK file.";
-    const struct {
-        long long offset;
-        Bytes bytes;
-        long long code;
-        std::string message;
-    } cases[] = {
+    const struct { long long offset; Bytes bytes; long long code; std::string message; } cases[] = {
         {hdr::descriptorOffset, le64(0), 5, none},   // a stream-optimized or descriptor-less extent
         {hdr::descriptorSize, le64(0), 5, none},
         {hdr::descriptorOffset, le64(static_cast<unsigned long long>(-1)), 5, none},
@@ -144,17 +142,12 @@ TEST_P(DescriptorAccessorTest, hostileHeaderFieldsRefused)
         {hdr::version, le32(0), 6, "VMDK file has an unsupported version: 0"},
     };
     for (const auto& c : cases) {
-        const zu::CURI u = makeSparse("disk.vmdk");
-        kordtest::patchFile(fs, u, c.offset, c.bytes);
-        loadFails(u, c.message, c.code);
-        fs->deleteFile(u, false);
+        kordtest::patchFile(fs, makeSparse("disk.vmdk"), c.offset, c.bytes);
+        loadFails(uri("disk.vmdk"), c.message, c.code);
     }
-
     // The area ending exactly at the end of the file (12 + 20 = 32 sectors) is valid.
-    const zu::CURI u = makeSparse("disk.vmdk");
-    kordtest::patchFile(fs, u, hdr::descriptorOffset, le64(12));
-    ASSERT_EQ(32 * 512, fs->getFileSize(u));
-    EXPECT_EQ(0, load(u)->getDescriptor()->getEntryCount());
+    kordtest::patchFile(fs, makeSparse("disk.vmdk"), hdr::descriptorOffset, le64(12));
+    EXPECT_EQ(0, load(uri("disk.vmdk"))->getDescriptor()->getEntryCount());
 }
 
 TEST_P(DescriptorAccessorTest, contentIdRenewedOnceInTheRightFileThroughTheRightStream)
@@ -234,7 +227,7 @@ TEST_P(DescriptorAccessorTest, updaterRewritesSeparateDescriptorFileInPlace)
     ASSERT_EQ(8u, renewed.size());
     expected.replace(expected.find("12345678"), 8, renewed);
     EXPECT_NE(separateText, expected);
-    EXPECT_EQ(Bytes(expected.begin(), expected.end()), readAll(fs, u));
+    EXPECT_EQ(bytesOf(expected), readAll(fs, u));
 }
 
 KORD_INSTANTIATE_FS(DescriptorAccessorTest);

@@ -76,16 +76,13 @@ TEST_P(EmptyLayoutTest, plainLayoutsByteForByteWithCountsRoundedUp)
 {
     // Redundant directory at sector 1, its tables right after it, then the
     // directory and its tables; zeros up to the grain boundary.
-    struct Case {
-        long long grains, grainSize, tables, dirSectors, gdOffset, overHead;
-    };
-    const std::vector<Case> cases = {
+    const struct { long long grains, grainSize, tables, dirSectors, gdOffset, overHead; } cases[] = {
         {4096, 128, 8, 1, 34, 128},       // 8 tables at 2, 6, 10 ... 30
         {1, 8, 1, 1, 6, 16},              // one grain still gets a table
         {513, 8, 2, 1, 10, 24},           // one grain more than a table holds
         {129 * 512, 8, 129, 2, 519, 1040} // the directory needs a second sector, zero after its last entry
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         SCOPED_TRACE(c.grains);
         create(false, c.grains, c.grainSize);
         ExpectedImage expected(c.overHead);
@@ -126,20 +123,22 @@ TEST_P(EmptyLayoutTest, embeddedDescriptorAndKeyHashShiftTheMetadata)
     keyHash[31] = 0x01;
     create(false, 1, 8, &descriptor, 20, keyHash);
 
+    // The plain header with the extended magic, the descriptor area at
+    // sector 1, the metadata after it (rgd 21, gd 21 + 1 + 4, overHead 31
+    // rounded up to a grain), and encAlg 1, encKeyHashAlg 1, the hash's size
+    // and the hash.
+    ExpectedImage expected(1);
+    expected.header(0, false, 1, 8, 21, 26, 32);
+    unsigned char* p = expected.sector(0);
+    zu::storeLE32(p, 0x05644B45);
+    zu::storeLE64(p + 28, 1);
+    zu::storeLE64(p + 36, 20);
+    p[79] = p[81] = 1;
+    p[83] = 32;
+    std::copy(keyHash.getData(), keyHash.getData() + 32, p + 85);
     const Bytes bytes = file();
     ASSERT_EQ(32u * 512, bytes.size());
-    EXPECT_EQ(0x05644B45u, zu::loadLE32(&bytes[0]));   // extended magic
-    EXPECT_EQ(1u, zu::loadLE64(&bytes[28]));           // descriptorOffset
-    EXPECT_EQ(20u, zu::loadLE64(&bytes[36]));          // descriptorSize
-    EXPECT_EQ(21u, zu::loadLE64(&bytes[48]));          // rgdOffset right after the descriptor area
-    EXPECT_EQ(26u, zu::loadLE64(&bytes[56]));          // gdOffset: 21 + 1 + 4
-    EXPECT_EQ(32u, zu::loadLE64(&bytes[64]));          // overHead: 31 rounded up to 8-sector grains
-    // encAlg 1, encKeyHashAlg 1, encKeyHashSize 32, the hash, zeros.
-    Bytes encryption(512 - 79, 0);
-    encryption[0] = encryption[2] = 1;
-    encryption[4] = 32;
-    std::copy(keyHash.getData(), keyHash.getData() + 32, encryption.begin() + 6);
-    EXPECT_EQ(encryption, kordtest::slice(bytes, 79, 512 - 79));
+    EXPECT_EQ(expected.bytes, kordtest::slice(bytes, 0, 512));
 }
 
 TEST_P(EmptyLayoutTest, failedCreationLeavesNoFileAndKeepsAnExistingOne)

@@ -9,11 +9,7 @@ TEST(FileReferenceTest, referencesResolveBesideTheDescriptorOrWhereTheyPoint)
     // The folder of a descriptor at /data/vm/disk.vmdk.
     const zu::CURI base = zu::CURI(zu::CUnixPath(zu::String("/data/vm/disk.vmdk")), true).getParent();
     const zu::CURI server(zu::String("file://host/x"));
-    const struct {
-        const char* reference;
-        const zu::CURI& from;
-        const char* expected;
-    } cases[] = {
+    const struct { const char* reference; const zu::CURI& from; const char* expected; } cases[] = {
         // A drive path is absolute whatever the base.
         {"C:\\vms\\disk-s001.vmdk", base, "file:///C:/vms/disk-s001.vmdk"},
         {"c:/vms/disk-s001.vmdk", server, "file:///C:/vms/disk-s001.vmdk"},
