@@ -234,9 +234,8 @@ TEST(DescriptorTest, extentLineGrammar)
     for (const char* notExtent : {"RW 100 FLAT x.vmdk", "RW 100 \"x.vmdk\"", "RW abc SPARSE \"x.vmdk\"",
                                   "RW 100 FLAT \"x.vmdk\" 0 extra", "RW 100 FLAT \"x.vmdk", "RW\t100 FLAT \"x\"",
                                   " RW 100 FLAT \"x\"", "RW 99999999999999999999 FLAT \"x\"",
-                                  "RW 100 FLAT \"x\" 99999999999999999999", "RW 100 FLAT", "RW abc ZERO", "RW", ""}) {
+                                  "RW 100 FLAT \"x\" 99999999999999999999", "RW 100 FLAT", "RW abc ZERO", "RW", ""})
         EXPECT_FALSE(CVMDKExtentInfo::tryParseDescriptorLine(zu::String(notExtent))) << notExtent;
-    }
 
     // In a descriptor: a name with "=" is still a file name, a broken line stays as written.
     zu::P<CVMDKDescriptor> d = parse("RW 100 FLAT \"x=y.vmdk\" 0\nRW 100 FLAT x.vmdk\n");
