@@ -17,12 +17,8 @@
 #include <type_traits>
 #include <vector>
 
-using kordtest::expectThrows;
-using kordtest::msg;
-using zu::CInvalidArgError;
-using zu::P;
-using zu::String;
-using zu::TBuffer;
+using namespace kordtest;
+using namespace zu;
 
 namespace {
 

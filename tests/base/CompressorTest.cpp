@@ -8,8 +8,7 @@
 #include <cstdint>
 #include <vector>
 
-using kordtest::expectThrows;
-using kordtest::msg;
+using namespace kordtest;
 using Bytes = std::vector<unsigned char>;
 
 namespace {

@@ -7,8 +7,7 @@
 #include <sys/stat.h>
 
 using namespace zu;
-using kordtest::expectThrows;
-using kordtest::FileSystemTest;
+using namespace kordtest;
 
 namespace {
 

@@ -36,7 +36,7 @@ public:
         }
         close(fds[1]);
         char state = 0;
-        bool ready = read(fds[0], &state, 1) == 1;
+        const bool ready = read(fds[0], &state, 1) == 1;
         close(fds[0]);
         if (!ready) {
             waitpid(pid, nullptr, 0);
@@ -44,12 +44,9 @@ public:
         }
     }
     ~LockHolder() { killNow(); }
-
     void killNow()
     {
-        if (pid <= 0) return;
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
+        if (pid > 0 && kill(pid, SIGKILL) == 0) waitpid(pid, nullptr, 0);
         pid = -1;
     }
 
@@ -57,17 +54,13 @@ private:
     pid_t pid = -1;
 };
 
-class LockFileTest : public testing::Test {
-protected:
+} // namespace
+
+TEST(LockFileTest, otherProcessIsExcludedUntilItDiesReadersShareAndWaitersGetTheLock)
+{
     kordtest::TempDir dir;
     P<IFileSystem> fs = newObj<CLocalFileSystem>();
     CURI uri = CLocalFileSystem::pathToURI(dir.file("disk.vmdk.lock"));
-};
-
-} // namespace
-
-TEST_F(LockFileTest, otherProcessIsExcludedUntilItDies)
-{
     LockHolder writer(uri, CLockFile::lockTypeWrite);
     EXPECT_THROW(CLockFile(fs, uri, CLockFile::lockTypeWrite, false, true), CLockFileError);
     EXPECT_THROW(CLockFile(fs, uri, CLockFile::lockTypeRead, false, true), CLockFileError);
@@ -77,10 +70,8 @@ TEST_F(LockFileTest, otherProcessIsExcludedUntilItDies)
     EXPECT_TRUE(fs->exists(uri));
     { CLockFile again(fs, uri, CLockFile::lockTypeWrite, false, true); }
     EXPECT_FALSE(fs->exists(uri));
-}
 
-TEST_F(LockFileTest, readersShareAcrossProcessesAndWaitersGetTheLock)
-{
+    // Readers share across processes.
     {
         LockHolder reader(uri, CLockFile::lockTypeRead);
         { CLockFile shared(fs, uri, CLockFile::lockTypeRead, false, true); }

@@ -8,10 +8,8 @@
 #include <climits>
 #include <functional>
 
-using kordtest::expectThrows;
-using kordtest::msg;
-using zu::CInvalidArgError;
-using zu::String;
+using namespace kordtest;
+using namespace zu;
 
 namespace {
 

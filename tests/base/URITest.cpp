@@ -10,13 +10,8 @@
 
 #include <functional>
 
-using zu::CBadPathError;
-using zu::CInvalidArgError;
-using zu::CUnixPath;
-using zu::CURI;
-using zu::CWindowsPath;
-using zu::String;
-using kordtest::expectThrows;
+using namespace kordtest;
+using namespace zu;
 
 namespace {
 

@@ -10,10 +10,9 @@
 #include <string>
 #include <vector>
 
-using kordtest::expectThrows;
-using kordtest::msg;
-using Bytes = std::vector<unsigned char>;
+using namespace kordtest;
 using Buffer = zu::TBuffer<unsigned char>;
+using Bytes = std::vector<unsigned char>;
 
 namespace {
 

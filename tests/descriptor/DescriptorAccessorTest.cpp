@@ -9,12 +9,8 @@
 #include "base/Threads.h"
 #include "descriptor/CVMDKDescriptorAccessor.h"
 
-using kord::CVMDKDescriptor;
-using kord::CVMDKDescriptorAccessor;
-using kordtest::Bytes;
-using kordtest::expectThrows;
-using kordtest::msg;
-using kordtest::readAll;
+using namespace kordtest;
+using namespace kord;
 
 namespace {
 

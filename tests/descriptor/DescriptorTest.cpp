@@ -10,10 +10,8 @@
 #include <chrono>
 #include <functional>
 
-using kord::CVMDKDescriptor;
-using kord::CVMDKExtentInfo;
-using kordtest::expectThrows;
-using kordtest::msg;
+using namespace kordtest;
+using namespace kord;
 
 namespace {
 

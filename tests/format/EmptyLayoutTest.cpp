@@ -8,9 +8,7 @@
 
 #include <cstring>
 
-using kordtest::Bytes;
-using kordtest::expectThrows;
-using kordtest::msg;
+using namespace kordtest;
 
 namespace {
 

@@ -11,9 +11,8 @@
 
 #include <algorithm>
 
+using namespace kordtest;
 using kord::CVMDKSparseExtentHeader;
-using kordtest::expectThrows;
-using kordtest::msg;
 
 namespace {
 
