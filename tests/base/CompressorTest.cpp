@@ -3,24 +3,14 @@
 // stored-only output, and the errors for corrupt or oversized data.
 #include "base/CDeflateCompressor.h"
 
-#include "common/TestUtil.h"
+#include "common/ExtentTestUtil.h"
 
 #include <cstdint>
 #include <vector>
 
 using namespace kordtest;
-using Bytes = std::vector<unsigned char>;
 
 namespace {
-
-// Compressible but not trivial: text-like runs with some noise.
-Bytes textLike(std::size_t n)
-{
-    Bytes noise = kordtest::pattern(n, 7);
-    Bytes out(n);
-    for (std::size_t i = 0; i < n; ++i) out[i] = static_cast<unsigned char>((i / 5) % 26 + 'a' + (noise[i] % 16 == 0));
-    return out;
-}
 
 Bytes compress(zu::ISimpleCompressor& c, const Bytes& in)
 {
@@ -64,7 +54,7 @@ TEST(Compressor, roundTripAndZlibFrameForEveryEngineAndAcrossEngines)
         Bytes random = kordtest::pattern(10000, 4), small(9000);
         EXPECT_EQ(c->compressSingleStep(random.data(), 10000, small.data(), 9000), -1) << c->getInternalDesc().toUTF8();
         expectThrows<zu::CInvalidArgError>([&] { c->getCompressedSizeUpperBound(INT32_MAX); });
-        for (const Bytes& in : {Bytes(), Bytes(1, 0x5A), Bytes(65536, 0), kordtest::pattern(65536, 1), textLike(200000),
+        for (const Bytes& in : {Bytes(), Bytes(1, 0x5A), Bytes(65536, 0), kordtest::pattern(65536, 1), compressible(200000, 5),
                                 kordtest::pattern(3 * 65535 + 17, 2)}) {
             Bytes z = compress(*c, in);
             EXPECT_EQ(decompress(*c, z, in.size() + 4096), in) << c->getInternalDesc().toUTF8() << " " << in.size();
@@ -96,7 +86,7 @@ TEST(Compressor, corruptTruncatedAndOversizedDataFail)
 {
     zu::CLibdeflateCompressor libdeflate(1);
     zu::CZlibCompressor zlib(1);
-    Bytes in = textLike(20000);
+    Bytes in = compressible(20000, 5);
     Bytes z = compress(zlib, in);
     Bytes badHeader = z, badChecksum = z, truncated(z.begin(), z.begin() + static_cast<long>(z.size() / 2));
     badHeader[0] = 0x79;
