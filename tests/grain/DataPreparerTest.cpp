@@ -26,22 +26,26 @@ Bytes zlibUncompress(const unsigned char* data, long long bytes)
     return out;
 }
 
+// The data of a prepared grain: its size at 8, the stream at 12.
+Bytes unpack(const zu::TBuffer<unsigned char>& prepared)
+{
+    return zlibUncompress(prepared.getData() + 12, zu::loadLE32(prepared.getData() + 8));
+}
+
 } // namespace
 
-TEST(DataPreparerTest, incompressibleDataStaysWithinStoredOnlyBound)
+TEST(DataPreparerTest, incompressibleDataStaysWithinStoredOnlyBoundAndLevelZeroStoresOnly)
 {
     kord::CVMDKDataPreparer preparer(grainSectors, true, 9);
     kord::CVMDKCompressor* compressor = preparer.getCompressor();
     const int bound = compressor->getCompressedSizeUpperBound(static_cast<int>(grainBytes));
-    EXPECT_EQ(0, (bound + 12) % 512) << "the bound fills the stored-only form's last sector";
-    EXPECT_EQ((bound + 12) / 512, preparer.getMaxPreparedSectors());
+    EXPECT_EQ(bound + 12, preparer.getMaxPreparedSectors() * 512) << "the bound fills the stored-only form's last sector";
     const Bytes random = pattern(grainBytes, 7);
     zu::TBuffer<unsigned char> source = toBuffer(random), prepared;
     preparer.prepareGrainData(&source, 1, &prepared);
-    const long long size = zu::loadLE32(prepared.getData() + 8);
-    EXPECT_LE(size, bound);
+    EXPECT_LE(zu::loadLE32(prepared.getData() + 8), bound);
     EXPECT_LE(prepared.getUsed(), preparer.getMaxPreparedSectors() * 512);
-    EXPECT_EQ(random, zlibUncompress(prepared.getData() + 12, size));
+    EXPECT_EQ(random, unpack(prepared));
 
     // Where the primary engine runs out of room, the stored-only engine
     // (zlib at level 0: one stored block, 11 bytes of framing) still fits,
@@ -55,21 +59,16 @@ TEST(DataPreparerTest, incompressibleDataStaysWithinStoredOnlyBound)
     zu::TBuffer<unsigned char> text = toBuffer(compressible(grainBytes, 2));
     preparer.prepareGrainData(&text, 1, &prepared);
     EXPECT_EQ(before + 1, compressor->getFallbackCount());
-}
 
-TEST(DataPreparerTest, levelZeroStoresOnlyLevel13IsRefusedAndUncompressedExtentsCopyNothing)
-{
-    kord::CVMDKDataPreparer stored(grainSectors, true, 0);
-    zu::TBuffer<unsigned char> source = toBuffer(compressible(grainBytes, 1)), prepared;
-    stored.prepareGrainData(&source, 0, &prepared);
-    const long long size = zu::loadLE32(prepared.getData() + 8);
-    EXPECT_GT(size, grainBytes) << "level 0 must not compress";
-    EXPECT_EQ(compressible(grainBytes, 1), zlibUncompress(prepared.getData() + 12, size));
-    EXPECT_EQ(0u, stored.getCompressor()->getFallbackCount());
+    // Level 0 stores only, without counting a fallback; level 13 is refused;
+    // an uncompressed extent copies nothing.
+    kord::CVMDKDataPreparer levelZero(grainSectors, true, 0);
+    levelZero.prepareGrainData(&text, 0, &prepared);
+    EXPECT_GT(zu::loadLE32(prepared.getData() + 8), grainBytes) << "level 0 must not compress";
+    EXPECT_EQ(compressible(grainBytes, 2), unpack(prepared));
+    EXPECT_EQ(0u, levelZero.getCompressor()->getFallbackCount());
     EXPECT_THROW(kord::CVMDKCompressor(13), zu::CInvalidArgError);
-
-    kord::CVMDKDataPreparer plain(grainSectors, false, 1);
-    EXPECT_EQ(&source, plain.prepareGrainData(&source, 5, &prepared).get());
+    EXPECT_EQ(&text, kord::CVMDKDataPreparer(grainSectors, false, 1).prepareGrainData(&text, 5, &prepared).get());
 }
 
 TEST(DataPreparerTest, grainIVXorsGrainIndexIntoDiskIV)
