@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <climits>
+#include <functional>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -40,14 +41,6 @@ public:
 std::string bytesOf(const TBuffer<unsigned char>& b)
 {
     return std::string(reinterpret_cast<const char*>(b.getData()), static_cast<std::size_t>(b.getUsed()));
-}
-
-// Fresh memory of exactly `capacity` bytes holding `text`.
-void setText(TBuffer<unsigned char>& b, const std::string& text, long long capacity)
-{
-    b.freeMemory();
-    b.alloc(capacity);
-    b.assign(reinterpret_cast<const unsigned char*>(text.data()), static_cast<long long>(text.size()));
 }
 
 bool aligned(const void* p, std::uintptr_t to) { return reinterpret_cast<std::uintptr_t>(p) % to == 0; }
@@ -110,20 +103,18 @@ TEST(Buffer, alignmentKeptAndCorruptSizesRefused)
 TEST(Buffer, editsWithSourceInsideTheBuffer)
 {
     TBuffer<unsigned char> b;
-    setText(b, "abcdef", 100);
-    b.insert(0, b.getData() + 2, 2); // the tail shift moves the source
-    EXPECT_EQ(bytesOf(b), "cdabcdef");
-
-    setText(b, "abcdef", 100);
-    b.insert(3, b.getData() + 1, 4); // the source straddles the insert point
-    EXPECT_EQ(bytesOf(b), "abcbcdedef");
-
-    setText(b, "abcdef", 6);
-    b.append(b.getData(), b.getUsed()); // growth frees the source
-    EXPECT_EQ(bytesOf(b), "abcdefabcdef");
-
-    b.assign(b.getData() + 2, 3);
-    EXPECT_EQ(bytesOf(b), "cde");
+    // Fresh memory of exactly `capacity` bytes holding "abcdef", edited.
+    const auto edited = [&](long long capacity, const std::function<void()>& edit) {
+        b.freeMemory();
+        b.alloc(capacity);
+        b.assign(reinterpret_cast<const unsigned char*>("abcdef"), 6);
+        edit();
+        return bytesOf(b);
+    };
+    EXPECT_EQ(edited(100, [&] { b.insert(0, b.getData() + 2, 2); }), "cdabcdef");   // the tail shift moves the source
+    EXPECT_EQ(edited(100, [&] { b.insert(3, b.getData() + 1, 4); }), "abcbcdedef"); // the source straddles the insert
+    EXPECT_EQ(edited(6, [&] { b.append(b.getData(), b.getUsed()); }), "abcdefabcdef"); // growth frees the source
+    EXPECT_EQ(edited(6, [&] { b.assign(b.getData() + 2, 3); }), "cde");
     expectThrows<CInvalidArgError>([&] { b.insert(4, b.getData(), 1); });
     expectThrows<CInvalidArgError>([&] { b.insert(0, b.getData(), -1); });
 }
