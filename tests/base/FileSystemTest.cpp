@@ -15,7 +15,7 @@ P<IIOStream> open(IFileSystem* fs, const CURI& uri, int access) { return fs->ope
 
 } // namespace
 
-TEST_P(FileSystemTest, openModesAndMissingFiles)
+TEST_P(FileSystemTest, openModesMissingFilesPositionalIOAndShortRead)
 {
     CURI file = uri("a.bin");
     auto missing = expectThrows<CFileSystemError>([&] { open(fs, file, IIOStream::accessRead); });
@@ -36,11 +36,9 @@ TEST_P(FileSystemTest, openModesAndMissingFiles)
     EXPECT_EQ(expectThrows<CIOError>([&] { readOnly->write("x", 1); }).getCode(), CIOError::codeWrite);
     EXPECT_EQ(expectThrows<CIOError>([&] { readOnly->setLength(0); }).getCode(), CIOError::codeWrite);
     EXPECT_THROW(open(fs, file, 0), CInvalidArgError);
-}
 
-TEST_P(FileSystemTest, positionalReadWriteAndShortRead)
-{
-    CURI file = uri("b.bin");
+    // Positional I/O and a short read.
+    file = uri("b.bin");
     auto data = kordtest::pattern(100000, 1);
     P<IIOStream> s = open(fs, file, IIOStream::accessOpenOrCreate);
     s->seek(5000);

@@ -70,7 +70,7 @@ protected:
 
 } // namespace
 
-TEST_P(EmptyLayoutTest, plainLayoutsByteForByteWithCountsRoundedUp)
+TEST_P(EmptyLayoutTest, plainAndStreamOptimizedLayoutsByteForByte)
 {
     // Redundant directory at sector 1, its tables right after it, then the
     // directory and its tables; zeros up to the grain boundary.
@@ -90,10 +90,8 @@ TEST_P(EmptyLayoutTest, plainLayoutsByteForByteWithCountsRoundedUp)
         EXPECT_EQ(expected.bytes, file());
         fs->deleteFile(uri("x.vmdk"), false);
     }
-}
 
-TEST_P(EmptyLayoutTest, streamOptimizedMarkersAndFooter)
-{
+    // Stream-optimized: markers and footer.
     create(true, 4096, 128, nullptr, 0, noKeyHash, 512); // padding longer than the zero buffer
     ExpectedImage expected(131);
     expected.header(0, true, 4096, 128, 2, 44, 128);

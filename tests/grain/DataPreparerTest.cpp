@@ -34,7 +34,7 @@ Bytes unpack(const zu::TBuffer<unsigned char>& prepared)
 
 } // namespace
 
-TEST(DataPreparerTest, incompressibleDataStaysWithinStoredOnlyBoundAndLevelZeroStoresOnly)
+TEST(DataPreparerTest, incompressibleDataStaysWithinStoredOnlyBoundLevelZeroStoresOnlyAndGrainIVsXorTheIndex)
 {
     kord::CVMDKDataPreparer preparer(grainSectors, true, 9);
     kord::CVMDKCompressor* compressor = preparer.getCompressor();
@@ -69,10 +69,7 @@ TEST(DataPreparerTest, incompressibleDataStaysWithinStoredOnlyBoundAndLevelZeroS
     EXPECT_EQ(0u, levelZero.getCompressor()->getFallbackCount());
     EXPECT_THROW(kord::CVMDKCompressor(13), zu::CInvalidArgError);
     EXPECT_EQ(&text, kord::CVMDKDataPreparer(grainSectors, false, 1).prepareGrainData(&text, 5, &prepared).get());
-}
 
-TEST(DataPreparerTest, grainIVXorsGrainIndexIntoDiskIV)
-{
     // Eight little-endian bytes of the index, repeated; a negative index is sign-extended.
     const zu::TBuffer<unsigned char> diskIV = toBuffer(pattern(16, 11));
     zu::TBuffer<unsigned char> iv;

@@ -56,7 +56,7 @@ std::pair<long long, long long> info(kord::CVMDKGrainTable& table, long long ind
 
 } // namespace
 
-TEST_P(GrainTableTest, changesReachBothCopiesAndTheSlotSizeTable)
+TEST_P(GrainTableTest, changesReachBothCopiesAndTheSlotSizeTableAndBadOnesNothing)
 {
     makeImage();
     {
@@ -93,10 +93,8 @@ TEST_P(GrainTableTest, changesReachBothCopiesAndTheSlotSizeTable)
     EXPECT_EQ(7, zu::loadLE16(&file[slotsAt * 512]));
     // (A stale redundant copy repaired by the next flush is checked through
     // whole disks, with the checker.)
-}
 
-TEST_P(GrainTableTest, badSetGrainInfoIsRefusedAndChangesNothing)
-{
+    // A bad setGrainInfo is refused and changes nothing.
     makeImage();
     zu::P<kord::CVMDKGrainTable> plain = table(0, 0), slotted = table(0, slotsAt);
     const std::string set = "Invalid argument passed to 'CVMDKGrainTable::setGrainInfo': ";
