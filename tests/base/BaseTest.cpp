@@ -119,7 +119,7 @@ TEST(Buffer, editsWithSourceInsideTheBuffer)
     expectThrows<CInvalidArgError>([&] { b.insert(0, b.getData(), -1); });
 }
 
-TEST(CryptBuffer, wipesWholeAllocationOnGrowthAndFree)
+TEST(CryptBuffer, wipesWholeAllocationOnGrowthAndFreeAndRandomKeyBytesDiffer)
 {
     FreeProbe::install(true);
     {
@@ -196,11 +196,8 @@ TEST(Strings, strictUtf8Decoding)
     EXPECT_EQ(static_cast<unsigned>(out[4].GetValue()), 0x10FFFFu);
     EXPECT_EQ(out.toUTF8(), good);
     EXPECT_EQ(String("\xC3\xA9t\xC3\xA9"), String(L"\u00e9t\u00e9")) << "narrow literals are UTF-8";
-}
 
-// Key material from the system-seeded generator.
-TEST(Random, keyBytesDifferAndBadSizeRefused)
-{
+    // Key material from the system-seeded generator.
     unsigned char key1[32], key2[32];
     zu::randData(key1, 32);
     zu::randData(key2, 32);

@@ -20,7 +20,7 @@ String withNul(const char* before, const char* after)
 
 } // namespace
 
-TEST(Parse, boundsStrictnessAndMessages)
+TEST(Parse, boundsStrictnessMessagesAndHexCodec)
 {
     const auto dec = [](const String& t, bool lax) { return zu::parseInt64(t, lax); };
     const auto hex = [](const String& t, bool lax) { return zu::parseHexInt64(t, lax); };
@@ -66,12 +66,9 @@ TEST(Parse, boundsStrictnessAndMessages)
     const std::string big = msg(expectThrows<CInvalidArgError>([&] { zu::parseInt64(huge, false); }));
     EXPECT_LT(big.size(), 200u);
     EXPECT_NE(big.find("'7777777777"), std::string::npos);
-}
 
-// Round trips of hex fields are covered by the encrypted disks; here the
-// letter case and the refusals.
-TEST(HexCodec, letterCaseAndRefusals)
-{
+    // Round trips of hex fields are covered by the encrypted disks; here the
+    // letter case and the refusals.
     const unsigned char bytes[] = {0x00, 0xab, 0xff};
     EXPECT_EQ(zu::hexEncode(bytes, 3), "00abff");
     zu::TBuffer<unsigned char> mixed = zu::hexDecode("ABcd0F");

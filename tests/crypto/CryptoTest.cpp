@@ -105,7 +105,7 @@ TEST(CipherAES256CBC, badArgumentsRefused)
     }
 }
 
-TEST(DigestSHA256, fipsVectorsWholeAndInPiecesAndMisuse)
+TEST(DigestSHA256, fipsVectorsWholeAndInPiecesMisuseAndPbkdf2HmacSha1Vectors)
 {
     const std::string longMessage = "abcdbcdecdefdefgefghfghighijhijkijkljklmklmnlmnomnopnopq";
     const Bytes longDigest = hex("248d6a61d20638b8e5c026930c3e6039a33ce45964ff2167f6ecedd419db06c1");
@@ -121,11 +121,8 @@ TEST(DigestSHA256, fipsVectorsWholeAndInPiecesAndMisuse)
     EXPECT_EQ(longDigest, Bytes(digest->getResult(), digest->getResult() + 32));
     auto e = expectThrows<zu::CError>([&] { digest->update("x", 1); });
     EXPECT_EQ("Internal error: SHA-256 digest update called after finish.", msg(e));
-}
 
-// RFC 6070.
-TEST(KeyDerivation, pbkdf2HmacSha1Vectors)
-{
+    // RFC 6070.
     struct Case { std::string password, salt; int iterations; const char* expected; };
     const Case cases[] = {
         {"password", "salt", 1, "0c60c80f961f0e71f3a9b524af6012062fe037a6"},

@@ -71,7 +71,7 @@ TEST_P(DescriptorAccessorTest, embeddedDescriptorFoundStoredInPlace)
     // (Extended headers are read with every encrypted disk of one file.)
 }
 
-TEST_P(DescriptorAccessorTest, textFileRewrittenWithinItsSize)
+TEST_P(DescriptorAccessorTest, textFileRewrittenWithinItsSizeAndHostileHeaderFieldsRefused)
 {
     const zu::CURI u = makeText(separateText);
     zu::P<CVMDKDescriptorAccessor> accessor = load(u);
@@ -111,13 +111,8 @@ TEST_P(DescriptorAccessorTest, textFileRewrittenWithinItsSize)
         {big + std::string(5242881 - big.size(), '\0'), "VMDK descriptor is too big (5242881 bytes)."},
     };
     for (const auto& [text, message] : refused) loadFails(makeText(text), message);
-}
 
-TEST_P(DescriptorAccessorTest, hostileHeaderFieldsRefused)
-{
-    namespace hdr = kordtest::hdr;
-    using kordtest::le32;
-    using kordtest::le64;
+    // Hostile header fields of a sparse extent.
     const std::string none = "No VMDK descriptor found in VMDK file.";
     const struct { long long offset; Bytes bytes; long long code; std::string message; } cases[] = {
         {hdr::descriptorOffset, le64(0), 5, none},   // a stream-optimized or descriptor-less extent

@@ -113,7 +113,7 @@ TEST(DescriptorTest, roundTripKeepsEveryLineInOrderWithTheNameValueGrammar)
     EXPECT_EQ("a=b", str(d->getValue("eq")));
 }
 
-TEST(DescriptorTest, newLinesGoToTheirPlaceAndOldOnesKeepSpellingAndQuoting)
+TEST(DescriptorTest, newLinesGoToTheirPlaceTextIsUtf8AndStoreFillsTargetSizeExactly)
 {
     zu::P<CVMDKDescriptor> d = parse("# Disk DescriptorFile\nversion=1\nCID=1\nCID=2\n\n"
                                      "RW 100 SPARSE \"x.vmdk\"\n\nddb.adapterType = \"ide\"\n");
@@ -136,10 +136,7 @@ TEST(DescriptorTest, newLinesGoToTheirPlaceAndOldOnesKeepSpellingAndQuoting)
     zu::P<CVMDKDescriptor> extentsFirst = parse("# c\nRW 1 FLAT \"f\" 0\na=1\n");
     extentsFirst->setVersion(1);
     EXPECT_EQ("version=1\n# c\nRW 1 FLAT \"f\" 0\na=1\n", text(*extentsFirst));
-}
 
-TEST(DescriptorTest, textIsUtf8AndStoreFillsTargetSizeExactly)
-{
     // Latin-1 bytes are not UTF-8: no entries, whatever the encoding line
     // says. UTF-8 under a Latin-1 encoding line is read as UTF-8, and the
     // store sets the encoding line it really used.
@@ -148,7 +145,7 @@ TEST(DescriptorTest, textIsUtf8AndStoreFillsTargetSizeExactly)
     store(*latin, 100, 100);
     EXPECT_EQ("encoding=\"UTF-8\"\nddb.comment = \"caf\xC3\xA9\"\n", text(*latin));
 
-    zu::P<CVMDKDescriptor> d = parse("version=1\nddb.comment = \"\xC3\xA9\"\n");
+    d = parse("version=1\nddb.comment = \"\xC3\xA9\"\n");
     // The encoding line is added once, at the header position (here: after
     // the last name/value line, as there is no extent line).
     const std::string expected = "version=1\nddb.comment = \"\xC3\xA9\"\nencoding=\"UTF-8\"\n";
@@ -210,7 +207,7 @@ TEST(DescriptorTest, typedValuesUseTheirKeysAndFormats)
     kordtest::expectError<zu::CError>([&] { empty.getCreateType(); }, "VMDK descriptor value 'createType' not found.", -1);
 }
 
-TEST(DescriptorTest, extentLineGrammar)
+TEST(DescriptorTest, extentLineGrammarAndHostileTextInLinearTime)
 {
     // Every field is written back, so the text shows what was parsed.
     const std::pair<const char*, const char*> cases[] = {
@@ -237,10 +234,8 @@ TEST(DescriptorTest, extentLineGrammar)
     zu::P<CVMDKDescriptor> d = parse("RW 100 FLAT \"x=y.vmdk\" 0\nRW 100 FLAT x.vmdk\n");
     EXPECT_EQ(1u, extents(*d).size());
     EXPECT_EQ("RW 100 FLAT \"x=y.vmdk\" 0\nRW 100 FLAT x.vmdk\n", text(*d));
-}
 
-TEST(DescriptorTest, hostileTextParsesInLinearTime)
-{
+    // Hostile text parses in linear time.
     const size_t big = 4u << 20;
     for (const std::string& t : {"a=" + std::string(big, 'x'), std::string(big, ' '),
                                  "RW 1 FLAT \"" + std::string(big, ' ') + "\" 0", std::string(big, '"')}) {
