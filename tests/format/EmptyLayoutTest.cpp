@@ -111,7 +111,7 @@ TEST_P(EmptyLayoutTest, plainAndStreamOptimizedLayoutsByteForByte)
     EXPECT_EQ(expected.bytes, file());
 }
 
-TEST_P(EmptyLayoutTest, embeddedDescriptorAndKeyHashShiftTheMetadata)
+TEST_P(EmptyLayoutTest, embeddedDescriptorAndKeyHashShiftTheMetadataAndFailedCreationLeavesNoFile)
 {
     kord::CVMDKDescriptor descriptor;   // even an empty one gets the whole area it is given
     zu::TBuffer<unsigned char> keyHash;
@@ -135,10 +135,8 @@ TEST_P(EmptyLayoutTest, embeddedDescriptorAndKeyHashShiftTheMetadata)
     const Bytes bytes = file();
     ASSERT_EQ(32u * 512, bytes.size());
     EXPECT_EQ(expected.bytes, kordtest::slice(bytes, 0, 512));
-}
 
-TEST_P(EmptyLayoutTest, failedCreationLeavesNoFileAndKeepsAnExistingOne)
-{
+    // A failed creation leaves no file and never touches one that existed.
     const Bytes precious = kordtest::pattern(1000, 7);
     kordtest::writeAll(fs, uri("x.vmdk"), precious);
     kordtest::LogCapture log;
@@ -148,7 +146,6 @@ TEST_P(EmptyLayoutTest, failedCreationLeavesNoFileAndKeepsAnExistingOne)
     fs->deleteFile(uri("x.vmdk"), false);
 
     // The header is written before the descriptor turns out too long.
-    kord::CVMDKDescriptor descriptor;
     descriptor.setCreateType(zu::String(std::string(600, 'x')));
     expectThrows<zu::CIOError>([&] { create(false, 16, 8, &descriptor, 1); });
     EXPECT_FALSE(fs->exists(uri("x.vmdk")));

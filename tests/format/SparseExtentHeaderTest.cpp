@@ -26,14 +26,12 @@ Bytes standardImage(std::uint32_t flags)
     zu::storeLE32(&b[0], 0x564D444B);        // magic "KDMV"
     zu::storeLE32(&b[4], 3);                 // version
     zu::storeLE32(&b[8], flags);             // flags
-    zu::storeLE64(&b[12], 0x0102030405060708); // capacity
-    zu::storeLE64(&b[20], 128);              // grainSize
-    zu::storeLE64(&b[28], 1);                // descriptorOffset
-    zu::storeLE64(&b[36], 20);               // descriptorSize
     zu::storeLE32(&b[44], 512);              // numGTEsPerGT
-    zu::storeLE64(&b[48], 21);               // rgdOffset
-    zu::storeLE64(&b[56], 0x1122334455);     // gdOffset
-    zu::storeLE64(&b[64], 0x8000000000000001ull); // overHead (sign bit set)
+    // capacity, grainSize, descriptorOffset, descriptorSize, rgdOffset,
+    // gdOffset, overHead (sign bit set)
+    for (auto [at, value] : {std::pair<int, std::uint64_t>{12, 0x0102030405060708}, {20, 128}, {28, 1}, {36, 20},
+                             {48, 21}, {56, 0x1122334455}, {64, 0x8000000000000001ull}})
+        zu::storeLE64(&b[at], value);
     b[72] = 1;                               // uncleanShutdown
     std::copy_n("\n \r\n", 4, &b[73]);       // line-end check
     zu::storeLE16(&b[77], 0xBEEF);           // compressAlgorithm

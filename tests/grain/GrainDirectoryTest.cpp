@@ -60,7 +60,7 @@ TEST_P(GrainDirectoryTest, reloadedBatchKeepsCachedTableWithUnwrittenChanges)
     EXPECT_EQ(more, readAt(*extent, grain3 + 512, 512));
 }
 
-TEST_P(GrainDirectoryTest, slotSizeDirectoryIsFoundOnlyBehindTheLastTableWithItsSizeAndNeverAmongGrainData)
+TEST_P(GrainDirectoryTest, slotSizeDirectoryFoundOnlyBehindTheLastTableWithItsSizeAndZeroCapacityHasNoTables)
 {
     // (Where our layout puts it is checked byte for byte with the empty
     // layouts; that it is found, by every compressed extent that reuses slots.)
@@ -96,13 +96,11 @@ TEST_P(GrainDirectoryTest, slotSizeDirectoryIsFoundOnlyBehindTheLastTableWithIts
     EXPECT_TRUE(log.contains("Found VMDK marker for zuSlotDirectory outside the metadata area (uri: '" + uriText() +
                              "'). Ignoring the slot directory."));
     EXPECT_EQ(overHead + 4, extent->getGrainAreaStartSectors()) << "grains must not overwrite the moved table";
-}
 
-TEST_P(GrainDirectoryTest, zeroCapacityMeansNoGrainsAndNoTables)
-{
+    // A capacity of zero means no grains and no tables.
     create(plainKind, 1, 128);
     patchFile(fs, file(), hdr::capacity, le64(0));
-    zu::P<kord::CVMDKSparseExtentFile> extent = open();
+    extent = open();
     EXPECT_EQ(0, extent->getGrainDirectory()->getGrainCount() + extent->getGrainDirectory()->getGrainTableCount());
     unsigned char byte;
     EXPECT_EQ(0, extent->read(&byte, 0));
