@@ -27,10 +27,7 @@ TEST(URITest, spellingsMapToOneForm)
     const std::function<std::string(const char*)> unixPath = [](const char* p) { return str(CUnixPath(String(p)).toString()); },
         windowsPath = [](const char* p) { return str(CWindowsPath(String(p)).toString()); },
         fromUnix = [](const char* p) { return dec(CURI(CUnixPath(String(p)), p[0] == '/')); },
-        fromWindows = [](const char* p) {
-            CWindowsPath path{String(p)};
-            return dec(CURI(path, path.isAbsolute()));
-        },
+        fromWindows = [](const char* p) { return dec(CURI(CWindowsPath(String(p)), true)); },
         normalized = [](const char* u) { return dec(uri(u).toNormalized()); },
         parent = [](const char* u) { return dec(uri(u).getParent()); },
         appended = [](const char* r) { return dec(uri("file://host/data/vm?q#f") << uri(r)); };

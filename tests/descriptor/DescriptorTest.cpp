@@ -194,11 +194,9 @@ TEST(DescriptorTest, typedValuesUseTheirKeysAndFormats)
     };
     zu::P<CVMDKDescriptor> bad = parse("CID=0x12\nzuEncIV=abc\nversion=4294967297\nddb.geometry.heads = \"1x\"\n");
     bad->setSourceURI(zu::CURI("file:///vm/disk.vmdk"));
-    for (const auto& [get, message] : refused) {
-        const zu::CIOError e = kordtest::expectError([&] { get(*bad); }, "VMDK descriptor value " + message,
-                                                     zu::CIOError::codeInvalidData);
-        EXPECT_EQ("file:///vm/disk.vmdk", str(e.getProp("uri")));
-    }
+    for (const auto& [get, message] : refused)
+        EXPECT_EQ("file:///vm/disk.vmdk", str(expectError([&] { get(*bad); }, "VMDK descriptor value " + message,
+                                                          zu::CIOError::codeInvalidData).getProp("uri")));
 
     // Missing keys: optional ones have defaults, mandatory ones raise.
     CVMDKDescriptor empty;

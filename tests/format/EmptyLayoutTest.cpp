@@ -26,13 +26,11 @@ public:
         zu::storeLE32(p + 0, 0x564D444B);                          // magic "KDMV"
         zu::storeLE32(p + 4, streamOptimized ? 3 : 1);             // version
         zu::storeLE32(p + 8, streamOptimized ? 0x30003 : 0x3);     // flags
-        zu::storeLE64(p + 12, static_cast<std::uint64_t>(grains * grainSize)); // capacity
-        zu::storeLE64(p + 20, static_cast<std::uint64_t>(grainSize));
-        // 28, 36: no descriptor area
         zu::storeLE32(p + 44, 512);                                // numGTEsPerGT
-        zu::storeLE64(p + 48, static_cast<std::uint64_t>(rgdOffset));
-        zu::storeLE64(p + 56, static_cast<std::uint64_t>(gdOffset));
-        zu::storeLE64(p + 64, static_cast<std::uint64_t>(overHead));
+        // capacity, grainSize, (28, 36: no descriptor area), rgdOffset, gdOffset, overHead
+        for (auto [at, value] : {std::pair{12, grains * grainSize}, {20, grainSize}, {48, rgdOffset}, {56, gdOffset},
+                                 {64, overHead}})
+            zu::storeLE64(p + at, static_cast<std::uint64_t>(value));
         std::memcpy(p + 73, "\n \r\n", 4);                         // line-end check
         zu::storeLE16(p + 77, streamOptimized ? 1 : 0);            // compressAlgorithm; pad stays zero
     }
