@@ -87,21 +87,19 @@ TEST(RefCount, referenceTakenDuringDestructionDoesNotDeleteTwice)
     EXPECT_EQ(countWhileDying, zu::CBase::destructionBias);
 }
 
-TEST(Buffer, alignmentKeptAndCorruptSizesRefused)
+TEST(Buffer, alignmentKeptCorruptSizesRefusedAndEditsWithSourceInside)
 {
-    TBuffer<unsigned char> b(10, 4096);
-    b.ensureAllocated(100000);
-    EXPECT_TRUE(aligned(b.getData(), 4096)) << "growth keeps the alignment";
-    EXPECT_TRUE(aligned(TBuffer<unsigned char>(b).getData(), 4096)) << "a copy keeps the alignment";
-    for (int bad : {0, -4, 3, 4097}) expectThrows<CInvalidArgError>([&] { b.setAllocAlignBytes(bad); });
+    TBuffer<unsigned char> big(10, 4096);
+    big.ensureAllocated(100000);
+    EXPECT_TRUE(aligned(big.getData(), 4096)) << "growth keeps the alignment";
+    EXPECT_TRUE(aligned(TBuffer<unsigned char>(big).getData(), 4096)) << "a copy keeps the alignment";
+    for (int bad : {0, -4, 3, 4097}) expectThrows<CInvalidArgError>([&] { big.setAllocAlignBytes(bad); });
     // Corrupt sizes fail before anything is allocated.
-    expectThrows<CInvalidArgError>([&] { b.setUsed(-1); });
-    expectThrows<CInvalidArgError>([&] { b.alloc(1LL << 50); });
-    EXPECT_EQ(b.getAllocated(), 100000);
-}
+    expectThrows<CInvalidArgError>([&] { big.setUsed(-1); });
+    expectThrows<CInvalidArgError>([&] { big.alloc(1LL << 50); });
+    EXPECT_EQ(big.getAllocated(), 100000);
 
-TEST(Buffer, editsWithSourceInsideTheBuffer)
-{
+    // Edits whose source lies inside the buffer.
     TBuffer<unsigned char> b;
     // Fresh memory of exactly `capacity` bytes holding "abcdef", edited.
     const auto edited = [&](long long capacity, const std::function<void()>& edit) {

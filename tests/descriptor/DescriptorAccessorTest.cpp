@@ -48,7 +48,7 @@ protected:
 
 } // namespace
 
-TEST_P(DescriptorAccessorTest, embeddedDescriptorFoundStoredInPlace)
+TEST_P(DescriptorAccessorTest, embeddedDescriptorStoredInPlaceAndContentIdRenewedOnceInTheRightFileThroughTheRightStream)
 {
     const zu::CURI u = makeSparse("disk.vmdk");
     const Bytes before = readAll(fs, u);
@@ -135,11 +135,8 @@ TEST_P(DescriptorAccessorTest, textFileRewrittenWithinItsSizeAndHostileHeaderFie
     // The area ending exactly at the end of the file (12 + 20 = 32 sectors) is valid.
     kordtest::patchFile(fs, makeSparse("disk.vmdk"), hdr::descriptorOffset, le64(12));
     EXPECT_EQ(0, load(uri("disk.vmdk"))->getDescriptor()->getEntryCount());
-}
 
-TEST_P(DescriptorAccessorTest, contentIdRenewedOnceInTheRightFileThroughTheRightStream)
-{
-    const zu::CURI u = makeSparse("disk.vmdk");
+    makeSparse("disk.vmdk");
     {
         zu::P<CVMDKDescriptorAccessor> accessor = load(u);
         // The value the generator gives next is made the old one: it must be

@@ -65,7 +65,7 @@ const char* const realistic = "# Disk DescriptorFile\nversion=1\nCID=fffffffe\nc
 
 } // namespace
 
-TEST(DescriptorTest, roundTripKeepsEveryLineInOrderWithTheNameValueGrammar)
+TEST(DescriptorTest, roundTripKeepsEveryLineNewLinesGoToTheirPlaceAndStoresFillTheirArea)
 {
     zu::P<CVMDKDescriptor> d = parse(realistic);
     EXPECT_EQ(12, d->getEntryCount());
@@ -111,11 +111,9 @@ TEST(DescriptorTest, roundTripKeepsEveryLineInOrderWithTheNameValueGrammar)
     EXPECT_EQ("", str(d->getValue("q")));      // a lone quote is an empty quoted value
     EXPECT_EQ("\"unclosed", str(d->getValue("open")));
     EXPECT_EQ("a=b", str(d->getValue("eq")));
-}
 
-TEST(DescriptorTest, newLinesGoToTheirPlaceTextIsUtf8AndStoreFillsTargetSizeExactly)
-{
-    zu::P<CVMDKDescriptor> d = parse("# Disk DescriptorFile\nversion=1\nCID=1\nCID=2\n\n"
+    // New lines go to their place; old ones keep their spelling and quoting.
+    d = parse("# Disk DescriptorFile\nversion=1\nCID=1\nCID=2\n\n"
                                      "RW 100 SPARSE \"x.vmdk\"\n\nddb.adapterType = \"ide\"\n");
     d->setValue("cid", "abc", true, true);     // the first "CID", spelling and quoting kept
     d->setParentContentID(0xffffffff);         // new header key: at the insert index

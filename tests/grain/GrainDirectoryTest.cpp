@@ -24,7 +24,7 @@ protected:
 
 // Nor one whose writes fail: a table left under a dead directory's address
 // would be taken for a table of the next directory made there.
-TEST_P(GrainDirectoryTest, closedDirectoryLeavesNoTablesInASharedCacheEvenWhenWritesFail)
+TEST_P(GrainDirectoryTest, sharedCacheLosesNoChangesAndKeepsNoTablesOfAClosedDirectory)
 {
     for (bool failing : {false, true}) {
         create(plainKind, 100);
@@ -38,10 +38,7 @@ TEST_P(GrainDirectoryTest, closedDirectoryLeavesNoTablesInASharedCacheEvenWhenWr
         EXPECT_EQ(failing, !log.lines.empty()) << "a failure must be reported";
         EXPECT_EQ(0, cache->getCachedTableCount());
     }
-}
 
-TEST_P(GrainDirectoryTest, reloadedBatchKeepsCachedTableWithUnwrittenChanges)
-{
     // Table 3 is written to and stays cached (recently used) while other
     // tables of its batch are evicted; loading the batch again must not
     // replace it by the stale copy on disk.
