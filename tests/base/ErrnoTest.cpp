@@ -8,8 +8,6 @@
 
 #include <cerrno>
 
-namespace {
-
 TEST(ErrnoTest, eachErrorGetsItsErrno)
 {
     const zu::CFileSystemError full(zu::CFileSystemError::problemNoSpace, "Cannot write.",
@@ -36,5 +34,3 @@ TEST(ErrnoTest, eachErrorGetsItsErrno)
         }
     }
 }
-
-} // namespace

@@ -15,8 +15,7 @@ namespace {
 
 // A child process that takes the lock and holds it until it is killed or,
 // with holdMs >= 0, releases it (removing the file) after that time.
-class LockHolder {
-public:
+struct LockHolder {
     LockHolder(const CURI& uri, CLockFile::LockType type, int holdMs = -1)
     {
         int fds[2];
@@ -26,8 +25,7 @@ public:
             try {
                 CLockFile lock(newObj<CLocalFileSystem>(), uri, type, false, true);
                 if (write(fds[1], "1", 1) != 1) _exit(2);
-                if (holdMs < 0)
-                    for (;;) pause();
+                while (holdMs < 0) pause();
                 usleep(static_cast<useconds_t>(holdMs) * 1000);
             } catch (...) {
                 _exit(1); // the parent reads the end of the pipe: no lock
@@ -49,8 +47,6 @@ public:
         if (pid > 0 && kill(pid, SIGKILL) == 0) waitpid(pid, nullptr, 0);
         pid = -1;
     }
-
-private:
     pid_t pid = -1;
 };
 

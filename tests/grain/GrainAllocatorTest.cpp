@@ -5,11 +5,7 @@
 
 using namespace kordtest;
 
-namespace {
-
-class GrainAllocatorTest : public ExtentFileTest {};
-
-} // namespace
+using GrainAllocatorTest = ExtentFileTest;
 
 TEST_P(GrainAllocatorTest, grainBeyondAddressableSectorsIsRefused)
 {
