@@ -13,40 +13,33 @@ using namespace disktest;
 
 namespace {
 
-std::string quoted(const std::string& path) { return "'" + path + "'"; }
-
-std::string run(const std::string& command)
-{
-    std::string out;
-    EXPECT_EQ(0, kordtest::runCommand(command, &out)) << command << "\n" << out;
-    return out;
-}
-
-// qemu-img sees the disk's size and exactly the model's bytes (the model is
-// written into a sparse raw image for qemu-img compare), and finds no error.
-void expectQemuReads(const std::string& image, const Mirror& mirror, const std::string& raw)
-{
-    const std::string size = std::to_string(mirror.size());
-    EXPECT_NE(std::string::npos, run("qemu-img info --output=json " + quoted(image)).find("\"virtual-size\": " + size))
-        << image;
-    std::ofstream(raw, std::ios::binary | std::ios::trunc).close();
-    std::filesystem::resize_file(raw, static_cast<std::uintmax_t>(mirror.size()));
-    std::fstream out(raw, std::ios::in | std::ios::out | std::ios::binary);
-    for (long long grain : mirror.touchedGrains()) {
-        const Bytes bytes = mirror.read(grain * grainBytes, std::min(grainBytes, mirror.size() - grain * grainBytes));
-        out.seekp(grain * grainBytes);
-        out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+class DiskInteropTest : public kordtest::QemuTest {
+protected:
+    // qemu-img sees the disk's size and exactly the model's bytes (the model
+    // is written into a sparse raw image for qemu-img compare), and finds no
+    // error.
+    void expectQemuReads(const std::string& image, const Mirror& mirror)
+    {
+        EXPECT_NE(std::string::npos,
+                  sh("qemu-img info --output=json '" + image + "'").find("\"virtual-size\": " + std::to_string(mirror.size())));
+        std::ofstream(path("out.raw"), std::ios::binary | std::ios::trunc).close();
+        std::filesystem::resize_file(path("out.raw"), static_cast<std::uintmax_t>(mirror.size()));
+        std::fstream out(path("out.raw"), std::ios::in | std::ios::out | std::ios::binary);
+        for (long long grain : mirror.touchedGrains()) {
+            const Bytes bytes = mirror.read(grain * grainBytes, std::min(grainBytes, mirror.size() - grain * grainBytes));
+            out.seekp(grain * grainBytes);
+            out.write(reinterpret_cast<const char*>(bytes.data()), static_cast<std::streamsize>(bytes.size()));
+        }
+        out.close();
+        sh("qemu-img compare -f raw -F vmdk out.raw '" + image + "'");
+        std::string check;
+        const int status = kordtest::runCommand("cd '" + temp.path() + "' && qemu-img check '" + image + "'", &check);
+        // Some qemu versions cannot check vmdk at all: that reports nothing wrong.
+        if (check.find("does not support checks") != std::string::npos) return;
+        EXPECT_EQ(0, status) << check;
+        EXPECT_NE(std::string::npos, check.find("No errors were found on the image.")) << check;
     }
-    out.close();
-    run("qemu-img compare -f raw -F vmdk " + quoted(raw) + " " + quoted(image));
-    std::filesystem::remove(raw);
-    std::string check;
-    const int status = kordtest::runCommand("qemu-img check " + quoted(image), &check);
-    // Some qemu versions cannot check vmdk at all: that reports nothing wrong.
-    if (check.find("does not support checks") != std::string::npos) return;
-    EXPECT_EQ(0, status) << check;
-    EXPECT_NE(std::string::npos, check.find("No errors were found on the image.")) << check;
-}
+};
 
 // kord reads every byte of the disk as the model says, and its checker
 // finds nothing wrong.
@@ -65,7 +58,7 @@ void expectKordReads(zu::IFileSystem* fs, const std::string& image, const Mirror
 // Writes through qemu-io of {pattern byte, offset, length}, mirrored into
 // the model.
 using QemuWrites = std::vector<std::tuple<int, long long, long long>>;
-void qemuWrite(const std::string& image, Mirror& mirror, const QemuWrites& w)
+std::string qemuWrite(const std::string& image, Mirror& mirror, const QemuWrites& w)
 {
     std::string command = "qemu-io -f vmdk";
     for (const auto& [pattern, offset, length] : w) {
@@ -73,7 +66,7 @@ void qemuWrite(const std::string& image, Mirror& mirror, const QemuWrites& w)
                    std::to_string(length) + "'";
         mirror.write(offset, Bytes(static_cast<size_t>(length), static_cast<unsigned char>(pattern)));
     }
-    run(command + " " + quoted(image));
+    return command + " '" + image + "'";
 }
 
 // Pieces of random length (partial grains among them), some random and some
@@ -97,19 +90,6 @@ void kordFill(CVMDKDisk& disk, Mirror& mirror, unsigned seed)
     }
 }
 
-class DiskInteropTest : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        if (!kordtest::haveTool("qemu-img") || !kordtest::haveTool("qemu-io"))
-            GTEST_SKIP() << "qemu-img or qemu-io is not installed (package qemu-utils): interop not checked";
-    }
-    std::string path(const std::string& name) const { return temp.file(name); }
-
-    kordtest::TempDir temp;
-    zu::P<zu::IFileSystem> fs = zu::newObj<zu::CLocalFileSystem>();
-};
-
 class KordDiskInteropTest : public DiskInteropTest, public testing::WithParamInterface<std::string> {};
 
 TEST_P(KordDiskInteropTest, qemuAndVmdkinfoReadWhatKordWrote)
@@ -118,20 +98,19 @@ TEST_P(KordDiskInteropTest, qemuAndVmdkinfoReadWhatKordWrote)
     // Split disks get three extents; every capacity is a whole number of grains.
     const long long capacity = (type == "twoGbMaxExtentSparse" ? 2 * splitSectors : 0) + 400 * grainSectors;
     Mirror mirror(capacity * sector);
-    const std::string parent = path(type + ".vmdk");
-    const std::string child = path(type + "-delta.vmdk");
-    kordFill(*CVMDKDisk::create(fs, fileURI(parent), params(type, capacity)), mirror, 1);
+    const std::string parent = type + ".vmdk", child = type + "-delta.vmdk";
+    kordFill(*CVMDKDisk::create(fs, fileURI(path(parent)), params(type, capacity)), mirror, 1);
     const Mirror parentMirror = mirror;
-    kordFill(*CVMDKDisk::create(fs, fileURI(child), params(type, 0, "", fileURI(parent))), mirror, 2);
+    kordFill(*CVMDKDisk::create(fs, fileURI(path(child)), params(type, 0, "", fileURI(path(parent)))), mirror, 2);
 
     for (const std::string& image : {parent, child}) {
         SCOPED_TRACE(image);
-        expectQemuReads(image, image == parent ? parentMirror : mirror, path("out.raw"));
+        expectQemuReads(image, image == parent ? parentMirror : mirror);
         if (!kordtest::haveTool("vmdkinfo")) {
             std::cout << "vmdkinfo is not installed (package libvmdk-utils): not checked\n";
             continue;
         }
-        std::string out = run("vmdkinfo " + quoted(image));
+        const std::string out = sh("vmdkinfo '" + image + "'");
         EXPECT_NE(std::string::npos, out.find("(" + std::to_string(capacity * sector) + " bytes)")) << out;
         const std::string extents = type == "twoGbMaxExtentSparse" ? "3" : "1";
         EXPECT_NE(std::string::npos, out.find("Number of extents:\t\t" + extents + "\n")) << out;
@@ -154,7 +133,7 @@ TEST_F(DiskInteropTest, kordReadsAndWritesQemuDisks)
     // text: kord's content-ID renewal, which adds the "encoding" line, has
     // the file replaced by a longer one, and nothing is left beside it.
     std::filesystem::create_directory(path("split"));
-    run("qemu-img create -f vmdk -o subformat=twoGbMaxExtentSparse " + quoted(path("split/qs.vmdk")) + " 3G");
+    sh("qemu-img create -f vmdk -o subformat=twoGbMaxExtentSparse split/qs.vmdk 3G");
     const std::string descriptorBefore = fileText(path("split/qs.vmdk"));
     const unsigned contentIDBefore = contentID(path("split/qs.vmdk"));
     writeAt(*openDisk(fs, fileURI(path("split/qs.vmdk")), RW), 0, Bytes(10, 1));
@@ -173,11 +152,11 @@ TEST_F(DiskInteropTest, kordReadsAndWritesQemuDisks)
     unsigned seed = 3;
     for (const auto& [name, createArgs, model, writes] : disks) {
         SCOPED_TRACE(name);
-        if (!createArgs.empty()) run("cd " + quoted(temp.path()) + " && qemu-img create -f vmdk " + createArgs);
-        qemuWrite(path(name), *model, writes);
+        if (!createArgs.empty()) sh("qemu-img create -f vmdk " + createArgs);
+        sh(qemuWrite(name, *model, writes));
         expectKordReads(fs, path(name), *model);
         kordFill(*openDisk(fs, fileURI(path(name)), RW), *model, seed++);
-        expectQemuReads(path(name), *model, path("out.raw"));
+        expectQemuReads(name, *model);
     }
 }
 
