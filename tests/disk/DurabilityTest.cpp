@@ -29,11 +29,6 @@ protected:
         return fs;
     }
     zu::P<CFaultFileSystem> copy(CFaultFileSystem& fs) { return zu::newObj<CFaultFileSystem>(fs.getFiles()); }
-    long long count(CFaultFileSystem& fs, const std::string& kind)
-    {
-        std::vector<std::string> kinds = fs.getCallKinds();
-        return std::count(kinds.begin(), kinds.end(), kind);
-    }
 };
 
 } // namespace
@@ -52,7 +47,8 @@ TEST_F(DurabilityTest, flushedChangesSurviveAPowerLossAndUnchangedDisksSyncNothi
         disk->flushChanges();
         // The content ID and the unclean mark, the grain data, the tables,
         // the clean header: each durable before the next.
-        EXPECT_LE(4, count(*fs, "sync"));
+        const std::vector<std::string> kinds = fs->getCallKinds();
+        EXPECT_LE(4, std::count(kinds.begin(), kinds.end(), "sync"));
         for (unsigned seed : {0u, 2u}) {
             zu::P<CFaultFileSystem> after = zu::newObj<CFaultFileSystem>(fs->getFilesAfterPowerLoss(seed));
             EXPECT_TRUE(readAt(*openDisk(after, diskURI, R), 700 * grainBytes - 5, data.size()) == data) << seed;

@@ -42,21 +42,23 @@ struct CWrite {
 };
 
 struct CScenario {
-    std::string name;
-    std::string type;
-    std::string pass;
-    bool onDemand = false;
-    bool delta = false;
-    bool copied = false; // the disk is a copy of a single-file disk that stays beside it
+    std::string name, type, pass;
+    std::vector<CWrite> oldWrites = {}; // the disk's data before the workload
+    std::vector<CWrite> writes = {};    // the workload (after the writes every scenario makes)
     long long capacitySectors = 64 * grainSectors;
-    std::vector<CWrite> parentWrites; // the parent's data, for a delta disk
-    std::vector<CWrite> oldWrites;    // the disk's data before the workload
-    std::vector<CWrite> writes;       // the workload
     int cacheLimit = kord::CVMDKGrainTableCache::defaultLimit;
+    bool onDemand = false;
+    bool copied = false;                   // the disk is a copy of a single-file disk that stays beside it
+    std::vector<CWrite> parentWrites = {}; // for a delta disk, the parent's data
+
+    bool delta() const { return !parentWrites.empty(); }
 };
 
 struct CFigures {
     long long runs = 0, checks = 0, unopenable = 0, dataLost = 0, unexpectedFindings = 0, failedRetries = 0;
+
+    // Counts a failure in `figure`; returns where it happened, for the report.
+    static const std::string& tally(long long& figure, const std::string& where) { return ++figure, where; }
 
     void print(const std::string& what) const
     {
@@ -66,11 +68,7 @@ struct CFigures {
     }
 };
 
-const char* faultName(Fault fault)
-{
-    static const char* const names[] = {"I/O error", "disk full", "short write", "crash"};
-    return names[static_cast<int>(fault)];
-}
+const char* const faultNames[] = {"I/O error", "disk full", "short write", "crash"};
 
 // The calls a sweep fails: every one in a full sweep, else the first call
 // of each kind, every sync and, where `every` is given, each every-th call.
@@ -120,19 +118,18 @@ bool allowedAfterFault(CVMDKChecker::Kind kind)
 
 class FaultSweep {
 public:
-    explicit FaultSweep(const CScenario& scenario) : scenario(scenario) {}
-
-    // Makes the disk with its old data and learns what it holds.
-    void setUp()
+    // Makes the disk with its old data, learns what it holds and counts the
+    // workload's calls.
+    explicit FaultSweep(const CScenario& scenario) : scenario(scenario)
     {
         zu::P<CFaultFileSystem> fs = zu::newObj<CFaultFileSystem>();
-        if (scenario.delta) {
+        if (scenario.delta()) {
             zu::P<CVMDKDisk> parent =
                 CVMDKDisk::create(fs, parentURI, params("monolithicSparse", scenario.capacitySectors, scenario.pass));
             for (const CWrite& w : scenario.parentWrites) writeAt(*parent, w.position, w.data);
         }
-        CVMDKDisk::CCreateParams p = params(scenario.type, scenario.delta ? 0 : scenario.capacitySectors, scenario.pass,
-                                            scenario.delta ? parentURI : zu::CURI());
+        CVMDKDisk::CCreateParams p = params(scenario.type, scenario.delta() ? 0 : scenario.capacitySectors, scenario.pass,
+                                            scenario.delta() ? parentURI : zu::CURI());
         p.createExtentFilesOnDemand = scenario.onDemand;
         // Written again in a session of its own: compressed and encrypted
         // grains move, and the workload finds the slots they left to reuse.
@@ -159,7 +156,10 @@ public:
                 newBytes[static_cast<size_t>(at)] = w.data[i];
                 inside[static_cast<size_t>(at)] = true;
             }
-        ASSERT_NE(oldBytes, newBytes);
+        EXPECT_NE(oldBytes, newBytes);
+        fs = zu::newObj<CFaultFileSystem>(files);
+        EXPECT_TRUE(runWorkload(fs));
+        kinds = fs->getCallKinds();
     }
 
     // Runs the workload; returns false when it failed.
@@ -174,14 +174,6 @@ public:
         });
     }
 
-    long long countCalls()
-    {
-        zu::P<CFaultFileSystem> fs = zu::newObj<CFaultFileSystem>(files);
-        EXPECT_TRUE(runWorkload(fs));
-        kinds = fs->getCallKinds();
-        return fs->getCallCount();
-    }
-
     void run(long long call, Fault fault, const std::vector<unsigned>& powerLossSeeds)
     {
         zu::P<CFaultFileSystem> fs = zu::newObj<CFaultFileSystem>(files);
@@ -189,12 +181,12 @@ public:
         runWorkload(fs);
         ++figures.runs;
         std::string where = scenario.name + " call " + std::to_string(call) + " (" + kinds[static_cast<size_t>(call - 1)] +
-                            ") " + faultName(fault);
+                            ") " + faultNames[static_cast<int>(fault)];
         for (const auto& [when, image] : imagesAfter(*fs, fault, powerLossSeeds)) check(image, where + when);
     }
 
-    const std::vector<std::string>& getKinds() const { return kinds; }
-    const CFigures& getFigures() const { return figures; }
+    std::vector<std::string> kinds;
+    CFigures figures;
 
 private:
     long long regionOffset(long long position) const
@@ -223,41 +215,34 @@ private:
     void check(const CFaultFileSystem::Files& after, const std::string& where)
     {
         ++figures.checks;
-        if (scenario.copied && after.at(originalKey) != files.at(originalKey)) {
-            ++figures.dataLost;
-            ADD_FAILURE() << where << ": a write to the copy changed the original";
-        }
+        if (scenario.copied && after.at(originalKey) != files.at(originalKey))
+            ADD_FAILURE() << CFigures::tally(figures.dataLost, where) << ": a write to the copy changed the original";
         zu::P<CFaultFileSystem> fs = zu::newObj<CFaultFileSystem>(after);
         Bytes now;
         try {
             now = readRegion(*openDisk(fs, diskURI, R, scenario.pass));
         } catch (const zu::CError& e) {
-            ++figures.unopenable;
-            ADD_FAILURE() << where << ": the disk does not open: " << e.toString().toUTF8();
+            ADD_FAILURE() << CFigures::tally(figures.unopenable, where) << ": the disk does not open: " << e.toString().toUTF8();
             return;
         }
         for (size_t i = 0; i < now.size(); ++i) {
             if (now[i] == oldBytes[i] || (inside[i] && now[i] == newBytes[i])) continue;
-            ++figures.dataLost;
-            ADD_FAILURE() << where << ": byte " << region[i / grainBytes] * grainBytes + static_cast<long long>(i) % grainBytes
+            ADD_FAILURE() << CFigures::tally(figures.dataLost, where) << ": byte " << region[i / grainBytes] * grainBytes + static_cast<long long>(i) % grainBytes
                           << (inside[i] ? " is neither old nor new" : " outside the written range is not old");
             break;
         }
-        for (const CVMDKChecker::CFinding& f : findings(fs)) {
-            if (allowedAfterFault(f.kind)) continue;
-            ++figures.unexpectedFindings;
-            ADD_FAILURE() << where << ": the checker found " << CVMDKChecker::getKindName(f.kind) << ": "
-                          << f.message.toUTF8();
-        }
+        for (const CVMDKChecker::CFinding& f : findings(fs))
+            if (!allowedAfterFault(f.kind))
+                ADD_FAILURE() << CFigures::tally(figures.unexpectedFindings, where) << ": the checker found "
+                              << CVMDKChecker::getKindName(f.kind) << ": " << f.message.toUTF8();
         std::string left;
         if (runWorkload(fs) && readRegion(*openDisk(fs, diskURI, R, scenario.pass)) == newBytes)
             for (const CVMDKChecker::CFinding& f : findings(fs)) left += std::string(" ") + CVMDKChecker::getKindName(f.kind);
         else
             left = " (the retry failed)";
-        if (!left.empty()) {
-            ++figures.failedRetries;
-            ADD_FAILURE() << where << ": the retry did not succeed or left a disk that is not clean:" << left;
-        }
+        if (!left.empty())
+            ADD_FAILURE() << CFigures::tally(figures.failedRetries, where)
+                          << ": the retry did not succeed or left a disk that is not clean:" << left;
     }
 
     CScenario scenario;
@@ -266,78 +251,56 @@ private:
     Bytes oldBytes;
     Bytes newBytes;
     std::vector<bool> inside;
-    std::vector<std::string> kinds;
-    CFigures figures;
 };
 
 std::vector<CScenario> scenarios()
 {
     const Bytes random = kordtest::pattern(grainBytes, 1), text = kordtest::compressible(grainBytes, 2);
     const std::vector<CWrite> old = {{0, kordtest::pattern(4 * grainBytes, 3)}};
+    const std::vector<CWrite> compressible = {{0, kordtest::compressible(4 * grainBytes, 6)}};
+    const int defaultLimit = kord::CVMDKGrainTableCache::defaultLimit;
+    std::vector<CScenario> out = {
+        // Tables of three grain tables in a cache of one: they are written before the final flush.
+        {"monolithicSparse", "monolithicSparse", "", {old[0], {600 * grainBytes, random}},
+         {{601 * grainBytes - 10, text}, {1100 * grainBytes, random}}, 3 * 512 * grainSectors, 1},
+        // The last write makes the second file.
+        {"twoGbMaxExtentSparse on demand", "twoGbMaxExtentSparse", "", old,
+         {{splitSectors * sector - 3000, kordtest::pattern(grainBytes, 5)}}, splitSectors + 64 * grainSectors,
+         defaultLimit, true},
+        // Copies of single-file disks, whose extent lines name the original:
+        // they write only themselves.
+        {"streamOptimized copy", "streamOptimized", "", compressible, {}, 64 * grainSectors, defaultLimit, false, true},
+        {"streamOptimized encrypted", "streamOptimized", password, compressible},
+        {"monolithicSparse encrypted copy", "monolithicSparse", password, old, {}, 64 * grainSectors, defaultLimit,
+         false, true},
+        // Zeros over the parent's grain.
+        {"delta", "monolithicSparse", "", {{2 * grainBytes + 100, Bytes(300, 0x22)}},
+         {{4 * grainBytes, Bytes(grainBytes, 0)}}, 64 * grainSectors, defaultLimit, false, false,
+         {{0, kordtest::pattern(6 * grainBytes, 7)}}}};
     // A part of a stored grain across into the next, a whole stored grain,
     // a new grain, the same stored grain twice (moved, then in place).
     const std::vector<CWrite> writes = {{grainBytes + 1000, kordtest::pattern(grainBytes, 4)},
                                         {3 * grainBytes, text},
                                         {10 * grainBytes, random},
                                         {grainBytes + 5, Bytes(700, 0x55)}};
-    auto scenario = [&](const std::string& name, const std::string& type, const std::string& pass,
-                        const std::vector<CWrite>& oldWrites, const std::vector<CWrite>& moreWrites = {}) {
-        CScenario s;
-        s.name = name, s.type = type, s.pass = pass, s.oldWrites = oldWrites, s.writes = writes;
-        s.writes.insert(s.writes.end(), moreWrites.begin(), moreWrites.end());
-        return s;
-    };
-    std::vector<CScenario> out;
-    // Tables of three grain tables in a cache of one: they are written before the final flush.
-    std::vector<CWrite> oldAndFar = old;
-    oldAndFar.push_back({600 * grainBytes, random});
-    out.push_back(scenario("monolithicSparse", "monolithicSparse", "", oldAndFar,
-                           {{601 * grainBytes - 10, text}, {1100 * grainBytes, random}}));
-    out.back().capacitySectors = 3 * 512 * grainSectors;
-    out.back().cacheLimit = 1;
-    // The last write makes the second file.
-    out.push_back(scenario("twoGbMaxExtentSparse on demand", "twoGbMaxExtentSparse", "", old,
-                           {{splitSectors * sector - 3000, kordtest::pattern(grainBytes, 5)}}));
-    out.back().onDemand = true;
-    out.back().capacitySectors = splitSectors + 64 * grainSectors;
-    const std::vector<CWrite> compressible = {{0, kordtest::compressible(4 * grainBytes, 6)}};
-    // Copies of single-file disks, whose extent lines name the original:
-    // they write only themselves.
-    out.push_back(scenario("streamOptimized copy", "streamOptimized", "", compressible));
-    out.back().copied = true;
-    out.push_back(scenario("streamOptimized encrypted", "streamOptimized", password, compressible));
-    out.push_back(scenario("monolithicSparse encrypted copy", "monolithicSparse", password, old));
-    out.back().copied = true;
-    // Zeros over the parent's grain.
-    out.push_back(scenario("delta", "monolithicSparse", "", {{2 * grainBytes + 100, Bytes(300, 0x22)}},
-                           {{4 * grainBytes, Bytes(grainBytes, 0)}}));
-    out.back().delta = true;
-    out.back().parentWrites = {{0, kordtest::pattern(6 * grainBytes, 7)}};
+    for (CScenario& s : out) s.writes.insert(s.writes.begin(), writes.begin(), writes.end());
     return out;
 }
 
-bool fullSweep()
-{
-    const char* value = std::getenv("KORD_FAULT_SWEEP");
-    return value && std::string(value) == "full";
-}
+const bool full = std::getenv("KORD_FAULT_SWEEP") && std::string(std::getenv("KORD_FAULT_SWEEP")) == "full";
 
 } // namespace
 
 TEST(FaultSweep, everyFaultLeavesOldOrNewAndARetrySucceeds)
 {
-    const bool full = fullSweep();
     for (const CScenario& scenario : scenarios()) {
         SCOPED_TRACE(scenario.name);
         FaultSweep sweep(scenario);
-        sweep.setUp();
-        if (testing::Test::HasFatalFailure()) return;
-        const long long calls = sweep.countCalls();
-        for (long long call : sampledCalls(sweep.getKinds(), full, 4))
+        for (long long call : sampledCalls(sweep.kinds, full, 4))
             for (Fault fault : {Fault::ioError, Fault::noSpace, Fault::shortWrite, Fault::crash})
                 sweep.run(call, fault,
                           full ? std::vector<unsigned>{0, 1, 2, 3, 4, 5, 6, 7} : std::vector<unsigned>{0, 2, 3, 4});
-        sweep.getFigures().print(scenario.name + ": " + std::to_string(calls) + " calls, ");
+        sweep.figures.print(scenario.name + ": " + std::to_string(sweep.kinds.size()) + " calls, ");
     }
 }
 
@@ -346,7 +309,6 @@ TEST(FaultSweep, everyFaultLeavesOldOrNewAndARetrySucceeds)
 // reads its data, and the change run again finishes the job.
 TEST(FaultSweep, passwordChangeOfAChainOpensWithOldOrNewAndARerunFinishes)
 {
-    const bool full = fullSweep();
     const zu::String oldPassword("old"), newPassword("new");
     const Bytes data = kordtest::pattern(3 * grainBytes, 21);
     zu::P<CFaultFileSystem> base = zu::newObj<CFaultFileSystem>();
@@ -379,17 +341,13 @@ TEST(FaultSweep, passwordChangeOfAChainOpensWithOldOrNewAndARerunFinishes)
             for (const auto& [when, image] :
                  imagesAfter(*fs, fault, full ? std::vector<unsigned>{0, 1, 2, 3, 4, 5} : std::vector<unsigned>{0, 2})) {
                 ++figures.checks;
-                SCOPED_TRACE("call " + std::to_string(call) + " (" + kinds[static_cast<size_t>(call - 1)] + ") " +
-                             faultName(fault) + when);
+                const std::string where = "call " + std::to_string(call) + " (" + kinds[static_cast<size_t>(call - 1)] +
+                                          ") " + faultNames[static_cast<int>(fault)] + when;
                 zu::P<CFaultFileSystem> after = zu::newObj<CFaultFileSystem>(image);
-                if (!opensWith(after, "old") && !opensWith(after, "new")) {
-                    ++figures.unopenable;
-                    ADD_FAILURE() << "the chain opens with neither password";
-                }
-                if (!change(after) || !opensWith(after, "new") || opensWith(after, "old")) {
-                    ++figures.failedRetries;
-                    ADD_FAILURE() << "the change run again did not finish the job";
-                }
+                if (!opensWith(after, "old") && !opensWith(after, "new"))
+                    ADD_FAILURE() << CFigures::tally(figures.unopenable, where) << ": the chain opens with neither password";
+                if (!change(after) || !opensWith(after, "new") || opensWith(after, "old"))
+                    ADD_FAILURE() << CFigures::tally(figures.failedRetries, where) << ": the change run again did not finish";
             }
         }
     }
