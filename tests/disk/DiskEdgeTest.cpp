@@ -25,16 +25,14 @@ using zu::CError;
 
 std::string prop(const zu::CError& e, const char* name) { return e.getProp(name).toUTF8(); }
 
-// The local file system, failing where a test says: creating one named
-// file (under its name or a temporary one), or taking any lock.
-class FaultyFileSystem : public zu::CLocalFileSystem {
-public:
+// The local file system, failing where a test says: creating a file whose
+// name starts with failCreating (the file itself, or the temporary file it
+// is made under), or taking any lock.
+struct FaultyFileSystem : zu::CLocalFileSystem {
     FaultyFileSystem(const std::string& failCreating, bool failLocks) : failCreating(failCreating), failLocks(failLocks) {}
     zu::P<zu::IIOStream> openStream(const zu::CURI& uri, int access, const zu::CProps& options) override
     {
-        // The file itself, or the temporary file it is made under.
-        if ((access & zu::IIOStream::accessBitCreate) && !failCreating.empty() &&
-            uri.getName().toUTF8().rfind(failCreating, 0) == 0)
+        if ((access & zu::IIOStream::accessBitCreate) && !failCreating.empty() && uri.getName().toUTF8().rfind(failCreating, 0) == 0)
             throw zu::CFileSystemError(zu::CFileSystemError::problemNoSpace, "No space left on the test medium.");
         return CLocalFileSystem::openStream(uri, access, options);
     }
@@ -43,10 +41,8 @@ public:
         if (failLocks) throw zu::CFileSystemError(zu::CFileSystemError::problemAccessDenied, "Locks refused.");
         return CLocalFileSystem::lockFile(uri, type, wait, remove);
     }
-
-private:
-    std::string failCreating;
-    bool failLocks;
+    const std::string failCreating;
+    const bool failLocks;
 };
 
 class DiskEdgeTest : public DiskFolderTest {};
@@ -151,10 +147,9 @@ TEST_F(DiskEdgeTest, streamAdapterStoresOnCloseAndRefusesWhatADiskCannotDo)
     EXPECT_TRUE(stream->isEndOfStream());
     expectError<zu::CIOError>([&] { stream->read(buf.data(), 1); }, "Read exceeds VMDK disk size.", 4);
     expectError<zu::CIOError>([&] { stream->setLength(1); }, "Error changing the size of a file.", 13);
-    zu::CFileSystemError e =
-        expectError<zu::CFileSystemError>([&] { stream->lockRange(0, 1, zu::IStreamBase::lockShared); },
-                                          "VMDK Disk I/O stream does not support lockRange.", 6);
-    EXPECT_EQ("6", prop(e, "fileSysProblem"));
+    EXPECT_EQ("6", prop(expectError<zu::CFileSystemError>([&] { stream->lockRange(0, 1, zu::IStreamBase::lockShared); },
+                                                          "VMDK Disk I/O stream does not support lockRange.", 6),
+                        "fileSysProblem"));
 
     stream->close();
     stream->close();
@@ -324,13 +319,12 @@ TEST_F(DiskEdgeTest, parentsThatLoopGoTooDeepOrHaveOtherGrainsAreRefused)
     // swapped for one of 64-sector grains with its content ID is refused.
     create("p.vmdk", "monolithicSparse", 8 * grainSectors);
     create("c.vmdk", "monolithicSparse", 0, "", "p.vmdk");
-    std::filesystem::create_directory(path("other"));
+    const unsigned pID = contentID(path("p.vmdk"));
+    std::filesystem::remove(path("p.vmdk"));
     CVMDKDisk::CCreateParams p64 = params("monolithicSparse", 8 * grainSectors);
     p64.grainSizeSectors = 64;
-    CVMDKDisk::create(fs, uri("other/p.vmdk"), p64);
-    const unsigned pID = contentID(path("p.vmdk"));
-    editDescriptor(path("other/p.vmdk"), [&](kord::CVMDKDescriptor& d) { d.setContentID(pID); });
-    std::filesystem::rename(path("other/p.vmdk"), path("p.vmdk"));
+    CVMDKDisk::create(fs, uri("p.vmdk"), p64);
+    editDescriptor(path("p.vmdk"), [&](kord::CVMDKDescriptor& d) { d.setContentID(pID); });
     zu::TBuffer<unsigned char> prepared;
     zu::CError e = expectError<CError>([&] { open("c.vmdk", R)->readPreparedGrainData(prepared); },
                                "Parent disk is incompatible with diff disk.", -1);
@@ -360,18 +354,13 @@ TEST_F(DiskEdgeTest, onDemandExtentsAppearOnFirstWriteAtTheRightPlace)
 
     const Bytes data = kordtest::pattern(grainBytes, 7);
     const long long at = extent2 + 5 * grainBytes + 100;
+    Mirror mirror(end);
+    mirror.write(at, data), mirror.write(end - 10, Bytes(10, 0x5A)); // the short last extent
     writeAt(*open("od.vmdk", RW, password), at, data);
     EXPECT_TRUE(std::filesystem::exists(path("od-s002.vmdk")));
     EXPECT_FALSE(std::filesystem::exists(path("od-s003.vmdk")));
-    writeAt(*open("od.vmdk", RW, password), end - 10, Bytes(10, 0x5A)); // the short last extent
-    {
-        zu::P<CVMDKDisk> disk = open("od.vmdk", R, password);
-        EXPECT_TRUE(readAt(*disk, at, data.size()) == data);
-        EXPECT_TRUE(readAt(*disk, extent2, 5 * grainBytes + 100) == Bytes(5 * grainBytes + 100, 0));
-        Bytes tail(10, 0);
-        tail.resize(20, 0x5A);
-        EXPECT_TRUE(readAt(*disk, end - 20, 20) == tail);
-    }
+    writeAt(*open("od.vmdk", RW, password), end - 10, Bytes(10, 0x5A));
+    expectMatches(*open("od.vmdk", R, password), mirror, "made on demand");
 
     // A child made on demand reads its parent through extents not yet made.
     p.parentURI = uri("od.vmdk");
