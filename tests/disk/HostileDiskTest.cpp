@@ -58,12 +58,10 @@ protected:
     {
         zu::P<CVMDKDisk> disk = create("d.vmdk", type, parent.empty() ? sectors : 0, "", parent);
         mirror = std::make_unique<Mirror>(disk->getDiskSizeBytes());
-        for (auto [pos, data] : {std::pair{0LL, kordtest::pattern(2 * grainBytes, 1)},
-                                 std::pair{700 * grainBytes + 100, Bytes(5000, 7)}}) {
-            writeAt(*disk, pos, data);
-            mirror->write(pos, data);
-        }
+        put(*disk, 0, kordtest::pattern(2 * grainBytes, 1));
+        put(*disk, 700 * grainBytes + 100, Bytes(5000, 7));
     }
+    void put(CVMDKDisk& disk, long long pos, const Bytes& data) { writeAt(disk, pos, data), mirror->write(pos, data); }
 
     // The grains a user's reading meets damage in: the written ones, one
     // never written, and the disk's last.
@@ -78,12 +76,9 @@ protected:
     // grain, and a new grain.
     void writeSome(CVMDKDisk& disk)
     {
-        for (auto [pos, data] : {std::pair{disk.getDiskSizeBytes() - 100, Bytes(100, 0xAF)},
-                                 std::pair{1000LL, Bytes(100, 0xA0)},
-                                 std::pair{2 * grainBytes + 50, Bytes(100, 0xA2)}}) {
-            writeAt(disk, pos, data);
-            mirror->write(pos, data);
-        }
+        put(disk, disk.getDiskSizeBytes() - 100, Bytes(100, 0xAF));
+        put(disk, 1000, Bytes(100, 0xA0));
+        put(disk, 2 * grainBytes + 50, Bytes(100, 0xA2));
         disk.flushChanges();
     }
 
@@ -295,11 +290,9 @@ TEST_F(HostileDiskTest, refusedWhereDamagedAndCheckAgrees)
         EXPECT_EQ(refused, found || !check.empty());
         EXPECT_TRUE(check.empty() || check == info || check == cat || check == write) << check;
         if (r.kind.empty()) continue;
-        auto f = std::find_if(findings.begin(), findings.end(),
-                              [&](auto& f) { return CVMDKChecker::getKindName(f.kind) == r.kind; });
-        EXPECT_EQ(1u, findings.size());
-        EXPECT_TRUE(f != findings.end()) << "no finding of kind " << r.kind;
-        if (f == findings.end()) continue;
+        ASSERT_EQ(1u, findings.size());
+        const CVMDKChecker::CFinding* f = &findings[0];
+        EXPECT_EQ(r.kind, CVMDKChecker::getKindName(f->kind));
         EXPECT_TRUE(r.kind != "refused" || f->message.toUTF8() == r.refusal) << f->message.toUTF8();
         for (const auto& [key, value] : r.props)
             EXPECT_EQ(value, (key == "uri" ? f->uri.toString(true) : f->props.get(key)).toUTF8()) << key;
@@ -315,8 +308,8 @@ TEST_F(HostileDiskTest, checkerThrowsWhatStopsItAndFindsAnEmptyDiskClean)
     EXPECT_TRUE(findingKinds(fs, uri("empty.vmdk")).empty());
     kordtest::expectThrows<zu::CFileSystemError>([&] { findingKinds(fs, uri("missing.vmdk")); });
     writeAt(*create("enc.vmdk", "monolithicSparse", capacitySectors, "right"), 0, Bytes(10, 1));
-    EXPECT_EQ("Specified VMDK encryption password is not correct.",
-              kordtest::msg(kordtest::expectThrows([&] { findingKinds(fs, uri("enc.vmdk"), "wrong"); })));
+    kordtest::expectError<zu::CError>([&] { findingKinds(fs, uri("enc.vmdk"), "wrong"); },
+                                      "Specified VMDK encryption password is not correct.", -1);
     zu::P<CVMDKDisk> writer = open("enc.vmdk", RW, "right");
     kordtest::expectThrows<zu::CLockFileError>([&] { findingKinds(fs, uri("enc.vmdk"), "right"); });
 }
