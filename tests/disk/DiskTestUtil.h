@@ -38,10 +38,7 @@ inline CVMDKDisk::CCreateParams params(const std::string& type, long long capaci
                                        const std::string& pass = std::string(), const zu::CURI& parent = zu::CURI())
 {
     CVMDKDisk::CCreateParams p;
-    p.createType = zu::String(type);
-    p.capacitySectors = capacitySectors;
-    p.password = zuText(pass);
-    p.parentURI = parent;
+    p.createType = zu::String(type), p.capacitySectors = capacitySectors, p.password = zuText(pass), p.parentURI = parent;
     return p;
 }
 
@@ -193,10 +190,9 @@ inline void editDescriptor(const std::string& file, const std::function<void(kor
 
 inline std::string replaced(std::string text, const std::string& from, const std::string& to)
 {
-    size_t at = text.find(from);
+    const size_t at = text.find(from);
     EXPECT_NE(std::string::npos, at) << from;
-    if (at != std::string::npos) text.replace(at, from.size(), to);
-    return text;
+    return at == std::string::npos ? text : text.replace(at, from.size(), to);
 }
 
 // Disks in a fresh folder of the local file system, named by file name.

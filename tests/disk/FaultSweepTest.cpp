@@ -207,11 +207,6 @@ private:
         return out;
     }
 
-    std::vector<CVMDKChecker::CFinding> findings(zu::IFileSystem* fs) const
-    {
-        return CVMDKChecker(fs, diskURI, zuText(scenario.pass)).check();
-    }
-
     void check(const CFaultFileSystem::Files& after, const std::string& where)
     {
         ++figures.checks;
@@ -231,13 +226,14 @@ private:
                           << (inside[i] ? " is neither old nor new" : " outside the written range is not old");
             break;
         }
-        for (const CVMDKChecker::CFinding& f : findings(fs))
+        for (const CVMDKChecker::CFinding& f : CVMDKChecker(fs, diskURI, zuText(scenario.pass)).check())
             if (!allowedAfterFault(f.kind))
                 ADD_FAILURE() << CFigures::tally(figures.unexpectedFindings, where) << ": the checker found "
                               << CVMDKChecker::getKindName(f.kind) << ": " << f.message.toUTF8();
         std::string left;
         if (runWorkload(fs) && readRegion(*openDisk(fs, diskURI, R, scenario.pass)) == newBytes)
-            for (const CVMDKChecker::CFinding& f : findings(fs)) left += std::string(" ") + CVMDKChecker::getKindName(f.kind);
+            for (const CVMDKChecker::CFinding& f : CVMDKChecker(fs, diskURI, zuText(scenario.pass)).check())
+                left += std::string(" ") + CVMDKChecker::getKindName(f.kind);
         else
             left = " (the retry failed)";
         if (!left.empty())
