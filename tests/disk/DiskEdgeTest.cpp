@@ -152,7 +152,6 @@ TEST_F(DiskEdgeTest, streamAdapterStoresOnCloseAndRefusesWhatADiskCannotDo)
 
     stream->close();
     stream->close();
-    expectError<zu::CIOError>([&] { stream->getLength(); }, "Error: stream has been closed.", 10);
     expectError<zu::CIOError>([&] { stream->write(buf.data(), 1); }, "Error: stream has been closed.", 10);
     EXPECT_FALSE(std::filesystem::exists(path("s.vmdk.lock"))) << "closing must release the disk and its lock";
 }

@@ -20,8 +20,7 @@ protected:
     {
         EXPECT_NE(std::string::npos,
                   sh("qemu-img info --output=json '" + image + "'").find("\"virtual-size\": " + std::to_string(mirror.size())));
-        std::ofstream(path("out.raw"), std::ios::binary | std::ios::trunc).close();
-        std::filesystem::resize_file(path("out.raw"), static_cast<std::uintmax_t>(mirror.size()));
+        sh("rm -f out.raw && truncate -s " + std::to_string(mirror.size()) + " out.raw");
         std::fstream out(path("out.raw"), std::ios::in | std::ios::out | std::ios::binary);
         for (long long grain : mirror.touchedGrains()) {
             const Bytes bytes = mirror.read(grain * grainBytes, std::min(grainBytes, mirror.size() - grain * grainBytes));

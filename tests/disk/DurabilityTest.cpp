@@ -29,6 +29,13 @@ protected:
         return fs;
     }
     zu::P<CFaultFileSystem> copy(CFaultFileSystem& fs) { return zu::newObj<CFaultFileSystem>(fs.getFiles()); }
+    // The disk holds each piece of data at its place, and the checker finds it clean.
+    static void expectIntact(zu::IFileSystem* fs, const std::map<long long, Bytes>& data, const std::string& pass = "")
+    {
+        for (const auto& [at, bytes] : data)
+            EXPECT_TRUE(readAt(*openDisk(fs, diskURI, R, pass), at, static_cast<long long>(bytes.size())) == bytes) << at;
+        EXPECT_TRUE(findingKinds(fs, diskURI, pass).empty());
+    }
 };
 
 } // namespace
@@ -49,11 +56,8 @@ TEST_F(DurabilityTest, flushedChangesSurviveAPowerLossAndUnchangedDisksSyncNothi
         // the clean header: each durable before the next.
         const std::vector<std::string> kinds = fs->getCallKinds();
         EXPECT_LE(4, std::count(kinds.begin(), kinds.end(), "sync"));
-        for (unsigned seed : {0u, 2u}) {
-            zu::P<CFaultFileSystem> after = zu::newObj<CFaultFileSystem>(fs->getFilesAfterPowerLoss(seed));
-            EXPECT_TRUE(readAt(*openDisk(after, diskURI, R), 700 * grainBytes - 5, data.size()) == data) << seed;
-            EXPECT_TRUE(findingKinds(after, diskURI).empty()) << seed;
-        }
+        for (unsigned seed : {0u, 2u})
+            expectIntact(zu::newObj<CFaultFileSystem>(fs->getFilesAfterPowerLoss(seed)), {{700 * grainBytes - 5, data}});
         const long long flushed = fs->getCallCount();
         disk = nullptr;
         EXPECT_EQ(flushed, fs->getCallCount()) << "closing a flushed disk writes nothing";
@@ -66,6 +70,8 @@ TEST_F(DurabilityTest, writeErrorsReachTheCallerAndARetryKeepsEveryChange)
 {
     const zu::P<CFaultFileSystem> base = make("monolithicSparse");
     const std::vector<long long> grains = {3, 600, 1100, 40, 1200};
+    std::map<long long, Bytes> written;
+    for (long long g : grains) written[g * grainBytes + 9] = kordtest::pattern(grainBytes, g);
     const auto workload = [&](CVMDKDisk& disk) {
         for (long long g : grains) writeAt(disk, g * grainBytes + 9, kordtest::pattern(grainBytes, g));
     };
@@ -90,11 +96,7 @@ TEST_F(DurabilityTest, writeErrorsReachTheCallerAndARetryKeepsEveryChange)
         workload(*disk);
         disk->flushChanges();
         disk = nullptr;
-        disk = openDisk(fs, diskURI, R);
-        for (long long g : grains)
-            EXPECT_TRUE(readAt(*disk, g * grainBytes + 9, grainBytes) == kordtest::pattern(grainBytes, g)) << g;
-        disk = nullptr;
-        EXPECT_TRUE(findingKinds(fs, diskURI).empty());
+        expectIntact(fs, written);
     }
 }
 
@@ -132,10 +134,7 @@ TEST_F(DurabilityTest, trailAndRedundantTablesLeftBehindAreRepairedByTheNextFlus
         zu::P<CFaultFileSystem> fs = zu::newObj<CFaultFileSystem>(files);
         EXPECT_FALSE(findingKinds(fs, diskURI).empty());
         writeAt(*openDisk(fs, diskURI, RW), 5 * grainBytes, data);
-        EXPECT_TRUE(findingKinds(fs, diskURI).empty());
-        zu::P<CVMDKDisk> disk = openDisk(fs, diskURI, R);
-        EXPECT_TRUE(readAt(*disk, 5 * grainBytes, grainBytes) == data);
-        EXPECT_TRUE(readAt(*disk, 0, grainBytes) == kordtest::pattern(grainBytes, 1));
+        expectIntact(fs, {{5 * grainBytes, data}, {0, kordtest::pattern(grainBytes, 1)}});
         long long pos = 0, slot = 0;
         inspectExtent(fs, diskURI)->getGrainInfo(5, pos, slot);
         EXPECT_TRUE(newGrainAt < 0 || trailAt + newGrainAt == pos * sector) << pos;
@@ -149,8 +148,7 @@ TEST_F(DurabilityTest, trailAndRedundantTablesLeftBehindAreRepairedByTheNextFlus
     EXPECT_THROW(disk->flushChanges(), zu::CIOError);
     disk->flushChanges();
     disk = nullptr;
-    EXPECT_TRUE(findingKinds(fs, diskURI).empty());
-    EXPECT_TRUE(readAt(*openDisk(fs, diskURI, R), 9 * grainBytes, grainBytes) == data);
+    expectIntact(fs, {{9 * grainBytes, data}});
 }
 
 // Compressed and encrypted grains move when rewritten; the slots they leave
@@ -175,10 +173,9 @@ TEST_F(DurabilityTest, rewrittenGrainsReuseTheSlotsTheyLeave)
             sizes.push_back(fs->getFiles().at(key).size());
         }
         EXPECT_EQ(sizes[1], sizes[3]) << "later sessions fit in what the first left";
-        EXPECT_TRUE(findingKinds(fs, diskURI, pass).empty());
-        zu::P<CVMDKDisk> disk = openDisk(fs, diskURI, R, pass);
-        for (long long g = 0; g < 16; ++g)
-            EXPECT_TRUE(readAt(*disk, g * grainBytes, grainBytes) == kordtest::pattern(grainBytes, g + 1)) << g;
+        std::map<long long, Bytes> expected;
+        for (long long g = 0; g < 16; ++g) expected[g * grainBytes] = kordtest::pattern(grainBytes, g + 1);
+        expectIntact(fs, expected, pass);
     }
 }
 

@@ -315,10 +315,7 @@ TEST(FaultSweep, passwordChangeOfAChainOpensWithOldOrNewAndARerunFinishes)
     expected.resize(4 * grainBytes);
     std::copy(data.begin(), data.end(), expected.begin() + grainBytes);
     const auto change = [&](zu::IFileSystem* fs) {
-        return succeeds([&] {
-            kord::CVMDKPasswordChange(fs, diskURI, oldPassword, newPassword).run();
-            return true;
-        });
+        return succeeds([&] { return kord::CVMDKPasswordChange(fs, diskURI, oldPassword, newPassword).run(), true; });
     };
     const auto opensWith = [&](zu::IFileSystem* fs, const std::string& pass) {
         return succeeds([&] { return readAt(*openDisk(fs, diskURI, R, pass), 0, 4 * grainBytes) == expected; });
