@@ -91,15 +91,13 @@ TEST_F(DiskEdgeTest, transfersAcrossExtentsAndAtTheEnd)
 
 TEST_F(DiskEdgeTest, readOnlyOpenChecksSizeFirstAndChangesNoByte)
 {
-    writeAt(*create("parent.vmdk", "monolithicSparse", 64 * grainSectors), 3 * grainBytes,
-            kordtest::pattern(2 * grainBytes, 3));
-    writeAt(*create("child.vmdk", "monolithicSparse", 0, "", "parent.vmdk"), 3 * grainBytes - 7,
-            kordtest::pattern(100, 4));
+    writeAt(*create("p.vmdk", "monolithicSparse", 64 * grainSectors), 3 * grainBytes, kordtest::pattern(2 * grainBytes, 3));
+    writeAt(*create("c.vmdk", "monolithicSparse", 0, "", "p.vmdk"), 3 * grainBytes - 7, kordtest::pattern(100, 4));
     writeAt(*create("so.vmdk", "streamOptimized", 64 * grainSectors, password), grainBytes - 3, Bytes(9, 1));
     const auto before = snapshot(temp.path());
     EXPECT_TRUE(readAt(*open("so.vmdk", R, password), grainBytes - 4, 11) == Bytes({0, 1, 1, 1, 1, 1, 1, 1, 1, 1, 0}));
     {
-        zu::P<CVMDKDisk> disk = open("child.vmdk", R);
+        zu::P<CVMDKDisk> disk = open("c.vmdk", R);
         Bytes all = readAt(*disk, 0, disk->getDiskSizeBytes());
         disk->seek(4 * grainBytes);
         EXPECT_TRUE(disk->isGrainWritten());
@@ -479,10 +477,10 @@ TEST_F(DiskEdgeTest, passwordsAndEncryptionBounds)
 // grain in each of four tables, a cache of one.
 TEST_F(DiskEdgeTest, storedGrainWritesKeepTheTableCacheBounded)
 {
-    create("stored.vmdk", "monolithicSparse", 4 * 512 * grainSectors, password);
+    create("s.vmdk", "monolithicSparse", 4 * 512 * grainSectors, password);
     {
         zu::P<kord::CVMDKGrainTableCache> cache = zu::newObj<kord::CVMDKGrainTableCache>(1);
-        zu::P<CVMDKDisk> disk = zu::newObj<CVMDKDisk>(fs, uri("stored.vmdk"), RW, zuText(password), -1, cache, nullptr);
+        zu::P<CVMDKDisk> disk = zu::newObj<CVMDKDisk>(fs, uri("s.vmdk"), RW, zuText(password), -1, cache, nullptr);
         zu::P<kord::CVMDKGrainCipher> cipher = disk->createGrainCipher();
         zu::TBuffer<unsigned char> stored;
         for (long long g : {5, 600, 1100, 1900}) {
@@ -493,8 +491,7 @@ TEST_F(DiskEdgeTest, storedGrainWritesKeepTheTableCacheBounded)
         }
     }
     for (long long g : {5, 600, 1100, 1900})
-        EXPECT_TRUE(readAt(*open("stored.vmdk", R, password), g * grainBytes, grainBytes) ==
-                    kordtest::pattern(grainBytes, g));
+        EXPECT_TRUE(readAt(*open("s.vmdk", R, password), g * grainBytes, grainBytes) == kordtest::pattern(grainBytes, g));
 }
 
 TEST_F(DiskEdgeTest, newDisksDescribeThemselvesAsOtherToolsDo)
