@@ -383,29 +383,26 @@ TEST_F(DiskEdgeTest, extentMapRefusesBadLinesAndMismatchedFiles)
 
     std::string many = line2;
     for (int i = 0; i < CVMDKDisk::maxExtentLines; ++i) many += "\nRW 1 SPARSE \"e" + std::to_string(i) + ".vmdk\"";
-    const std::vector<std::pair<std::string, std::string>> badLines = {
-        {"RW -1 SPARSE \"y.vmdk\"\n" + line2, "VMDK disk has an extent of invalid size."},
-        {"RW 9100000000000000 SPARSE \"y.vmdk\"\nRW 9100000000000000 SPARSE \"z.vmdk\"",
-         "VMDK disk has an extent of invalid size."},
-        {"RW 256 ZERO \"zero.vmdk\"", "VMDK disk has an unsupported extent type: 'ZERO'."},
-        {many, "VMDK disk has too many extents."}};
-    for (const auto& [lines, message] : badLines) {
-        withLines(lines);
-        expectError<zu::CIOError>([&] { open("x.vmdk", R); }, message, 5);
-    }
-
-    // Files that do not fit their line are refused when first used, by name.
+    // Bad lines are refused when the disk opens; files that do not fit
+    // their line when first used, by name.
     const std::string s002 = fileText(path("x-s002.vmdk"));
-    const std::vector<std::tuple<std::string, std::string, std::string>> badFiles = {
-        {"100000", s002, "VMDK extent file is smaller than its extent line."},
-        {"256", fileText(path("so.vmdk")), "VMDK extent file differs in compression from the disk's first extent."},
-        {"256", s002.substr(0, 1000), "VMDK extent file is shorter than its metadata."}};
-    for (const auto& [lineSize, file, message] : badFiles) {
-        withLines(replaced(line2, "256", lineSize));
+    const std::vector<std::tuple<std::string, std::string, std::string>> refusals = {
+        {"RW -1 SPARSE \"y.vmdk\"\n" + line2, s002, "VMDK disk has an extent of invalid size."},
+        {"RW 9100000000000000 SPARSE \"y.vmdk\"\nRW 9100000000000000 SPARSE \"z.vmdk\"", s002,
+         "VMDK disk has an extent of invalid size."},
+        {"RW 256 ZERO \"zero.vmdk\"", s002, "VMDK disk has an unsupported extent type: 'ZERO'."},
+        {many, s002, "VMDK disk has too many extents."},
+        {replaced(line2, "256", "100000"), s002, "VMDK extent file is smaller than its extent line."},
+        {line2, fileText(path("so.vmdk")), "VMDK extent file differs in compression from the disk's first extent."},
+        {line2, s002.substr(0, 1000), "VMDK extent file is shorter than its metadata."}};
+    for (const auto& [lines, file, message] : refusals) {
+        withLines(lines);
         putFile(path("x-s002.vmdk"), file);
-        zu::P<CVMDKDisk> disk = open("x.vmdk", R);
-        zu::CIOError e = expectError<zu::CIOError>([&] { readAt(*disk, splitSectors * sector, 1); }, message, 5);
-        EXPECT_NE(std::string::npos, prop(e, "uri").find("x-s002.vmdk")) << message;
+        const bool atOpen = message.rfind("VMDK disk ", 0) == 0;
+        zu::P<CVMDKDisk> disk = atOpen ? nullptr : open("x.vmdk", R);
+        zu::CIOError e = expectError<zu::CIOError>(
+            [&] { readAt(*(disk ? disk : open("x.vmdk", R)), splitSectors * sector, 1); }, message, 5);
+        EXPECT_TRUE(atOpen || prop(e, "uri").find("x-s002.vmdk") != std::string::npos) << message;
     }
 
     putFile(path("x.vmdk"), "");
