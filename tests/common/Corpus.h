@@ -9,7 +9,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 namespace kordtest {
 
@@ -33,23 +32,13 @@ inline std::vector<CorpusDisk> corpusDisks()
     std::string dir = sharedPath("vmdk-corpus");
     if (dir.empty()) return disks;
     std::ifstream in(dir + "/expected.tsv");
-    std::string line;
-    std::getline(in, line); // the column names
-    while (std::getline(in, line)) {
-        std::istringstream fields(line);
-        CorpusDisk d;
-        std::string size;
-        if (std::getline(fields, d.id, '\t') && std::getline(fields, d.mainFile, '\t') &&
-            std::getline(fields, size, '\t') && std::getline(fields, d.sha256, '\t')) {
-            d.size = std::stoll(size);
-            disks.push_back(d);
-        }
-    }
+    std::string names; // the column names
+    std::getline(in, names);
+    for (CorpusDisk d; in >> d.id >> d.mainFile >> d.size >> d.sha256;) disks.push_back(d);
     return disks;
 }
 
-// Unpacks every file of the disk into `dir`/<id>/ and returns the main
-// file's path.
+// Unpacks every file of the disk into `dir`/<id>/ and returns that folder.
 inline std::string unpackCorpusDisk(const CorpusDisk& disk, const std::string& dir)
 {
     std::filesystem::path target = std::filesystem::path(dir) / disk.id;
@@ -58,7 +47,7 @@ inline std::string unpackCorpusDisk(const CorpusDisk& disk, const std::string& d
         EXPECT_TRUE(entry.path().extension() != ".gz" ||
                     runCommand("gunzip -c '" + entry.path().string() + "' >'" + (target / entry.path().stem()).string() +
                                "'") == 0);
-    return (target / disk.mainFile).string();
+    return target.string();
 }
 
 // Lower-case hex SHA-256 of a file's bytes.

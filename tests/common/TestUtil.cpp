@@ -24,11 +24,6 @@ TempDir::~TempDir()
     std::filesystem::remove_all(dirPath, ec);
 }
 
-std::string fsKindName(const testing::TestParamInfo<FsKind>& info)
-{
-    return info.param == FsKind::memory ? "Memory" : "Local";
-}
-
 std::string msg(const zu::CError& e) { return e.getMessage().toUTF8(); }
 
 std::vector<unsigned char> le32(unsigned v)
@@ -83,6 +78,43 @@ void QemuTest::SetUp()
 {
     if (!haveTool("qemu-img") || !haveTool("qemu-io"))
         GTEST_SKIP() << "qemu-img or qemu-io is not installed (package qemu-utils): interop not checked";
+}
+
+void FileSystemTest::SetUp()
+{
+    temp = std::make_unique<TempDir>();
+    if (GetParam()) fs = zu::newObj<zu::CLocalFileSystem>();
+    else fs = zu::newObj<zu::CMemoryFileSystem>();
+}
+
+zu::CURI FileSystemTest::uri(const std::string& name) const
+{
+    return zu::CLocalFileSystem::pathToURI(zu::String(temp->file(name)));
+}
+
+std::vector<unsigned char> readAll(zu::IFileSystem* fs, const zu::CURI& uri)
+{
+    zu::P<zu::IIOStream> s = fs->openStream(uri, zu::IIOStream::accessRead, zu::CProps());
+    std::vector<unsigned char> data(static_cast<std::size_t>(s->getLength()));
+    if (!data.empty()) s->read(data.data(), static_cast<int>(data.size()));
+    s->close();
+    return data;
+}
+
+void writeAll(zu::IFileSystem* fs, const zu::CURI& uri, const std::vector<unsigned char>& data)
+{
+    zu::P<zu::IIOStream> s = fs->openStream(uri, zu::IIOStream::accessOpenOrCreate, zu::CProps());
+    s->setLength(0);
+    if (!data.empty()) s->write(data.data(), static_cast<int>(data.size()));
+    s->close();
+}
+
+void patchFile(zu::IFileSystem* fs, const zu::CURI& uri, long long offset, const std::vector<unsigned char>& bytes)
+{
+    zu::P<zu::IIOStream> s = fs->openStream(uri, zu::IIOStream::accessReadWrite, zu::CProps());
+    s->seek(offset);
+    s->write(bytes.data(), static_cast<int>(bytes.size()));
+    s->close();
 }
 
 } // namespace kordtest

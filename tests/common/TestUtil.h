@@ -33,11 +33,9 @@ private:
     std::string dirPath;
 };
 
-enum class FsKind { memory, local };
-std::string fsKindName(const testing::TestParamInfo<FsKind>& info);
-
-// Fixture for cases that must pass on the in-memory and the local file system.
-class FileSystemTest : public testing::TestWithParam<FsKind> {
+// Fixture for cases that must pass on the in-memory and the local file
+// system (the parameter: whether local).
+class FileSystemTest : public testing::TestWithParam<bool> {
 protected:
     void SetUp() override;
     // URI of a file in the test's folder.
@@ -47,7 +45,7 @@ protected:
 };
 
 #define KORD_INSTANTIATE_FS(Fixture) \
-    INSTANTIATE_TEST_SUITE_P(Fs, Fixture, testing::Values(kordtest::FsKind::memory, kordtest::FsKind::local), kordtest::fsKindName)
+    INSTANTIATE_TEST_SUITE_P(Fs, Fixture, testing::Bool(), [](const auto& info) { return info.param ? "Local" : "Memory"; })
 
 // Runs f and returns the CError it throws (of class E); fails the test when
 // nothing or something else is thrown.

@@ -20,8 +20,7 @@ class ForeignInteropTest : public kordtest::QemuTest {
 protected:
     Bytes qemuReads(const std::string& image)
     {
-        sh("qemu-img convert -O raw " + image + " qemu.raw");
-        std::string raw = fileText(path("qemu.raw"));
+        const std::string raw = sh("qemu-img convert -O raw " + image + " qemu.raw && cat qemu.raw");
         return Bytes(raw.begin(), raw.end());
     }
     zu::P<CVMDKDisk> any(const std::string& name, int access = R)
@@ -33,12 +32,7 @@ protected:
         zu::P<CVMDKDisk> disk = any(name);
         return readAt(*disk, 0, disk->getDiskSizeBytes());
     }
-    void expectClean(const std::string& name)
-    {
-        for (const auto& finding : kord::CVMDKChecker(fs, fileURI(path(name)), zu::String()).check())
-            ADD_FAILURE() << name << ": " << kord::CVMDKChecker::getKindName(finding.kind) << ": "
-                          << finding.message.toUTF8();
-    }
+    void expectClean(const std::string& name) { EXPECT_EQ(std::vector<std::string>(), findingKinds(fs, fileURI(path(name)))); }
     void makeSource(const std::string& name, long long size)
     {
         Bytes data = kordtest::pattern(static_cast<size_t>(size), 1);

@@ -30,17 +30,23 @@ protected:
     // at hand; returns its status and output.
     int sh(const std::string& command, std::string* output = nullptr)
     {
-        std::string out;
-        int status = kordtest::runCommand("cd '" + temp.path() + "' && export KORD_PASSWORD=" +
-                                          kordtest::samplePassword + " && K='" + kord + "' && (" + command + ")", &out);
-        if (output) *output = out;
-        return status;
+        return kordtest::runCommand("cd '" + temp.path() + "' && export KORD_PASSWORD=" + kordtest::samplePassword +
+                                        " && K='" + kord + "' && (" + command + ")", output);
     }
 
     void expectOk(const std::string& command)
     {
         std::string out;
         EXPECT_EQ(0, sh(command, &out)) << command << "\n" << out;
+    }
+    // The command fails (with `status` unless it is -1) and says `message`
+    // (at the start unless `status` is -1).
+    void expectFails(const std::string& command, const std::string& message, int status = -1)
+    {
+        std::string out;
+        const int got = sh(command, &out);
+        EXPECT_TRUE(status < 0 ? got != 0 : got == status) << command;
+        EXPECT_TRUE(status < 0 ? out.find(message) != std::string::npos : out.rfind(message, 0) == 0) << out;
     }
 
     bool isMounted() const
@@ -71,8 +77,8 @@ TEST_F(MountTest, readOnlyMountShowsWhatKordCatReads)
     for (const kordtest::CSampleDisk& disk : kordtest::makeSampleDisks(temp.path())) {
         SCOPED_TRACE(disk.file);
         const std::string raw = "mnt/" + std::filesystem::path(disk.file).stem().string() + ".raw";
-        expectOk("$K mount " + disk.file + " mnt && $K cat " + disk.file + " >kord.raw");
-        EXPECT_EQ(raw.substr(4) + "\n", [&] { std::string out; sh("ls mnt", &out); return out; }());
+        expectOk("$K mount " + disk.file + " mnt && $K cat " + disk.file + " >kord.raw && [ \"$(ls mnt)\" = " +
+                 raw.substr(4) + " ]");
         expectOk("dd if=" + raw + " of=dd.raw bs=1M status=none && cmp dd.raw kord.raw && cmp " + raw + " kord.raw");
         // Data and holes as the disk's chain has them.
         std::string map, seeks;
@@ -86,9 +92,7 @@ TEST_F(MountTest, readOnlyMountShowsWhatKordCatReads)
         for (const auto& range : kordtest::kordMapRanges(kordtest::kordIn(temp.path(), "map --json " + disk.file)))
             map += std::to_string(range.first) + " " + std::to_string(range.second) + "\n";
         EXPECT_EQ(map, seeks);
-        std::string out;
-        EXPECT_NE(0, sh("dd if=kord.raw of=" + raw + " bs=512 count=1 conv=notrunc status=none", &out));
-        EXPECT_NE(std::string::npos, out.find("Read-only file system")) << out;
+        expectFails("dd if=kord.raw of=" + raw + " bs=512 count=1 conv=notrunc status=none", "Read-only file system");
         expectOk("$K umount mnt");
         EXPECT_FALSE(isMounted());
     }
@@ -96,8 +100,7 @@ TEST_F(MountTest, readOnlyMountShowsWhatKordCatReads)
 
 TEST_F(MountTest, writesThroughTheMountReadBackThroughKordCat)
 {
-    const disktest::Bytes patch = kordtest::pattern(300000, 77);
-    disktest::putFile(file("patch.bin"), std::string(patch.begin(), patch.end()));
+    expectOk("head -c 300000 /dev/urandom >patch.bin");
     // The delta disk first: a change of its parent afterwards breaks it.
     std::vector<kordtest::CSampleDisk> disks = kordtest::makeSampleDisks(temp.path());
     std::reverse(disks.begin(), disks.end());
@@ -109,11 +112,8 @@ TEST_F(MountTest, writesThroughTheMountReadBackThroughKordCat)
         expectOk("$K mount -w " + disk.file + " mnt && dd if=patch.bin of=" + raw +
                  " bs=1000 seek=3000 conv=notrunc,fsync status=none");
         // The size is fixed: no write past the end, no other size.
-        std::string out;
-        EXPECT_NE(0, sh("dd if=patch.bin of=" + raw + " bs=1M seek=8 conv=notrunc status=none", &out));
-        EXPECT_NE(std::string::npos, out.find("No space left on device")) << out;
-        EXPECT_NE(0, sh("truncate -s 4M " + raw, &out));
-        EXPECT_NE(std::string::npos, out.find("Invalid argument")) << out;
+        expectFails("dd if=patch.bin of=" + raw + " bs=1M seek=8 conv=notrunc status=none", "No space left on device");
+        expectFails("truncate -s 4M " + raw, "Invalid argument");
         expectOk("$K umount mnt && $K cat " + disk.file + " | cmp - expected.raw && $K check " + disk.file);
     }
 }
@@ -127,9 +127,8 @@ TEST_F(MountTest, mkfsAndFsckOnTheMountedFile)
         expectOk("/sbin/mkfs.ext4 -q -F -L kord mnt/fs.raw && /sbin/e2fsck -fn mnt/fs.raw");
         expectOk("$K umount mnt && $K cat fs.vmdk >fs.raw && /sbin/e2fsck -fn fs.raw && $K check fs.vmdk");
         // Discarding the whole file left the unused grains unallocated.
-        std::string out;
-        sh("$K info --json fs.vmdk", &out);
-        EXPECT_LT(nlohmann::json::parse(out)["space"]["payloadSize"].get<long long>(), 8 << 20) << out;
+        EXPECT_LT(nlohmann::json::parse(kordtest::kordIn(temp.path(), "info --json fs.vmdk"))["space"]["payloadSize"]
+                      .get<long long>(), 8 << 20);
     }
 }
 
@@ -159,11 +158,8 @@ TEST_F(MountTest, refusals)
              {"$K mount stream.vmdk plain", "The lock file is held by another process."},
              {"$K mount monolithic.vmdk missing", "The mount point is not a folder."},
              {"$K mount missing.vmdk plain", "Cannot open the file: No such file or directory."},
-             {"$K umount plain", "No kord mount at this folder."}}) {
-        std::string out;
-        EXPECT_EQ(2, sh(command, &out)) << command;
-        EXPECT_EQ(0u, out.find("kord: " + message)) << out;
-    }
+             {"$K umount plain", "No kord mount at this folder."}})
+        expectFails(command, "kord: " + message, 2);
     expectOk("$K umount mnt");
 }
 

@@ -32,20 +32,13 @@ protected:
     // (the client's, once it started) and everything both printed.
     int serve(const std::string& disk, const std::string& params, const std::string& client, std::string* output = nullptr)
     {
-        std::string out;
-        int status = kordtest::runCommand("cd '" + temp.path() + "' && nbdkit -U - '" + plugin + "' file=" + disk + " " + params +
-                                          " --run '" + client + "'",
-                                          &out);
-        if (output) *output = out;
-        return status;
+        return kordtest::runCommand("cd '" + temp.path() + "' && nbdkit -U - '" + plugin + "' file=" + disk + " " + params +
+                                        " --run '" + client + "'", output);
     }
 
     std::string kordCat(const std::string& disk) { return kordtest::kordIn(temp.path(), "cat " + disk); }
     // The ranges that hold data: every layer of "kord map", merged.
-    Ranges kordMap(const std::string& disk)
-    {
-        return kordtest::kordMapRanges(kordtest::kordIn(temp.path(), "map --json " + disk));
-    }
+    Ranges kordMap(const std::string& disk) { return kordtest::kordMapRanges(kordtest::kordIn(temp.path(), "map --json " + disk)); }
 
     // The data ranges of "nbdinfo --map --json" output, merged.
     static Ranges nbdMap(const std::string& json)
@@ -77,9 +70,7 @@ TEST_F(NbdkitPluginTest, servesEveryKindAsKordReadsIt)
         const std::string expected = kordCat(disk.file);
         ASSERT_EQ(static_cast<size_t>(kordtest::sampleDiskBytes), expected.size());
         EXPECT_TRUE(fileText(file("nbd.raw")) == expected);
-        if (haveQemu) {
-            EXPECT_TRUE(fileText(file("qemu.raw")) == expected);
-        }
+        EXPECT_TRUE(!haveQemu || fileText(file("qemu.raw")) == expected);
         EXPECT_EQ(kordMap(disk.file), nbdMap(fileText(file("map.json"))));
     }
 }
@@ -113,18 +104,13 @@ TEST_F(NbdkitPluginTest, writesReadBackThroughKordCat)
                 std::remove(file("disk.vmdk").c_str());
                 kordtest::kordIn(temp.path(), "create -t " + type + " disk.vmdk 4M");
                 std::string out;
-                if (prefilled) {
-                    ASSERT_EQ(0, serve("disk.vmdk", "", "nbdcopy full.raw \"$uri\"", &out)) << out;
-                }
+                ASSERT_EQ(0, prefilled ? serve("disk.vmdk", "", "nbdcopy full.raw \"$uri\"", &out) : 0) << out;
                 ASSERT_EQ(0, serve("disk.vmdk", "", writer, &out)) << out;
                 EXPECT_TRUE(kordCat("disk.vmdk") == source);
                 kordtest::kordIn(temp.path(), "check disk.vmdk");
-                if (!prefilled) {
-                    // Only the grains that hold the source's data were stored.
-                    const long long grain = disktest::grainBytes;
-                    const Ranges expected = {{grain, 13 * grain - grain}, {(4 << 20) - grain, grain}};
-                    EXPECT_EQ(expected, kordMap("disk.vmdk"));
-                }
+                // Only the grains that hold the source's data were stored.
+                const long long grain = disktest::grainBytes;
+                EXPECT_TRUE(prefilled || kordMap("disk.vmdk") == (Ranges{{grain, 12 * grain}, {(4 << 20) - grain, grain}}));
             }
         }
     }

@@ -20,11 +20,6 @@ using Json = nlohmann::json;
 
 class ToolTest : public ToolFixture {
 protected:
-    void patch(const std::string& name, long long offset, unsigned char value)
-    {
-        kordtest::patchFile(fs, disktest::fileURI(file(name)), offset, {value});
-    }
-
     // The file from the header's overHead on: grain data and what follows
     // (of a split disk, in its first extent).
     std::string grainArea(const std::string& name)
@@ -59,30 +54,26 @@ TEST_F(ToolTest, everyConversionPathGivesTheSameOutputWithAnyThreads)
     put("source.raw", data);
     // Disks made from encrypted ones take the same password again.
     const std::string pw = "KORD_PASSWORD=pw KORD_NEW_PASSWORD=pw";
-    for (const std::string made : {"-t monolithicSparse sparse", "-t streamOptimized stream",
-                                   "-t monolithicSparse --encrypt esparse", "-t streamOptimized --encrypt estream"})
-        ASSERT_EQ(0, kord("convert " + made.substr(0, made.rfind(' ')) + " source.raw " +
-                          made.substr(made.rfind(' ') + 1) + ".vmdk", pw).status);
-    const struct {
-        const char* source;
-        const char* options;
-    } paths[] = {{"source.raw", "-t monolithicSparse"},  {"source.raw", "-t twoGbMaxExtentSparse"},
-                 {"source.raw", "-t streamOptimized -c 9"}, {"source.raw", "--encrypt"},
-                 {"source.raw", "-t streamOptimized --encrypt"}, {"stream.vmdk", "-O raw"},
-                 {"stream.vmdk", "-t monolithicSparse"}, {"stream.vmdk", "-t streamOptimized --encrypt"},
-                 {"sparse.vmdk", "--encrypt"},           {"sparse.vmdk", "-t streamOptimized"},
-                 {"estream.vmdk", "-O raw"},             {"estream.vmdk", "-t streamOptimized --encrypt"},
-                 {"estream.vmdk", "-t streamOptimized -c 2"}, {"esparse.vmdk", "-O raw"},
-                 {"esparse.vmdk", "-t twoGbMaxExtentSparse"}};
+    ok({"convert -t monolithicSparse source.raw sparse.vmdk", "convert -t streamOptimized source.raw stream.vmdk",
+        "convert -t monolithicSparse --encrypt source.raw esparse.vmdk",
+        "convert -t streamOptimized --encrypt source.raw estream.vmdk"}, pw);
+    // Source, then the options.
+    const char* const paths[] = {"source.raw -t monolithicSparse", "source.raw -t twoGbMaxExtentSparse",
+                                 "source.raw -t streamOptimized -c 9", "source.raw --encrypt",
+                                 "source.raw -t streamOptimized --encrypt", "stream.vmdk -O raw",
+                                 "stream.vmdk -t monolithicSparse", "stream.vmdk -t streamOptimized --encrypt",
+                                 "sparse.vmdk --encrypt", "sparse.vmdk -t streamOptimized", "estream.vmdk -O raw",
+                                 "estream.vmdk -t streamOptimized --encrypt", "estream.vmdk -t streamOptimized -c 2",
+                                 "esparse.vmdk -O raw", "esparse.vmdk -t twoGbMaxExtentSparse"};
     int n = 0;
-    for (const auto& path : paths) {
-        const std::string what = std::string(path.source) + " " + path.options;
-        const bool raw = std::string(path.options) == "-O raw";
-        const bool encrypted = std::string(path.options).find("--encrypt") != std::string::npos;
+    for (const std::string what : paths) {
+        const std::string source = what.substr(0, what.find(' ')), options = what.substr(what.find(' ') + 1);
+        const bool raw = options == "-O raw";
+        const bool encrypted = options.find("--encrypt") != std::string::npos;
         std::string outputs[2];
         for (int j : {1, 3}) {
             const std::string out = "t" + std::to_string(n++) + (raw ? ".raw" : ".vmdk");
-            CRun run = kord("convert -j " + std::to_string(j) + " " + path.options + " " + path.source + " " + out, pw);
+            CRun run = kord("convert -j " + std::to_string(j) + " " + options + " " + source + " " + out, pw);
             ASSERT_EQ(0, run.status) << what << ": " << run.err;
             ASSERT_TRUE(raw || (kord("cat " + out, pw).out == data && kord("check " + out, pw).status == 0)) << what;
             outputs[j == 1 ? 0 : 1] =
@@ -103,9 +94,8 @@ TEST_F(ToolTest, everyConversionPathGivesTheSameOutputWithAnyThreads)
     // written plain, hence a source of whole grains here.)
     data.resize(6 * 1024 * 1024);
     put("whole.raw", data);
-    ASSERT_EQ(0, kord("convert -t streamOptimized -c 9 whole.raw level9.vmdk").status);
-    ASSERT_EQ(0, kord("convert -t streamOptimized level9.vmdk same.vmdk").status);
-    ASSERT_EQ(0, kord("convert -t streamOptimized -c 1 level9.vmdk level1.vmdk").status);
+    ok({"convert -t streamOptimized -c 9 whole.raw level9.vmdk", "convert -t streamOptimized level9.vmdk same.vmdk",
+        "convert -t streamOptimized -c 1 level9.vmdk level1.vmdk"});
     EXPECT_TRUE(grainArea("level9.vmdk") == grainArea("same.vmdk"));
     EXPECT_FALSE(grainArea("level9.vmdk") == grainArea("level1.vmdk"));
     EXPECT_TRUE(kord("cat level1.vmdk").out == data);
@@ -120,24 +110,21 @@ TEST_F(ToolTest, deltaDisksShowTheirChainDirtinessAndMissingParents)
 {
     std::string data = sample();
     put("source.raw", data);
-    ASSERT_EQ(0, kord("convert -t streamOptimized source.raw base.vmdk").status);
-    ASSERT_EQ(0, kord("create -b base.vmdk delta.vmdk").status);
     put("change.bin", std::string(3000, '\xee'));
-    ASSERT_EQ(0, kord("write --offset 2000000 delta.vmdk change.bin").status);
+    ok({"convert -t streamOptimized source.raw base.vmdk", "create -b base.vmdk delta.vmdk",
+        "write --offset 2000000 delta.vmdk change.bin"});
     data.replace(2000000, 3000, 3000, '\xee');
 
+    // A compressed parent's kind, its name and content ID, and clean.
     Json info = Json::parse(kord("info --json delta.vmdk").out);
-    EXPECT_EQ("streamOptimized", info["createType"]); // a compressed parent's kind
-    EXPECT_EQ("base.vmdk", info["parentFileNameHint"]);
-    EXPECT_EQ(info["parent"]["contentID"], info["parentContentID"]);
-    EXPECT_EQ(false, info["dirty"]);
+    EXPECT_EQ((Json{"streamOptimized", "base.vmdk", info["parent"]["contentID"], false}),
+              (Json{info["createType"], info["parentFileNameHint"], info["parentContentID"], info["dirty"]}));
     Json map = Json::parse(kord("map --json delta.vmdk").out);
     // The parent's last grain, cut short by the disk's end.
     EXPECT_EQ(1, map.back()["depth"]);
     EXPECT_EQ(static_cast<long long>(data.size()),
               map.back()["start"].get<long long>() + map.back()["length"].get<long long>());
-    EXPECT_EQ(0, kord("check delta.vmdk").status);
-    ASSERT_EQ(0, kord("convert delta.vmdk flat.vmdk").status);
+    ok({"check delta.vmdk", "convert delta.vmdk flat.vmdk"});
     EXPECT_TRUE(kord("cat flat.vmdk").out == data);
     for (const std::string command : {"info", "map"})
         EXPECT_EQ(Json::parse(kord(command + " --json delta.vmdk").out),
@@ -148,8 +135,7 @@ TEST_F(ToolTest, deltaDisksShowTheirChainDirtinessAndMissingParents)
 
     patch("delta.vmdk", 72, 1); // uncleanShutdown
     info = Json::parse(kord("info --json delta.vmdk").out);
-    EXPECT_EQ(true, info["dirty"]);
-    EXPECT_EQ(true, info["extents"][0]["uncleanShutdown"]);
+    EXPECT_TRUE(info["dirty"] == true && info["extents"][0]["uncleanShutdown"] == true);
     EXPECT_NE(std::string::npos, kord("info delta.vmdk").out.find("dirty:                yes (not closed cleanly)"));
 
     ASSERT_EQ(0, ::rename(file("base.vmdk").c_str(), file("gone.vmdk").c_str()));
@@ -171,27 +157,25 @@ TEST_F(ToolTest, deltaDisksShowTheirChainDirtinessAndMissingParents)
 TEST_F(ToolTest, passwordsComeFromFileEnvironmentOrNowhere)
 {
     put("pw.txt", "first\n");
-    ASSERT_EQ(0, kord("create --encrypt --password-file pw.txt enc.vmdk 1M").status);
-    EXPECT_EQ("aes256cbc", Json::parse(kord("info --json enc.vmdk", "KORD_PASSWORD=first").out)["encryption"]);
-    expectFailure(kord("info enc.vmdk", "KORD_PASSWORD=wrong"), "Specified VMDK encryption password is not correct.");
-    expectFailure(kord("info enc.vmdk"), "A password is needed, but there is no terminal to ask for it");
-    ASSERT_EQ(0, kord("passwd --password-file pw.txt enc.vmdk", "KORD_NEW_PASSWORD=second").status);
-    expectFailure(kord("cat enc.vmdk", "KORD_PASSWORD=first"), "Specified VMDK encryption password is not correct.");
-    EXPECT_EQ(0, kord("check enc.vmdk", "KORD_PASSWORD=second").status);
-    ASSERT_EQ(0, kord("create -t monolithicSparse plain.vmdk 1M").status);
-    expectFailure(kord("passwd plain.vmdk", "KORD_NEW_PASSWORD=x"), "VMDK disk is not encrypted");
-
-    // A disk made from an encrypted one gets a password of its own.
-    expectFailure(kord("convert --encrypt enc.vmdk copy.vmdk", "KORD_PASSWORD=second"),
-                  "A password is needed, but there is no terminal to ask for it: use --new-password-file or "
-                  "KORD_NEW_PASSWORD.");
     put("third.txt", "third\n");
-    CRun converted = kord("convert --encrypt --new-password-file third.txt enc.vmdk copy.vmdk", "KORD_PASSWORD=second");
-    ASSERT_EQ(0, converted.status) << converted.err;
-    ASSERT_EQ(0, kord("convert --encrypt enc.vmdk copy2.vmdk", "KORD_PASSWORD=second KORD_NEW_PASSWORD=fourth").status);
-    EXPECT_EQ(0, kord("compare copy.vmdk --password-file third.txt plain.vmdk").status);
-    EXPECT_EQ(0, kord("check copy2.vmdk", "KORD_PASSWORD=fourth").status);
-    expectFailure(kord("info copy.vmdk", "KORD_PASSWORD=second"), "Specified VMDK encryption password is not correct.");
+    const char* const wrong = "Specified VMDK encryption password is not correct.";
+    expectSteps({{"create --encrypt --password-file pw.txt enc.vmdk 1M", "", nullptr},
+                 {"info enc.vmdk", "KORD_PASSWORD=wrong", wrong},
+                 {"passwd --password-file pw.txt enc.vmdk", "KORD_NEW_PASSWORD=second", nullptr},
+                 {"cat enc.vmdk", "KORD_PASSWORD=first", wrong},
+                 {"check enc.vmdk", "KORD_PASSWORD=second", nullptr},
+                 {"create -t monolithicSparse plain.vmdk 1M", "", nullptr},
+                 {"passwd plain.vmdk", "KORD_NEW_PASSWORD=x", "VMDK disk is not encrypted"},
+                 // A disk made from an encrypted one gets a password of its own.
+                 {"convert --encrypt enc.vmdk copy.vmdk", "KORD_PASSWORD=second",
+                  "A password is needed, but there is no terminal to ask for it: use --new-password-file or "
+                  "KORD_NEW_PASSWORD."},
+                 {"convert --encrypt --new-password-file third.txt enc.vmdk copy.vmdk", "KORD_PASSWORD=second", nullptr},
+                 {"convert --encrypt enc.vmdk copy2.vmdk", "KORD_PASSWORD=second KORD_NEW_PASSWORD=fourth", nullptr},
+                 {"compare copy.vmdk --password-file third.txt plain.vmdk", "", nullptr},
+                 {"check copy2.vmdk", "KORD_PASSWORD=fourth", nullptr},
+                 {"info copy.vmdk", "KORD_PASSWORD=second", wrong}});
+    EXPECT_EQ("aes256cbc", Json::parse(kord("info --json enc.vmdk", "KORD_PASSWORD=second").out)["encryption"]);
 }
 
 // Exit status as qemu-img check gives it: 0 clean, 3 leaks only, 2 damage
@@ -223,26 +207,22 @@ TEST_F(ToolTest, checkExitStatusSaysWhatItFound)
     for (const CCase& c : cases) {
         SCOPED_TRACE(c.name);
         const std::string disk = std::string(c.name) + ".vmdk";
-        ASSERT_EQ(0, kord("create --adapter ide " + disk + " 1M").status);
-        ASSERT_EQ(0, kord("write --offset 0 " + disk + " - <data.bin").status);
+        ok({"create --adapter ide " + disk + " 1M", "write --offset 0 " + disk + " - <data.bin"});
         c.damage();
         CRun human = kord("check -p " + disk);
         EXPECT_EQ(c.status, human.status) << human.out << human.err;
         EXPECT_EQ(0u, human.out.find(std::string(c.lines).empty() ? disk : file(c.lines))) << human.out;
         CRun json = kord("check --output=json " + disk);
-        EXPECT_EQ(c.status, json.status);
         Json report = Json::parse(json.out);
-        EXPECT_EQ(disk, report["filename"]);
-        EXPECT_EQ(c.status == 2 ? 1 : 0, report["corruptions"]);
-        EXPECT_EQ(c.status == 3 ? 1 : 0, report["leaks"]);
+        EXPECT_EQ((Json{c.status, disk, c.status == 2 ? 1 : 0, c.status == 3 ? 1 : 0}),
+                  (Json{json.status, report["filename"], report["corruptions"], report["leaks"]}));
         EXPECT_EQ(report["findings"].size(), report["leaks"].get<size_t>() + report["corruptions"].get<size_t>());
         EXPECT_EQ(Json::parse(kord("check --json " + disk).out), report);
     }
     EXPECT_EQ("clean.vmdk: no problems found\n", kord("check clean.vmdk").out);
     const Json info = Json::parse(kord("info --json clean.vmdk").out);
-    EXPECT_EQ("ide", info["adapterType"]);
-    EXPECT_EQ(4, info["extents"][0]["writtenGrains"]) << info.dump();
-    EXPECT_EQ(4 * grainBytes, info["space"]["payloadSize"]);
+    EXPECT_EQ((Json{"ide", 4, 4 * grainBytes}),
+              (Json{info["adapterType"], info["extents"][0]["writtenGrains"], info["space"]["payloadSize"]}));
     EXPECT_NE(std::string::npos, kord("info clean.vmdk").out.find("create type:          monolithicSparse"));
     const std::string leak = kord("check leak.vmdk").out;
     EXPECT_EQ("leak.vmdk: 1 leak found, no corruption\n", leak.substr(leak.find("leak.vmdk: 1")));
@@ -257,20 +237,13 @@ TEST_F(ToolTest, compareTellsFirstDifferenceAcrossFormats)
 {
     std::string data = sample();
     put("a.raw", data);
-    ASSERT_EQ(0, kord("convert -t streamOptimized a.raw a.vmdk").status);
-    ASSERT_EQ(0, kord("convert -t twoGbMaxExtentSparse a.vmdk b.vmdk").status);
     put("longer.raw", data + std::string(70000, 0));
     data[4000123] ^= 1;
     put("changed.raw", data);
-    ASSERT_EQ(0, kord("create -b a.vmdk delta.vmdk").status);
     put("byte.bin", std::string(1, data[4000123]));
-    ASSERT_EQ(0, kord("write --offset 4000123 delta.vmdk byte.bin").status);
-    struct CCase {
-        std::string args;
-        int status;
-        std::string out;
-    };
-    const std::vector<CCase> cases = {
+    ok({"convert -t streamOptimized a.raw a.vmdk", "convert -t twoGbMaxExtentSparse a.vmdk b.vmdk",
+        "create -b a.vmdk delta.vmdk", "write --offset 4000123 delta.vmdk byte.bin"});
+    for (const auto& [args, status, out] : std::vector<std::tuple<std::string, int, std::string>>{
         {"a.vmdk b.vmdk", 0, "a.vmdk and b.vmdk are identical\n"},
         {"a.raw b.vmdk", 0, "a.raw and b.vmdk are identical\n"},
         {"-p longer.raw a.vmdk", 0, "longer.raw and a.vmdk are identical\n"},
@@ -278,19 +251,15 @@ TEST_F(ToolTest, compareTellsFirstDifferenceAcrossFormats)
         {"a.vmdk changed.raw", 1, "a.vmdk and changed.raw differ at offset 4000123\n"},
         {"delta.vmdk a.raw", 1, "delta.vmdk and a.raw differ at offset 4000123\n"},
         {"delta.vmdk changed.raw", 0, "delta.vmdk and changed.raw are identical\n"},
-    };
-    for (const CCase& c : cases) {
-        CRun run = kord("compare " + c.args);
-        EXPECT_EQ(c.status, run.status) << c.args << ": " << run.err;
-        EXPECT_EQ(c.out, run.out) << c.args;
+    }) {
+        CRun run = kord("compare " + args);
+        EXPECT_TRUE(status == run.status && out == run.out) << args << ": " << run.out << run.err;
     }
 
     // Ranges no disk holds are neither read nor looked at grain by grain:
     // a 1 TiB disk maps and compares in a few queries per grain table.
-    for (const std::string wide : {"wide.vmdk", "wide2.vmdk"}) {
-        ASSERT_EQ(0, kord("create -t twoGbMaxExtentSparse --on-demand " + wide + " 1T").status);
-        ASSERT_EQ(0, kord("write --offset 600G " + wide + " byte.bin").status);
-    }
+    for (const std::string wide : {"wide.vmdk", "wide2.vmdk"})
+        ok({"create -t twoGbMaxExtentSparse --on-demand " + wide + " 1T", "write --offset 600G " + wide + " byte.bin"});
     EXPECT_EQ(3u, Json::parse(kord("map --json wide.vmdk").out).size());
     EXPECT_EQ("wide.vmdk and wide2.vmdk are identical\n", kord("compare wide.vmdk wide2.vmdk").out);
 }
@@ -298,8 +267,7 @@ TEST_F(ToolTest, compareTellsFirstDifferenceAcrossFormats)
 // Every failure is one line "kord: ..." and status 2 (a cause adds a line).
 TEST_F(ToolTest, everyFailureIsOneLineAndStatus2)
 {
-    ASSERT_EQ(0, kord("create disk.vmdk 1M").status);
-    ASSERT_EQ(0, kord("create version.vmdk 1M").status);
+    ok({"create disk.vmdk 1M", "create version.vmdk 1M"});
     patch("version.vmdk", 4, 9);
     put("data.bin", std::string(100, 1));
     put("garbage.vmdk", std::string(4096, 0));
@@ -313,8 +281,7 @@ TEST_F(ToolTest, everyFailureIsOneLineAndStatus2)
     // An error with a cause prints it on a line of its own: here damage in
     // the deflate data of grain 0, behind its 12-byte header.
     put("x.bin", std::string(100000, 'x'));
-    ASSERT_EQ(0, kord("create -t streamOptimized broken.vmdk 1M").status);
-    ASSERT_EQ(0, kord("write --offset 0 broken.vmdk x.bin").status);
+    ok({"create -t streamOptimized broken.vmdk 1M", "write --offset 0 broken.vmdk x.bin"});
     for (int i = 0; i < 16; ++i) patch("broken.vmdk", 128 * 512 + 40 + i, 0xff);
     CRun broken = kord("cat broken.vmdk");
     EXPECT_EQ(2, broken.status);
@@ -335,20 +302,12 @@ TEST_F(ToolTest, everyFailureIsOneLineAndStatus2)
     }
     holder = nullptr;
 
-    expectFailure(kord("write --offset 1M disk.vmdk data.bin"), "Write exceeds VMDK disk size.");
-    expectFailure(kord("create big.vmdk 12Q"), "Invalid size: '12Q'");
-    expectFailure(kord("create nosize.vmdk"), "A disk size is needed");
-    expectFailure(kord("create -f raw new.raw 1M"), "");
-    EXPECT_EQ(0, kord("create -f vmdk -b disk.vmdk -F vmdk delta.vmdk").status);
-    expectFailure(kord("create -b data.bin -F raw delta2.vmdk"), "");
-    expectFailure(kord("info --bogus disk.vmdk"), "");
-    expectFailure(kord(""), "");
-    for (const std::string command :
-         {"create", "info", "convert", "cat", "write", "map", "check", "passwd", "compare"}) {
-        CRun help = kord(command + " --help");
-        EXPECT_EQ(0, help.status);
-        EXPECT_NE(std::string::npos, help.out.find("Usage: kord " + command)) << help.out;
-    }
+    expectSteps({{"write --offset 1M disk.vmdk data.bin", "", "Write exceeds VMDK disk size."},
+                 {"create big.vmdk 12Q", "", "Invalid size: '12Q'"}, {"create nosize.vmdk", "", "A disk size is needed"},
+                 {"create -f raw new.raw 1M", "", ""}, {"create -f vmdk -b disk.vmdk -F vmdk delta.vmdk", "", nullptr},
+                 {"create -b data.bin -F raw delta2.vmdk", "", ""}, {"info --bogus disk.vmdk", "", ""}, {"", "", ""}});
+    EXPECT_EQ(0, kordtest::runCommand("for c in create info convert cat write map check passwd compare; do '" KORD_BINARY_DIR
+                                      "/tools/kord' $c --help | grep -q \"^Usage: kord $c\" || exit 1; done"));
 }
 
 } // namespace

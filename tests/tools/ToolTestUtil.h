@@ -5,6 +5,7 @@
 #include "disk/DiskTestUtil.h"
 
 #include <fstream>
+#include <tuple>
 
 namespace {
 
@@ -31,11 +32,35 @@ protected:
     void expectFailure(const CRun& run, const std::string& message, int status = 2)
     {
         EXPECT_EQ(status, run.status) << run.err;
-        EXPECT_EQ(0u, run.err.rfind("kord: " + message, 0)) << run.err;
-        EXPECT_EQ(1, std::count(run.err.begin(), run.err.end(), '\n')) << run.err;
+        EXPECT_TRUE(run.err.rfind("kord: " + message, 0) == 0 && std::count(run.err.begin(), run.err.end(), '\n') == 1)
+            << run.err;
+    }
+
+    // Runs each command in turn: nullptr expects success, other text a
+    // failure (status 2) starting with it.
+    void expectSteps(const std::vector<std::tuple<std::string, std::string, const char*>>& steps)
+    {
+        for (const auto& [args, env, message] : steps) {
+            CRun run = kord(args, env);
+            if (message) expectFailure(run, message);
+            else EXPECT_EQ(0, run.status) << args << ": " << run.err;
+        }
+    }
+
+    // Runs each command, expecting success.
+    void ok(std::initializer_list<std::string> commands, const std::string& env = "")
+    {
+        for (const std::string& args : commands) {
+            CRun run = kord(args, env);
+            EXPECT_EQ(0, run.status) << args << ": " << run.err;
+        }
     }
 
     std::string file(const std::string& name) const { return temp.file(name); }
+    void patch(const std::string& name, long long offset, unsigned char value)
+    {
+        kordtest::patchFile(fs, disktest::fileURI(file(name)), offset, {value});
+    }
     void put(const std::string& name, const std::string& data) { disktest::putFile(file(name), data); }
     void append(const std::string& name, const std::string& data)
     {
