@@ -36,11 +36,7 @@ struct CFaultFileSystem::CModel {
         std::vector<Op> pending;
     };
 
-    int newInode()
-    {
-        inodes.emplace_back();
-        return static_cast<int>(inodes.size()) - 1;
-    }
+    int newInode() { return inodes.emplace_back(), static_cast<int>(inodes.size()) - 1; }
     // Applies op to file where keep() says so: a truncation whole, a write
     // sector by sector, as a disk tears it.
     template <class Keep>
@@ -91,9 +87,7 @@ struct CFaultFileSystem::CModel {
 class CFaultFileSystem::CStream : public zu::CBase, public zu::IIOStream, public zu::IDurableStream {
 public:
     CStream(CFaultFileSystem* owner, zu::IIOStream* inner, int inode, const zu::CURI& uri)
-        : owner(owner), inner(inner), inode(inode), uri(uri)
-    {
-    }
+        : owner(owner), inner(inner), inode(inode), uri(uri) {}
 
     void read(void* data, int bytes) override { inner->read(data, bytes); }
     int readLax(void* data, int bytes) override { return inner->readLax(data, bytes); }
@@ -101,18 +95,12 @@ public:
     bool waitReadable(int timeoutMs) const override { return inner->waitReadable(timeoutMs); }
     bool isEndOfStream() const override { return inner->isEndOfStream(); }
     bool isEndOfStream_NonBlocking() const override { return inner->isEndOfStream_NonBlocking(); }
-    void write(const void* data, int bytes, zu::IWriteBarrier*) override
-    {
-        writeAt(static_cast<const unsigned char*>(data), bytes);
-    }
+    void write(const void* data, int bytes, zu::IWriteBarrier*) override { writeAt(static_cast<const unsigned char*>(data), bytes); }
     void writeKeepBuffer(const zu::TConstBufferSlice<unsigned char>& data, zu::IWriteBarrier*) override
     {
         writeAt(data.getData(), data.getLength());
     }
-    zu::P<zu::IWriteBarrier> createWriteBarrier(zu::IWriteBarrier* chained) override
-    {
-        return inner->createWriteBarrier(chained);
-    }
+    zu::P<zu::IWriteBarrier> createWriteBarrier(zu::IWriteBarrier* chained) override { return inner->createWriteBarrier(chained); }
     void flush() override { inner->flush(); }
     void setLength(long long length) override
     {

@@ -119,8 +119,7 @@ TEST_P(SparseExtentTest, rewritesMoveWhereATornWriteWouldLoseTheGrainAndFreedSlo
             writeAt(*extent, 2 * grainBytes, compressible(grainBytes, 4));
             EXPECT_EQ(moved, grainPos(*extent, 2)) << "a slot no durable table points at is rewritten in place";
             writeAt(*extent, 2 * grainBytes, random);
-            long long randomSlot;
-            const long long randomAt = grainPos(*extent, 2, &randomSlot);
+            const long long randomAt = grainPos(*extent, 2);
             EXPECT_EQ(kind.streamOptimized, randomAt != moved) << "larger data moves";
             extent->flushChanges();
             writeAt(*extent, 9 * grainBytes, compressible(grainBytes, 3));
@@ -146,9 +145,7 @@ TEST_P(SparseExtentTest, rewritesMoveWhereATornWriteWouldLoseTheGrainAndFreedSlo
         zu::P<kord::CVMDKSparseExtentFile> extent = open(kind, zu::IIOStream::accessRead);
         EXPECT_EQ(random, readAt(*extent, 2 * grainBytes, grainBytes));
         EXPECT_EQ(compressible(grainBytes, 3), readAt(*extent, 9 * grainBytes, grainBytes));
-        if (kind.streamOptimized) {
-            EXPECT_EQ(random, readAt(*extent, 5 * grainBytes, grainBytes));
-        }
+        EXPECT_TRUE(!kind.streamOptimized || random == readAt(*extent, 5 * grainBytes, grainBytes));
     }
 }
 
@@ -176,10 +173,8 @@ TEST_P(SparseExtentTest, partialReadsOfAGrainReadOnlyTheirBytes)
             const zu::COptimizingIOStream::Stats before = stream->getStats();
             EXPECT_EQ(slice(data, at, bytes), readAt(*extent, at, bytes));
             const zu::COptimizingIOStream::Stats after = stream->getStats();
-            if (!kind.streamOptimized) {
-                EXPECT_EQ(before.innerReads + 1, after.innerReads);
-                EXPECT_EQ(before.directReads + 1, after.directReads);
-            }
+            EXPECT_TRUE(kind.streamOptimized ||
+                        (before.innerReads + 1 == after.innerReads && before.directReads + 1 == after.directReads));
             EXPECT_EQ(slice(data, at - offset, grainBytes), readAt(*extent, at - offset, grainBytes));
         }
     }
@@ -242,9 +237,9 @@ TEST_P(SparseExtentTest, shortPreparedDataFillsAnUncompressedGrainWithZeros)
             extent->writePreparedGrainData(half); // new storage, the last grain of the file
             EXPECT_EQ(expected, readAt(*extent, 3 * grainBytes, grainBytes));
         }
-        zu::P<kord::CVMDKSparseExtentFile> extent = open(kind, zu::IIOStream::accessRead);
-        EXPECT_EQ(expected, readAt(*extent, 2 * grainBytes, grainBytes));
-        EXPECT_EQ(expected, readAt(*extent, 3 * grainBytes, grainBytes));
+        Bytes both = expected;
+        both.insert(both.end(), expected.begin(), expected.end());
+        EXPECT_EQ(both, readAt(*open(kind, zu::IIOStream::accessRead), 2 * grainBytes, 2 * grainBytes));
     }
 }
 
