@@ -92,12 +92,9 @@ def test_readinto_fills_the_callers_memory_and_threads_take_turns(tmp_path):
         for bad in (memoryview(bytearray(100))[::2], b"read-only"):
             with pytest.raises(BufferError):
                 opened.readinto(bad)
-        assert opened.seek(-10, io.SEEK_END) == MiB - 10
-        assert opened.read() == pattern(MiB, 5)[-10:]
+        assert opened.seek(-10, io.SEEK_END) == MiB - 10 and opened.read() == pattern(MiB, 5)[-10:]
         assert opened.readinto(target) == 0
-        opened.seek(5 * MiB)
-        assert opened.read(10) == b""
-        assert opened.tell() == 5 * MiB
+        assert opened.seek(5 * MiB) == 5 * MiB and opened.read(10) == b"" and opened.tell() == 5 * MiB
 
         counts = []
         def drain():

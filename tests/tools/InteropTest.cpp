@@ -65,7 +65,7 @@ TEST(InteropTest, corpusDisksConvertIntoEveryTypeAndBack)
             // reads as zeros, which is what the big, empty disk of the corpus
             // holds (its hash is that of 8 GiB of zeros).
             if (d.size <= (64 << 20))
-                EXPECT_EQ(d.sha256, kordtest::sha256OfFile(dir + "/" + back)) << type;
+                EXPECT_EQ(d.sha256, kordtest::runIn(dir, "sha256sum " + back).substr(0, 64)) << type;
             else
                 EXPECT_EQ(0, allocatedBytes(dir + "/" + back)) << type;
             std::filesystem::remove(dir + "/" + back);

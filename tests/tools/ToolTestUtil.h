@@ -28,12 +28,12 @@ protected:
     }
 
     // Status 2 (or `status`) and exactly one line "kord: <message>..." on
-    // standard error.
-    void expectFailure(const CRun& run, const std::string& message, int status = 2)
+    // standard error, with `also` in it.
+    void expectFailure(const CRun& run, const std::string& message, int status = 2, const std::string& also = "")
     {
-        EXPECT_EQ(status, run.status) << run.err;
-        EXPECT_TRUE(run.err.rfind("kord: " + message, 0) == 0 && std::count(run.err.begin(), run.err.end(), '\n') == 1)
-            << run.err;
+        EXPECT_TRUE(run.status == status && run.err.rfind("kord: " + message, 0) == 0 &&
+                    std::count(run.err.begin(), run.err.end(), '\n') == 1 && run.err.find(also) != std::string::npos)
+            << run.status << ": " << run.err;
     }
 
     // Runs each command in turn: nullptr expects success, other text a
