@@ -83,16 +83,11 @@ TEST_F(NbdkitPluginTest, writesReadBackThroughKordCat)
 {
     // A sparse file: holes where it holds none of its data. The data covers
     // grains 1 to 12 and the last one.
-    std::string source(4 << 20, '\0');
-    const disktest::Bytes data = kordtest::pattern(700000, 3);
-    std::copy(data.begin(), data.end(), source.begin() + 100000);
-    std::copy(data.begin(), data.begin() + 5000, source.end() - 5000);
-    {
-        std::ofstream out(file("source.raw"), std::ios::binary);
-        out.seekp(100000).write(source.data() + 100000, 700000);
-        out.seekp(static_cast<std::streamoff>(source.size() - 5000)).write(source.data() + source.size() - 5000, 5000);
-    }
-    disktest::putFile(file("full.raw"), std::string(source.size(), 'x'));
+    kordtest::runIn(temp.path(), "head -c 700000 /dev/urandom >data.bin && truncate -s 4M source.raw && "
+                                 "dd if=data.bin of=source.raw seek=100000 oflag=seek_bytes conv=notrunc status=none && "
+                                 "head -c 5000 data.bin | dd of=source.raw seek=4189304 oflag=seek_bytes conv=notrunc "
+                                 "status=none && head -c 4M /dev/zero | tr '\\0' x >full.raw");
+    const std::string source = fileText(file("source.raw"));
     // qemu-img first tries to zero the whole disk quickly, which a disk
     // holding data refuses (ENOTSUP) and a fresh one does at no cost.
     std::vector<std::string> writers = {"nbdcopy source.raw \"$uri\""};

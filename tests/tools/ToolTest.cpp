@@ -183,14 +183,9 @@ TEST_F(ToolTest, passwordsComeFromFileEnvironmentOrNowhere)
 TEST_F(ToolTest, checkExitStatusSaysWhatItFound)
 {
     put("data.bin", std::string(200000, 'd'));
-    struct CCase {
-        const char* name;
-        std::function<void()> damage;
-        int status;
-        const char* lines;
-    };
     const long long uncleanShutdownAt = 72, versionAt = 4;
-    const std::vector<CCase> cases = {
+    // The disk, its damage, check's status and its first line.
+    const std::vector<std::tuple<std::string, std::function<void()>, int, std::string>> cases = {
         {"clean", [] {}, 0, ""},
         {"unclean", [&] { patch("unclean.vmdk", uncleanShutdownAt, 1); }, 3,
          "unclean.vmdk: uncleanShutdown: VMDK extent file was not closed cleanly. uncleanShutdown=1\n"},
@@ -204,17 +199,17 @@ TEST_F(ToolTest, checkExitStatusSaysWhatItFound)
         {"version", [&] { patch("version.vmdk", versionAt, 9); }, 2,
          "version.vmdk: refused: VMDK file has an unsupported version: 9"},
     };
-    for (const CCase& c : cases) {
-        SCOPED_TRACE(c.name);
-        const std::string disk = std::string(c.name) + ".vmdk";
+    for (const auto& [name, damage, status, lines] : cases) {
+        SCOPED_TRACE(name);
+        const std::string disk = name + ".vmdk";
         ok({"create --adapter ide " + disk + " 1M", "write --offset 0 " + disk + " - <data.bin"});
-        c.damage();
+        damage();
         CRun human = kord("check -p " + disk);
-        EXPECT_EQ(c.status, human.status) << human.out << human.err;
-        EXPECT_EQ(0u, human.out.find(std::string(c.lines).empty() ? disk : file(c.lines))) << human.out;
+        EXPECT_EQ(status, human.status) << human.out << human.err;
+        EXPECT_EQ(0u, human.out.find(lines.empty() ? disk : file(lines))) << human.out;
         CRun json = kord("check --output=json " + disk);
         Json report = Json::parse(json.out);
-        EXPECT_EQ((Json{c.status, disk, c.status == 2 ? 1 : 0, c.status == 3 ? 1 : 0}),
+        EXPECT_EQ((Json{status, disk, status == 2 ? 1 : 0, status == 3 ? 1 : 0}),
                   (Json{json.status, report["filename"], report["corruptions"], report["leaks"]}));
         EXPECT_EQ(report["findings"].size(), report["leaks"].get<size_t>() + report["corruptions"].get<size_t>());
         EXPECT_EQ(Json::parse(kord("check --json " + disk).out), report);
