@@ -63,12 +63,9 @@ private:
     {
         kordtest::TempDir dir;
         std::string out;
-        std::filesystem::create_directory(dir.file("mnt"));
-        if (kordtest::runCommand("cd '" + dir.path() + "' && '" + kord + "' create probe.vmdk 1M && '" + kord +
-                                     "' mount probe.vmdk mnt && '" + kord + "' umount mnt",
-                                 &out) != 0)
-            return out;
-        return std::string();
+        return kordtest::runCommand("cd '" + dir.path() + "' && mkdir mnt && K='" + kord +
+                                        "' && $K create probe.vmdk 1M && $K mount probe.vmdk mnt && $K umount mnt",
+                                    &out) == 0 ? std::string() : out;
     }
 };
 

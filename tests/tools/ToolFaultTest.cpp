@@ -15,20 +15,9 @@ namespace {
 class ToolFaultTest : public ToolFixture {
 protected:
     // The environment that loads the kill shim (which the sanitizers must
-    // allow to come before their own runtime).
-    static std::string shim(const std::string& assignments)
-    {
-        return "ASAN_OPTIONS=$ASAN_OPTIONS:verify_asan_link_order=0 LD_PRELOAD='" KORD_BINARY_DIR
-               "/tests/libkord_killshim.so' " +
-               assignments;
-    }
-    // How many file-changing calls the command makes when nothing kills it.
-    long long countCalls(const std::string& args, const std::string& env = "")
-    {
-        CRun run = kord(args, env + " " + shim("KORD_KILL_COUNT=calls.txt"));
-        EXPECT_EQ(0, run.status) << run.err;
-        return std::stoll(disktest::fileText(file("calls.txt")));
-    }
+    // allow to come before their own runtime), before its own assignments.
+    const std::string shim =
+        "ASAN_OPTIONS=$ASAN_OPTIONS:verify_asan_link_order=0 LD_PRELOAD='" KORD_BINARY_DIR "/tests/libkord_killshim.so' ";
     // Every call with KORD_FAULT_SWEEP=full, else every third and the last
     // few (where the files get their names).
     static bool sampled(long long call, long long calls)
@@ -77,12 +66,13 @@ TEST_F(ToolFaultTest, killedConversionLeavesNothingOrACompleteDisk)
          {"-t monolithicSparse", "-t twoGbMaxExtentSparse", "-t streamOptimized --encrypt", "-O raw"}) {
         SCOPED_TRACE(options);
         const std::string convert = "convert " + options + " source.raw out.vmdk";
-        const long long calls = countCalls(convert, "KORD_PASSWORD=pw");
+        ok({convert}, "KORD_PASSWORD=pw " + shim + "KORD_KILL_COUNT=calls.txt"); // how many calls it makes
+        const long long calls = std::stoll(disktest::fileText(file("calls.txt")));
         removeOutputs();
         for (long long call = 1; call <= calls; ++call) {
             if (!sampled(call, calls)) continue;
             SCOPED_TRACE(call);
-            kord(convert, "KORD_PASSWORD=pw " + shim("KORD_KILL_AT=" + std::to_string(call)));
+            kord(convert, "KORD_PASSWORD=pw " + shim + "KORD_KILL_AT=" + std::to_string(call));
             const bool raw = options == "-O raw";
             EXPECT_TRUE(!std::filesystem::exists(file("out.vmdk")) ||
                         (raw ? disktest::fileText(file("out.vmdk")) : kord("cat out.vmdk", "KORD_PASSWORD=pw").out) ==
