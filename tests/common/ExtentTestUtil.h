@@ -107,14 +107,14 @@ protected:
         fs->deleteFile(file(), true);
         createExtent(fs, file(), kind, grains, grainSectors);
     }
-    // Opens the file with a fresh cache, starting at startGrainIndex, with
-    // `updater` or else a fresh content-ID updater on the extent's own
-    // embedded descriptor.
+    // Opens the file with what the members below hold. Null members are made
+    // afresh: a cache of 1024 tables and a content-ID updater on the
+    // extent's own embedded descriptor.
     zu::P<kord::CVMDKSparseExtentFile> open(const ExtentKind& kind = plainKind, int access = rw)
     {
         return zu::newObj<kord::CVMDKSparseExtentFile>(
             kord::openVMDKFileStream(fs, file(), access), access, startGrainIndex, 1,
-            zu::newObj<kord::CVMDKGrainTableCache>(kord::CVMDKGrainTableCache::defaultLimit), nullptr,
+            cache ? cache : zu::newObj<kord::CVMDKGrainTableCache>(kord::CVMDKGrainTableCache::defaultLimit), nullptr,
             updater ? updater
                     : zu::newObj<kord::CVMDKContentIDUpdater>(fs, file(), zu::newObj<kord::CVMDKDescriptor>()),
             kind.encrypted ? zu::newObj<pell::CCipher_AES256CBC>() : nullptr,
@@ -123,6 +123,7 @@ protected:
     }
 
     long long startGrainIndex = 0;
+    zu::P<kord::CVMDKGrainTableCache> cache;
     zu::P<kord::CVMDKContentIDUpdater> updater;
 };
 
