@@ -1,9 +1,6 @@
-// Reference counting, buffers, slices, the error family and the string
-// type: the ground every other part of the libraries stands on.
+// Reference counting, buffers, slices and the string type: the ground every other part of the libraries stands on.
 #include "base/CBase.h"
-#include "base/CMTRand.h"
 #include "base/CError.h"
-#include "base/CIOError.h"
 #include "base/String.h"
 #include "base/TBuffer.h"
 
@@ -13,7 +10,6 @@
 #include <climits>
 #include <functional>
 #include <cstdint>
-#include <memory>
 #include <string>
 #include <type_traits>
 #include <vector>
@@ -90,6 +86,7 @@ TEST(RefCount, referenceTakenDuringDestructionDoesNotDeleteTwice)
 TEST(Buffer, alignmentKeptCorruptSizesRefusedAndEditsWithSourceInside)
 {
     TBuffer<unsigned char> big(10, 4096);
+    big.setUsedFill(10, 1);
     big.ensureAllocated(100000);
     EXPECT_TRUE(aligned(big.getData(), 4096)) << "growth keeps the alignment";
     EXPECT_TRUE(aligned(TBuffer<unsigned char>(big).getData(), 4096)) << "a copy keeps the alignment";
@@ -142,37 +139,13 @@ TEST(CryptBuffer, wipesWholeAllocationOnGrowthAndFreeAndRandomKeyBytesDiffer)
     FreeProbe::install(false);
 }
 
-TEST(BufferSlice, boundsAndMessages)
+// Offsets read from a file reach slices: each bad range is refused, however it overflows.
+TEST(BufferSlice, badRangesRefused)
 {
-    using Slice = zu::TConstBufferSlice<unsigned char>;
     P<TBuffer<unsigned char>> b = zu::newObj<TBuffer<unsigned char>>(10);
-    Slice whole(b.get(), 0, -1);
-    EXPECT_EQ(Slice(b.get(), 10, -1).getLength(), 0);
-
     for (auto range : {std::pair<long long, long long>{5, 6}, {11, -1}, {-1, 2}, {2, -2}, {0, 11}, {LLONG_MAX, 1}})
-        EXPECT_EQ(msg(expectThrows<CInvalidArgError>([&] { Slice(b.get(), range.first, range.second); })),
+        EXPECT_EQ(msg(expectThrows<CInvalidArgError>([&] { zu::TConstBufferSlice<unsigned char>(b.get(), range.first, range.second); })),
                   "Invalid argument passed to 'TConstBufferSlice constructor': Invalid start/length.");
-
-    EXPECT_EQ(msg(expectThrows<CInvalidArgError>([] { Slice(nullptr, 0, 1); })),
-              "Invalid argument passed to 'TConstBufferSlice constructor': Invalid start/length for NULL buffer.");
-
-    // The slice keeps its buffer alive.
-    b->setUsedFill(10, 0x42);
-    b = nullptr;
-    EXPECT_EQ(whole.getData()[9], 0x42);
-}
-
-TEST(Errors, copiesKeepTheCauseChainWithItsTypes)
-{
-    CInvalidArgError root("g", "root");
-    zu::CIOError io(zu::CIOError::codeInvalidData, "", zu::CProps().set("uri", "file:///x"), &root);
-    zu::CError top("Outer failure.", "Disk", 17, zu::CProps(), &io);
-    std::unique_ptr<zu::CError> copy(top.clone());
-    const auto* ioCause = dynamic_cast<const zu::CIOError*>(copy->getCause());
-    ASSERT_NE(ioCause, nullptr) << "the cause keeps its most-derived type";
-    EXPECT_NE(dynamic_cast<const CInvalidArgError*>(ioCause->getCause()), nullptr);
-    EXPECT_EQ(copy->toString(),
-              "Outer failure. <- The data is invalid or corrupted. uri=file:///x <- Invalid argument passed to 'g': root.");
 }
 
 TEST(Strings, strictUtf8Decoding)
@@ -194,11 +167,4 @@ TEST(Strings, strictUtf8Decoding)
     EXPECT_EQ(static_cast<unsigned>(out[4].GetValue()), 0x10FFFFu);
     EXPECT_EQ(out.toUTF8(), good);
     EXPECT_EQ(String("\xC3\xA9t\xC3\xA9"), String(L"\u00e9t\u00e9")) << "narrow literals are UTF-8";
-
-    // Key material from the system-seeded generator.
-    unsigned char key1[32], key2[32];
-    zu::randData(key1, 32);
-    zu::randData(key2, 32);
-    EXPECT_FALSE(std::equal(key1, key1 + 32, key2));
-    expectThrows<CInvalidArgError>([&] { zu::randData(key1, -1); });
 }
