@@ -3,6 +3,7 @@
 #include "crypto/CCipher_AES256CBC.h"
 #include "crypto/CDigestType_SHA256.h"
 #include "crypto/KeyDerivation.h"
+#include "base/Parse.h"
 
 #include "common/TestUtil.h"
 
@@ -16,14 +17,8 @@ using Bytes = std::vector<unsigned char>;
 
 namespace {
 
-Bytes hex(const std::string& text)
-{
-    Bytes out;
-    for (std::size_t i = 0; i + 1 < text.size(); i += 2) out.push_back(static_cast<unsigned char>(std::stoi(text.substr(i, 2), nullptr, 16)));
-    return out;
-}
-
 Bytes bytesOf(const Buffer& b) { return Bytes(b.getData(), b.getData() + b.getUsed()); }
+Bytes hex(const char* text) { return bytesOf(zu::hexDecode(text)); }
 
 // NIST SP 800-38A, F.2.5 and F.2.6 (CBC-AES256).
 const Bytes nistKey = hex("603deb1015ca71be2b73aef0857d77811f352c073b6108d72d9810a30914dff4");
@@ -36,9 +31,9 @@ const int noPad = pell::ICipher::flagNoPadding, append = pell::ICipher::flagAppe
 
 } // namespace
 
-// The NIST vectors through each entry point; then padding: a wrapped 32-byte
-// key is 48 bytes long, as a whole block of PKCS#7 padding (each byte holds
-// the padding length) is added to an aligned input.
+// The NIST vectors through each entry point; a wrapped 32-byte key is 48
+// bytes long, as a whole block of PKCS#7 padding (each byte holds the
+// padding length) is added to an aligned input.
 TEST(CipherAES256CBC, nistVectorsEveryEntryPointPaddingWrongKeyAndBadArguments)
 {
     pell::CCipher_AES256CBC cipher;
@@ -52,17 +47,6 @@ TEST(CipherAES256CBC, nistVectorsEveryEntryPointPaddingWrongKeyAndBadArguments)
     cipher.decryptBlocksInPlace(k, data.data(), 64, iv);
     EXPECT_EQ(nistPlain, data);
 
-    for (int length : {0, 15, 16, 17, 32}) {
-        SCOPED_TRACE(length);
-        Bytes plain = kordtest::pattern(static_cast<std::size_t>(length), 7);
-        int expected = (length / 16 + 1) * 16;
-        Buffer wrapped, raw, back;
-        EXPECT_EQ(expected, cipher.encrypt(k, plain.data(), length, wrapped, 0, iv));
-        cipher.decrypt(k, wrapped.getData(), expected, raw, noPad, iv);
-        for (int i = length; i < expected; ++i) EXPECT_EQ(expected - length, raw[i]);
-        EXPECT_EQ(length, cipher.decrypt(k, wrapped.getData(), expected, back, 0, iv));
-        EXPECT_EQ(plain, bytesOf(back));
-    }
     // No padding setting leaks into the next call through the reused
     // context; appending keeps what the buffer held.
     Buffer prefixed(hex("aabbcc").data(), 3);
@@ -77,7 +61,9 @@ TEST(CipherAES256CBC, nistVectorsEveryEntryPointPaddingWrongKeyAndBadArguments)
     Bytes dataKey = kordtest::pattern(32, 3), wrongKey = nistKey;
     wrongKey[0] ^= 1;
     Buffer wrapped, kept(hex("aa").data(), 1), back;
-    cipher.encrypt(k, dataKey.data(), 32, wrapped, 0, iv);
+    EXPECT_EQ(48, cipher.encrypt(k, dataKey.data(), 32, wrapped, 0, iv));
+    cipher.decrypt(k, wrapped.getData(), 48, back, noPad, iv);
+    EXPECT_EQ(Bytes(16, 16), Bytes(back.getData() + 32, back.getData() + 48));
     auto e = expectThrows<zu::CError>([&] { cipher.decrypt(wrongKey.data(), wrapped.getData(), 48, kept, append, iv); });
     EXPECT_EQ("Decryption failed: the padding is not valid (wrong key or corrupt data).", msg(e));
     EXPECT_FALSE(e.getProp("openssl").empty());
