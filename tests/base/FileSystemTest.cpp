@@ -71,14 +71,6 @@ TEST_P(FileSystemTest, openModesMissingFilesPositionalIOAndShortRead)
 
 KORD_INSTANTIATE_FS(FileSystemTest);
 
-// The disk tests cover a read-only medium; here the in-memory names.
-TEST(MemoryFileSystemTest, spellingsOfOneFileNameTheSameFile)
-{
-    auto fs = newObj<CMemoryFileSystem>();
-    kordtest::writeAll(fs, CURI("file:///vm/disk.vmdk"), {1, 2, 3});
-    EXPECT_EQ(fs->getFileSize(CURI("FILE:///vm/./sub/../disk.vmdk")), 3);
-}
-
 // What is not a regular file is refused at once, whatever the access: a
 // FIFO without a writer would otherwise block the open forever. (FIFOs among
 // a disk's files, and links that name one extent twice, are refused with the

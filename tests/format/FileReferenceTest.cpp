@@ -25,7 +25,4 @@ TEST(FileReferenceTest, referencesResolveBesideTheDescriptorOrWhereTheyPoint)
     for (const auto& c : cases)
         EXPECT_EQ(c.expected, kord::vmdkFileReferenceToURI(c.from, zu::String(c.reference)).toString(true).toUTF8())
             << c.reference;
-
-    for (const char* malformed : {"C:\\vms\\a<b.vmdk", "sub\\a|b.vmdk"})
-        kordtest::expectThrows<zu::CBadPathError>([&] { kord::vmdkFileReferenceToURI(base, zu::String(malformed)); });
 }
