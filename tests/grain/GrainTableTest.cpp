@@ -1,7 +1,6 @@
 // Grain tables and their cache: entries and slot sizes read and written back
-// to the right sectors (both copies, only where there are copies), the argument
-// checks of setGrainInfo, and the cache's eviction, which never drops a table
-// with unflushed changes.
+// to the right sectors (both copies, only where there are copies), and the
+// cache's eviction, which never drops a table with unflushed changes.
 #include "common/ExtentTestUtil.h"
 
 #include "grain/CVMDKGrainTable.h"
@@ -56,7 +55,7 @@ std::pair<long long, long long> info(kord::CVMDKGrainTable& table, long long ind
 
 } // namespace
 
-TEST_P(GrainTableTest, changesReachBothCopiesAndTheSlotSizeTableAndBadOnesNothing)
+TEST_P(GrainTableTest, changesReachBothCopiesAndTheSlotSizeTable)
 {
     makeImage();
     {
@@ -93,25 +92,8 @@ TEST_P(GrainTableTest, changesReachBothCopiesAndTheSlotSizeTableAndBadOnesNothin
     EXPECT_EQ(7, zu::loadLE16(&file[slotsAt * 512]));
     // (A stale redundant copy repaired by the next flush is checked through
     // whole disks, with the checker.)
-
-    // A bad setGrainInfo is refused and changes nothing.
-    makeImage();
-    zu::P<kord::CVMDKGrainTable> plain = table(0, 0), slotted = table(0, slotsAt);
-    const std::string set = "Invalid argument passed to 'CVMDKGrainTable::setGrainInfo': ";
-    const std::tuple<kord::CVMDKGrainTable*, long long, long long, std::string> cases[] = {
-        {plain.get(), 512, grainSectors, "Invalid grain index: 512."},
-        {plain.get(), 0, 15, "Invalid grain slot size - it must equal the grain size (slot size: 15, grain size: 16)."},
-        {slotted.get(), 0, 0, "Invalid grain slot size.."},
-    };
-    for (const auto& [t, index, slot, message] : cases) {
-        zu::CError e = expectError<zu::CInvalidArgError>([&] { t->setGrainInfo(index, 1, slot); }, set + message, -1);
-        EXPECT_EQ(uri("t.bin").toString(true), e.getProp("uri"));
-        EXPECT_FALSE(t->hasUnflushedChanges());
-        EXPECT_EQ(std::make_pair(0LL, 0LL), info(*t, 0));
-    }
 }
 
-// (Which clean table goes first is checked with the cache underneath.)
 TEST_P(GrainTableTest, cacheKeepsTablesWithChangesAndFlushesSlotSizesFirst)
 {
     makeImage();
