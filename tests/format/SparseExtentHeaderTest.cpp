@@ -82,13 +82,11 @@ zu::CIOError loadFails(const Bytes& image)
 
 TEST(SparseExtentHeaderTest, fieldsAtWrongOffsetsLostPadKeyHashOrIgnoredFlagsBreakRoundTrip)
 {
-    // The stores are checked byte for byte in the layout tests; a round trip
-    // then also proves every field is read from its own offset.
+    // The stores are checked byte for byte in the layout tests, and each
+    // field's own offset by the hostile extents that patch it; here the pad
+    // and the sign bit come back as read.
     CVMDKSparseExtentHeader header;
     EXPECT_EQ(standardImage(0x3), roundTrip(header, standardImage(0x3)));
-    EXPECT_EQ(0x0102030405060708, header.capacity);
-    EXPECT_EQ(static_cast<long long>(0x8000000000000001ull), header.overHead);
-    EXPECT_EQ(0xBEEF, header.compressAlgorithm);
 
     // Without bit 1 there is no redundant directory, whatever offset 48 holds.
     load(header, standardImage(0x1));
