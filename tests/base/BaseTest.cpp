@@ -11,7 +11,6 @@
 #include <functional>
 #include <cstdint>
 #include <string>
-#include <type_traits>
 #include <vector>
 
 using namespace kordtest;
@@ -59,18 +58,6 @@ private:
         wipedOnFree.push_back(std::all_of(p, p + bytes, [](unsigned char c) { return c == 0; }));
     }
 };
-
-template <class A, class B, class = void>
-struct CanAdd : std::false_type {};
-template <class A, class B>
-struct CanAdd<A, B, std::void_t<decltype(std::declval<A>() + std::declval<B>())>> : std::true_type {};
-
-// Numbers become text only through the explicit formatters.
-static_assert(!CanAdd<String, int>::value && !CanAdd<String, long long>::value &&
-                  !CanAdd<String, unsigned long>::value && !CanAdd<String, short>::value,
-              "String + number must not compile");
-static_assert(std::is_same<decltype(std::declval<const char*>() + std::declval<String>()), String>::value,
-              "concatenation keeps the zu type");
 
 } // namespace
 

