@@ -73,10 +73,10 @@ TEST(InteropTest, corpusDisksConvertIntoEveryTypeAndBack)
     }
 }
 
-// Disks that qemu-img and vmdk-convert make (stream files, zeroed grains)
-// and chains of delta disks made by qemu-img and by kord map alike (the
-// disk of the chain that holds each range is its depth); for the chains,
-// check's JSON has the keys qemu-img's has, with its values for a clean disk.
+// A disk of zeroed grains and chains of delta disks made by qemu-img and by
+// kord map alike (the disk of the chain that holds each range is its depth);
+// for the chains, check's JSON has the keys qemu-img's has, with its values
+// for a clean disk. (Other tools' stream files are mapped with the corpus.)
 TEST(InteropTest, mapsAndChecksAsQemuImgSays)
 {
     if (!kordtest::haveTool("qemu-img") || !kordtest::haveTool("qemu-io"))
@@ -85,26 +85,18 @@ TEST(InteropTest, mapsAndChecksAsQemuImgSays)
     const std::string dir = temp.path();
     auto sh = [&](const std::string& command) { kordtest::runIn(dir, command); };
     const std::string k = " && " + K;
-    sh("head -c 196608 /dev/urandom >a.bin && head -c 4194304 /dev/urandom >src.raw && "
-       "qemu-img convert -f raw -O vmdk -o subformat=streamOptimized src.raw qstream.vmdk");
     sh("qemu-img create -f vmdk -o zeroed_grain=on zeroed.vmdk 4M && qemu-io -f vmdk -c 'write -P 3 0 1M' "
        "-c 'write -z 64k 256k' zeroed.vmdk");
     sh("qemu-img create -f vmdk qbase.vmdk 4M && qemu-io -c 'write -P 1 0 64k' -c 'write -P 2 1M 192k' qbase.vmdk && "
        "qemu-img create -f vmdk -F vmdk -b qbase.vmdk qtop.vmdk && qemu-io -c 'write -P 3 1M 128k' qtop.vmdk");
-    sh("true" + k + "create -t twoGbMaxExtentSparse kbase.vmdk 4M" + k + "write --offset 0 kbase.vmdk a.bin" + k +
+    sh("head -c 196608 /dev/urandom >a.bin" + k + "create -t twoGbMaxExtentSparse kbase.vmdk 4M" + k + "write --offset 0 kbase.vmdk a.bin" + k +
        "write --offset 1M kbase.vmdk a.bin" + k + "create -t monolithicSparse -b kbase.vmdk kmid.vmdk" + k +
        "write --offset 1100000 kmid.vmdk a.bin" + k + "create -b kmid.vmdk ktop.vmdk" + k +
        "write --offset 3M ktop.vmdk a.bin");
-    std::vector<std::string> disks = {"qstream.vmdk", "zeroed.vmdk", "qtop.vmdk", "kmid.vmdk", "ktop.vmdk"};
-    const std::string vmdkConvert = kordtest::sharedPath("oracles/vmdk-convert");
-    if (!vmdkConvert.empty()) {
-        sh("timeout 120 '" + vmdkConvert + "' src.raw vc.vmdk");
-        disks.push_back("vc.vmdk");
-    }
-    for (const std::string& disk : disks) {
+    expectMapLikeQemu(dir, "zeroed.vmdk");
+    for (const std::string disk : {"qtop.vmdk", "kmid.vmdk", "ktop.vmdk"}) {
         SCOPED_TRACE(disk);
         expectMapLikeQemu(dir, disk);
-        if (disk.find("top") == std::string::npos && disk.find("mid") == std::string::npos) continue;
         const Json qemu = Json::parse(kordtest::runIn(dir, "qemu-img check --output=json " + disk + " 2>/dev/null"));
         const Json ours = Json::parse(kordOk(dir, "check --output=json " + disk + " 2>/dev/null"));
         for (const auto& item : qemu.items()) EXPECT_EQ(item.value(), ours[item.key()]) << item.key();
