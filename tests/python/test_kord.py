@@ -32,7 +32,6 @@ def pattern(size, seed):
 
 KINDS = {
     "monolithic": dict(type="monolithicSparse"),
-    "split": dict(type="twoGbMaxExtentSparse"),
     "stream": dict(type="streamOptimized"),
     "encrypted": dict(type="streamOptimized", password=PASSWORD),
 }

@@ -7,10 +7,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include <fstream>
 #include <functional>
-
-#include <sys/stat.h>
 
 namespace {
 
@@ -84,11 +81,6 @@ TEST_F(ToolTest, everyConversionPathGivesTheSameOutputWithAnyThreads)
         EXPECT_TRUE(outputs[0] == outputs[1]) << what;
         EXPECT_TRUE(!raw || outputs[0] == data) << what;
     }
-    // Unwritten and zero grains are holes in a raw output.
-    struct stat info;
-    ASSERT_EQ(0, ::stat(file("t10.raw").c_str(), &info));
-    EXPECT_LT(info.st_blocks * 512, 1024 * 1024);
-
     // Disk to disk: same grains move prepared (the level 9 data stays);
     // another level recompresses. (A last grain cut short is always
     // written plain, hence a source of whole grains here.)
@@ -187,11 +179,11 @@ TEST_F(ToolTest, checkExitStatusSaysWhatItFound)
         {"unclean", [&] { patch("unclean.vmdk", uncleanShutdownAt, 1); }, 3,
          "unclean.vmdk: uncleanShutdown: VMDK extent file was not closed cleanly. uncleanShutdown=1\n"},
         // A grain appended by a writer that died before recording it.
-        {"leak", [&] { append("leak.vmdk", std::string(1000, 'x')); }, 3,
+        {"leak", [&] { put("leak.vmdk", fileText(file("leak.vmdk")) + std::string(1000, 'x')); }, 3,
          "leak.vmdk: leakedSpace: VMDK extent file holds space that no grain or metadata uses. fileSize=328680 "
          "leakedBytes=1024 usedEndSectors=640\n"},
         // Zeros behind the data are padding, as other tools write it.
-        {"padded", [&] { append("padded.vmdk", std::string(4096, 0)); }, 0, ""},
+        {"padded", [&] { put("padded.vmdk", fileText(file("padded.vmdk")) + std::string(4096, 0)); }, 0, ""},
         // For check, a header the library refuses is damage, not a failure.
         {"version", [&] { patch("version.vmdk", versionAt, 9); }, 2,
          "version.vmdk: refused: VMDK file has an unsupported version: 9"},

@@ -4,7 +4,6 @@
 
 #include "disk/DiskTestUtil.h"
 
-#include <fstream>
 #include <tuple>
 
 namespace {
@@ -62,10 +61,6 @@ protected:
         kordtest::patchFile(fs, disktest::fileURI(file(name)), offset, {value});
     }
     void put(const std::string& name, const std::string& data) { disktest::putFile(file(name), data); }
-    void append(const std::string& name, const std::string& data)
-    {
-        std::ofstream(file(name), std::ios::binary | std::ios::app) << data;
-    }
 
     kordtest::TempDir temp;
     zu::P<zu::IFileSystem> fs = zu::newObj<zu::CLocalFileSystem>();
