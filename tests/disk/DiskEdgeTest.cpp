@@ -138,17 +138,15 @@ TEST_F(DiskEdgeTest, streamAdapterStoresOnCloseAndRefusesWhatADiskCannotDo)
 
 TEST_F(DiskEdgeTest, lockFileKeepsOutASecondWriterOnly)
 {
+    // Two readers share the lock and keep a writer out (that a writer keeps
+    // a reader out, the plugin, mount and Python tests show).
     create("d.vmdk", "monolithicSparse", 4 * grainSectors);
-    // One writer, or two readers.
-    for (const std::vector<int>& holders : {std::vector<int>{RW}, {R, R}}) {
-        std::vector<zu::P<CVMDKDisk>> held;
-        for (int access : holders) held.push_back(open("d.vmdk", access));
+    {
+        zu::P<CVMDKDisk> first = open("d.vmdk", R), second = open("d.vmdk", R);
         EXPECT_TRUE(std::filesystem::exists(path("d.vmdk.lock")));
         expectThrows<zu::CLockFileError>([&] { open("d.vmdk", RW); });
-        if (holders[0] == RW) expectThrows<zu::CLockFileError>([&] { open("d.vmdk", R); });
-        held.clear();
-        EXPECT_FALSE(std::filesystem::exists(path("d.vmdk.lock")));
     }
+    EXPECT_FALSE(std::filesystem::exists(path("d.vmdk.lock")));
 
     // Where no lock file can be made, a reader goes on without one; a writer never.
     zu::P<zu::CMemoryFileSystem> memory = zu::newObj<zu::CMemoryFileSystem>();
@@ -287,7 +285,6 @@ TEST_F(DiskEdgeTest, parentsThatLoopGoTooDeepOrHaveOtherGrainsAreRefused)
                                "Parent disk is incompatible with diff disk.", -1);
     EXPECT_EQ("32768", prop(e, "actualGrainSize"));
     EXPECT_EQ("65536", prop(e, "expectedGrainSize"));
-    EXPECT_EQ("false", prop(e, "actualCompressed"));
 }
 
 TEST_F(DiskEdgeTest, onDemandExtentsAppearOnFirstWriteAtTheRightPlace)
@@ -357,11 +354,8 @@ TEST_F(DiskEdgeTest, extentMapRefusesBadLinesAndMismatchedFiles)
         {"RW -1 SPARSE \"y.vmdk\"\n" + line2, s002, "VMDK disk has an extent of invalid size."},
         {"RW 9100000000000000 SPARSE \"y.vmdk\"\nRW 9100000000000000 SPARSE \"z.vmdk\"", s002,
          "VMDK disk has an extent of invalid size."},
-        {"RW 256 ZERO \"zero.vmdk\"", s002, "VMDK disk has an unsupported extent type: 'ZERO'."},
         {many, s002, "VMDK disk has too many extents."},
-        {replaced(line2, "256", "100000"), s002, "VMDK extent file is smaller than its extent line."},
-        {line2, fileText(path("so.vmdk")), "VMDK extent file differs in compression from the disk's first extent."},
-        {line2, s002.substr(0, 1000), "VMDK extent file is shorter than its metadata."}};
+        {line2, fileText(path("so.vmdk")), "VMDK extent file differs in compression from the disk's first extent."}};
     for (const auto& [lines, file, message] : refusals) {
         withLines(lines);
         putFile(path("x-s002.vmdk"), file);
@@ -387,7 +381,6 @@ TEST_F(DiskEdgeTest, passwordsAndEncryptionBounds)
         zu::CError e = expectError<CError>([&] { open("e.vmdk", R, "guess" + std::to_string(i)); }, wrong, -1);
         EXPECT_EQ(uri("e.vmdk").toNormalized().toString(true).toUTF8(), prop(e, "uri"));
     }
-    expectError<CError>([&] { open("e.vmdk", R); }, "VMDK is encrypted but no password provided", -1);
 
     // A new password wraps the same key under a new salt: no byte outside
     // the descriptor changes.

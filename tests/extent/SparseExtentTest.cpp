@@ -126,26 +126,10 @@ TEST_P(SparseExtentTest, rewritesMoveWhereATornWriteWouldLoseTheGrainAndFreedSlo
             const long long at9 = grainPos(*extent, 9);
             EXPECT_TRUE(moves ? at9 == durable || at9 == moved : at9 == randomAt + 16)
                 << "the slots grains left are handed out again once the moves are durable";
-            if (kind.streamOptimized) {
-                // A grain stored with a slot of exactly its data's size moves
-                // when its data grows, to a slot that fits it.
-                zu::P<kord::CVMDKDataPreparer> preparer = extent->createDataPreparer();
-                zu::TBuffer<unsigned char> source = toBuffer(compressible(grainBytes, 3)), prepared;
-                preparer->prepareGrainData(&source, 5, &prepared);
-                const int bytes = static_cast<int>(prepared.getUsed());
-                const long long pos5 =
-                    extent->getGrainAllocator()->allocNewGrain(5, prepared.getData(), bytes, bytes / 512);
-                extent->flushChanges();
-                writeAt(*extent, 5 * grainBytes, random);
-                long long slot;
-                EXPECT_NE(pos5, grainPos(*extent, 5, &slot));
-                EXPECT_LE(preparer->getMaxPreparedSectors(), slot) << "random data: the stored-only form";
-            }
         }
         zu::P<kord::CVMDKSparseExtentFile> extent = open(kind, zu::IIOStream::accessRead);
         EXPECT_EQ(random, readAt(*extent, 2 * grainBytes, grainBytes));
         EXPECT_EQ(compressible(grainBytes, 3), readAt(*extent, 9 * grainBytes, grainBytes));
-        EXPECT_TRUE(!kind.streamOptimized || random == readAt(*extent, 5 * grainBytes, grainBytes));
     }
 }
 
