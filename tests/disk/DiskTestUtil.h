@@ -78,6 +78,17 @@ inline void patchGrainEntry(zu::IFileSystem* fs, const zu::CURI& uri, long long 
     if (bothCopies) kordtest::patchFile(fs, uri, directory->getEntries()[grain / 512] * sector + offset, entry);
 }
 
+// What one attempt did: "" when it went through, else the error's message.
+inline std::string outcome(const std::function<void()>& action)
+{
+    try {
+        action();
+        return "";
+    } catch (const zu::CError& e) {
+        return kordtest::msg(e);
+    }
+}
+
 inline void writeAt(CVMDKDisk& disk, long long position, const Bytes& data)
 {
     disk.seek(position);

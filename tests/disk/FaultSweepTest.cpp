@@ -100,16 +100,6 @@ const zu::CURI parentURI{zu::String("file:///sweep/parent.vmdk")};
 const zu::CURI originalURI{zu::String("file:///sweep/original.vmdk")};
 const std::string diskKey = diskURI.toString(false).toUTF8(), originalKey = originalURI.toString(false).toUTF8();
 
-// Whether f returns true without an error.
-bool succeeds(const std::function<bool()>& f)
-{
-    try {
-        return f();
-    } catch (const zu::CError&) {
-        return false;
-    }
-}
-
 bool allowedAfterFault(CVMDKChecker::Kind kind)
 {
     return kind == kord::CVMDKProblem::kindUncleanShutdown || kind == kord::CVMDKProblem::kindDamagedTrail ||
@@ -165,13 +155,12 @@ public:
     // Runs the workload; returns false when it failed.
     bool runWorkload(zu::IFileSystem* fs) const
     {
-        return succeeds([&] {
-            zu::P<kord::CVMDKGrainTableCache> cache = zu::newObj<kord::CVMDKGrainTableCache>(scenario.cacheLimit);
-            zu::P<CVMDKDisk> disk = zu::newObj<CVMDKDisk>(fs, diskURI, RW, zuText(scenario.pass), -1, cache, nullptr);
-            for (const CWrite& w : scenario.writes) writeAt(*disk, w.position, w.data);
-            disk->flushChanges();
-            return true;
-        });
+        return outcome([&] {
+                   zu::P<CVMDKDisk> disk = zu::newObj<CVMDKDisk>(fs, diskURI, RW, zuText(scenario.pass), -1,
+                                                                 zu::newObj<kord::CVMDKGrainTableCache>(scenario.cacheLimit), nullptr);
+                   for (const CWrite& w : scenario.writes) writeAt(*disk, w.position, w.data);
+                   disk->flushChanges();
+               }).empty();
     }
 
     void run(long long call, Fault fault, const std::vector<unsigned>& powerLossSeeds)
@@ -315,10 +304,11 @@ TEST(FaultSweep, passwordChangeOfAChainOpensWithOldOrNewAndARerunFinishes)
     expected.resize(4 * grainBytes);
     std::copy(data.begin(), data.end(), expected.begin() + grainBytes);
     const auto change = [&](zu::IFileSystem* fs) {
-        return succeeds([&] { return kord::CVMDKPasswordChange(fs, diskURI, oldPassword, newPassword).run(), true; });
+        return outcome([&] { kord::CVMDKPasswordChange(fs, diskURI, oldPassword, newPassword).run(); }).empty();
     };
     const auto opensWith = [&](zu::IFileSystem* fs, const std::string& pass) {
-        return succeeds([&] { return readAt(*openDisk(fs, diskURI, R, pass), 0, 4 * grainBytes) == expected; });
+        bool same = false;
+        return outcome([&] { same = readAt(*openDisk(fs, diskURI, R, pass), 0, 4 * grainBytes) == expected; }).empty() && same;
     };
     zu::P<CFaultFileSystem> counting = zu::newObj<CFaultFileSystem>(files);
     ASSERT_TRUE(change(counting));

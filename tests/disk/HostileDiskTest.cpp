@@ -30,17 +30,6 @@ bool isAdvisory(CVMDKProblem::Kind kind)
            kind == CVMDKProblem::kindDirectoriesDisagree || kind == CVMDKProblem::kindGrainLBAMismatch;
 }
 
-// What one attempt did: "" when it went through, else the error's message.
-std::string outcome(const std::function<void()>& action)
-{
-    try {
-        action();
-        return "";
-    } catch (const zu::CError& e) {
-        return kordtest::msg(e);
-    }
-}
-
 class HostileDiskTest : public DiskFolderTest {
 protected:
     void editFile(const std::string& name, const std::function<void(Bytes&)>& edit)
