@@ -108,23 +108,16 @@ TEST_F(DiskEdgeTest, readOnlyOpenChecksSizeFirstAndChangesNoByte)
     EXPECT_TRUE(before == snapshot(temp.path()));
 }
 
-// The adapter stores what it was given when it goes, and refuses what a
-// disk cannot do.
-TEST_F(DiskEdgeTest, streamAdapterStoresOnCloseAndRefusesWhatADiskCannotDo)
+// The adapter refuses what a disk cannot do, and anything once closed (its
+// reads and writes are the Python module's).
+TEST_F(DiskEdgeTest, streamAdapterRefusesWhatADiskCannotDo)
 {
     create("s.vmdk", "monolithicSparse", 4 * grainSectors);
-    const Bytes data = kordtest::pattern(grainBytes + 300, 5);
     zu::P<kord::CVMDKDiskIOStream> stream = zu::newObj<kord::CVMDKDiskIOStream>(fs, uri("s.vmdk"), RW, "");
-    stream->seek(7);
-    stream->write(data.data(), static_cast<int>(data.size()));
-    stream = nullptr;
-    EXPECT_TRUE(readAt(*open("s.vmdk", R), 7, data.size()) == data);
-    stream = zu::newObj<kord::CVMDKDiskIOStream>(fs, uri("s.vmdk"), RW, "");
     Bytes buf(100, 0);
     stream->seek(4 * grainBytes - 40);
     EXPECT_EQ(40, stream->readLax(buf.data(), 100));
     EXPECT_TRUE(stream->isEndOfStream());
-    expectError<zu::CIOError>([&] { stream->read(buf.data(), 1); }, "Read exceeds VMDK disk size.", 4);
     expectError<zu::CIOError>([&] { stream->setLength(1); }, "Error changing the size of a file.", 13);
     EXPECT_EQ("6", prop(expectError<zu::CFileSystemError>([&] { stream->lockRange(0, 1, zu::IStreamBase::lockShared); },
                                                           "VMDK Disk I/O stream does not support lockRange.", 6),
@@ -465,21 +458,19 @@ TEST_F(DiskEdgeTest, newDisksDescribeThemselvesAsOtherToolsDo)
         EXPECT_TRUE(d.hasValue("ddb.virtualHWVersion"));
     }
 
-    // Each extent's header holds exactly its line's sectors, the last grain
-    // partly used; older disks of ours, rounded up to a whole grain in the
-    // header (and footer), keep opening.
-    for (const std::string type : {"monolithicSparse", "streamOptimized", "twoGbMaxExtentSparse"}) {
-        const std::string name = type + "-odd.vmdk";
-        const std::string extent = type == "twoGbMaxExtentSparse" ? type + "-odd-s001.vmdk" : name;
-        writeAt(*create(name, type, 1000), 1000 * sector - 3, Bytes{7, 8, 9});
-        const std::string file = fileText(path(extent));
-        EXPECT_EQ(1000u, zu::loadLE64(reinterpret_cast<const unsigned char*>(file.data()) + 12)) << type;
-        for (long long at : {12LL, type == "streamOptimized" ? static_cast<long long>(file.size()) - 1024 + 12 : 12LL})
-            kordtest::patchFile(fs, uri(extent), at, kordtest::le64(1024));
-        zu::P<CVMDKDisk> disk = open(name, RW);
-        EXPECT_EQ(1000 * sector, disk->getDiskSizeBytes());
-        EXPECT_EQ(Bytes({7, 8, 9}), readAt(*disk, 1000 * sector - 3, 3)) << type;
+    // The header holds exactly the disk's sectors, the last grain partly
+    // used; older disks of ours, rounded up to a whole grain in the header
+    // and footer, keep opening.
+    writeAt(*create("odd.vmdk", "streamOptimized", 1000), 1000 * sector - 3, Bytes{7, 8, 9});
+    const long long footer = static_cast<long long>(fileText(path("odd.vmdk")).size()) - 1024;
+    for (long long at : {0LL, footer}) {
+        EXPECT_EQ(1000u, zu::loadLE64(kordtest::readAll(fs, uri("odd.vmdk")).data() + at + 12)) << at;
+        kordtest::patchFile(fs, uri("odd.vmdk"), at + 12, kordtest::le64(1024));
     }
+    zu::P<CVMDKDisk> odd = open("odd.vmdk", RW);
+    EXPECT_EQ(1000 * sector, odd->getDiskSizeBytes());
+    EXPECT_EQ(Bytes({7, 8, 9}), readAt(*odd, 1000 * sector - 3, 3));
+    odd = nullptr;
 
     // A delta names its parent relative to its own folder (spaces and
     // non-ASCII letters kept) and takes its size; a split child's text file

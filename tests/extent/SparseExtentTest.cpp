@@ -232,35 +232,30 @@ TEST_P(SparseExtentTest, misusedExtentRefusesAndLeavesFileAlone)
     create(plainKind, 4);
     const long long size = 4 * grainBytes;
     const Bytes before = image();
-    {
-        zu::P<kord::CVMDKSparseExtentFile> extent = open();
-        extent->seek(size);
-        zu::CError e = expectError<zu::CInvalidArgError>(
-            [&] { extent->seek(size + 1); },
-            "Invalid argument passed to 'CVMDKSparseExtentFile::seek': Invalid position: 32769.", -1);
-        EXPECT_EQ("32768", e.getProp("extentSize"));
-        unsigned char buffer[2] = {1, 2};
-        e = expectError([&] { extent->read(buffer, 1); },
-                        "Unexpected end of data reading from VMDK sparse extent file.", zu::CIOError::codeEndOfData);
-        EXPECT_EQ("1", e.getProp("bytesToRead"));
-        extent->seek(size - 1);
-        e = expectError([&] { extent->write(buffer, 2); }, "Write exceeded VMDK extent size.", zu::CIOError::codeWrite);
-        EXPECT_EQ(std::to_string(size - 1), e.getProp("position").toUTF8());
-
-        zu::TBuffer<unsigned char> prepared;
-        extent->seek(grainBytes + 1);
-        EXPECT_EQ("Prepared grain read in VMDK extent file can only be done on a grain boundary.",
-                  msg(expectThrows<zu::CIOError>([&] { extent->readPreparedGrainData(prepared); })));
-        extent->seek(size);
-        EXPECT_EQ("Prepared grain write exceeds VMDK extent size.",
-                  msg(expectThrows<zu::CIOError>([&] { extent->writePreparedGrainData(prepared); })));
-    }
-    zu::P<kord::CVMDKSparseExtentFile> readOnly = open(plainKind, zu::IIOStream::accessRead);
+    zu::P<kord::CVMDKSparseExtentFile> extent = open(), readOnly = open(plainKind, zu::IIOStream::accessRead);
+    unsigned char buffer[2] = {1, 2};
+    zu::TBuffer<unsigned char> prepared;
     const std::string notWritable =
         "Internal error: VMDK sparse extent file is about to be changed, but it was not opened for writing.";
-    EXPECT_EQ(notWritable, msg(expectThrows<zu::CError>([&] { writeAt(*readOnly, 0, Bytes(10, 1)); })));
-    EXPECT_EQ(notWritable, msg(expectThrows<zu::CError>([&] { readOnly->makeGrainIndependentOfParent(0); })));
-    readOnly = nullptr;
+    // {where, the misuse, its message and code, a property and its value}
+    const std::vector<std::tuple<long long, std::function<void()>, std::string, long long, std::string, std::string>> cases = {
+        {size, [&] { extent->seek(size + 1); },
+         "Invalid argument passed to 'CVMDKSparseExtentFile::seek': Invalid position: 32769.", -1, "extentSize", "32768"},
+        {size, [&] { extent->read(buffer, 1); }, "Unexpected end of data reading from VMDK sparse extent file.",
+         zu::CIOError::codeEndOfData, "bytesToRead", "1"},
+        {size - 1, [&] { extent->write(buffer, 2); }, "Write exceeded VMDK extent size.", zu::CIOError::codeWrite,
+         "position", std::to_string(size - 1)},
+        {grainBytes + 1, [&] { extent->readPreparedGrainData(prepared); },
+         "Prepared grain read in VMDK extent file can only be done on a grain boundary.", 11, "", ""},
+        {size, [&] { extent->writePreparedGrainData(prepared); }, "Prepared grain write exceeds VMDK extent size.", 3, "", ""},
+        {0, [&] { writeAt(*readOnly, 0, Bytes(10, 1)); }, notWritable, -1, "", ""},
+        {0, [&] { readOnly->makeGrainIndependentOfParent(0); }, notWritable, -1, "", ""}};
+    for (const auto& [at, misuse, message, code, name, value] : cases) {
+        extent->seek(at);
+        zu::CError e = expectError<zu::CError>(misuse, message, code);
+        EXPECT_TRUE(name.empty() || e.getProp(name.c_str()).toUTF8() == value) << name;
+    }
+    extent = readOnly = nullptr;
     EXPECT_EQ(before, image());
 }
 
