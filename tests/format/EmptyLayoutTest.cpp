@@ -1,16 +1,86 @@
-// The layout of a new sparse extent file, checked byte for byte against
-// images built here by hand, on both file systems; the markers and padding
-// it is made of; and the guarantee that a failed creation leaves no file and
-// never touches one that existed.
+// The 512-byte sparse extent header: hand-built images load into the right
+// fields and store back byte for byte, and damaged headers fail with the
+// right code and message. The layout of a new sparse extent file, checked
+// byte for byte against images built here by hand, on both file systems; the
+// markers and padding it is made of; and the guarantee that a failed creation
+// leaves no file and never touches one that existed.
 #include "common/ExtentTestUtil.h"
 
+#include "base/CBufferStream.h"
+#include "base/CDataInStream.h"
+#include "base/CDataOutStream.h"
+#include "format/CVMDKSparseExtentHeader.h"
 #include "format/VMDKMarker.h"
 
+#include <array>
+#include <climits>
 #include <cstring>
 
 using namespace kordtest;
+using kord::CVMDKSparseExtentHeader;
 
 namespace {
+
+// magic "KDMV", version, flags, then capacity, grainSize, descriptorOffset,
+// descriptorSize (12..43), numGTEsPerGT = 512 (44), rgdOffset, gdOffset,
+// overHead (48..71), the line-end check (73) and compressAlgorithm (77).
+void storeHeader(unsigned char* p, std::uint32_t version, std::uint32_t flags, const std::array<long long, 7>& fields,
+                 std::uint16_t compressAlgorithm)
+{
+    zu::storeLE32(p + 0, 0x564D444B);
+    zu::storeLE32(p + 4, version);
+    zu::storeLE32(p + 8, flags);
+    zu::storeLE32(p + 44, 512);
+    for (int i = 0; i < 7; ++i) zu::storeLE64(p + 12 + 8 * i + (i >= 4 ? 4 : 0), static_cast<std::uint64_t>(fields[i]));
+    std::memcpy(p + 73, "\n \r\n", 4);
+    zu::storeLE16(p + 77, compressAlgorithm);
+}
+
+// A standard header with a distinct value in every field, so that a field
+// read from or written to the wrong offset shows; overHead has its sign bit
+// set, uncleanShutdown is 1, and the pad is kept as read.
+Bytes standardImage(std::uint32_t flags)
+{
+    Bytes b(512, 0);
+    for (int i = 79; i < 512; ++i) b[i] = static_cast<unsigned char>(i * 7);
+    storeHeader(b.data(), 3, flags, {0x0102030405060708, 128, 1, 20, 21, 0x1122334455, LLONG_MIN + 1}, 0xBEEF);
+    b[72] = 1;
+    return b;
+}
+
+// An extended header carrying a key hash of `hashBytes` bytes.
+Bytes extendedImage(int hashBytes)
+{
+    Bytes b = standardImage(0x3);
+    zu::storeLE32(&b[0], 0x05644B45);        // extended magic, bytes 45 4B 64 05
+    zu::storeLE16(&b[79], 1);                // encAlg AES-256-CBC
+    zu::storeLE16(&b[81], 1);                // encKeyHashAlg SHA-256
+    zu::storeLE16(&b[83], static_cast<std::uint16_t>(hashBytes)); // encKeyHashSize
+    for (int i = 0; i < hashBytes && 85 + i < 512; ++i) b[85 + i] = static_cast<unsigned char>(0xA0 + i);
+    return b;
+}
+
+void load(CVMDKSparseExtentHeader& header, const Bytes& image)
+{
+    zu::CDataInStream in(
+        zu::newObj<zu::CBufferStream>(zu::newObj<zu::TBuffer<unsigned char>>(image.data(), image.size())));
+    header.load(in);
+}
+
+Bytes roundTrip(CVMDKSparseExtentHeader& header, const Bytes& image)
+{
+    load(header, image);
+    zu::P<zu::TBuffer<unsigned char>> data = zu::newObj<zu::TBuffer<unsigned char>>();
+    zu::CDataOutStream out(zu::newObj<zu::CBufferStream>(data));
+    header.store(out);
+    return Bytes(data->getData(), data->getData() + data->getUsed());
+}
+
+zu::CIOError loadFails(const Bytes& image)
+{
+    CVMDKSparseExtentHeader header;
+    return expectThrows<zu::CIOError>([&] { load(header, image); });
+}
 
 // The expected contents of a file, written sector by sector.
 class ExpectedImage {
@@ -18,21 +88,12 @@ public:
     explicit ExpectedImage(long long sectors) : bytes(static_cast<size_t>(sectors) * 512, 0) {}
     unsigned char* sector(long long s) { return &bytes.at(static_cast<size_t>(s) * 512); }
 
-    // The header fields that differ between the layouts under test.
+    // The header of a layout without a descriptor area.
     void header(long long s, bool streamOptimized, long long grains, long long grainSize, long long rgdOffset,
                 long long gdOffset, long long overHead)
     {
-        unsigned char* p = sector(s);
-        zu::storeLE32(p + 0, 0x564D444B);                          // magic "KDMV"
-        zu::storeLE32(p + 4, streamOptimized ? 3 : 1);             // version
-        zu::storeLE32(p + 8, streamOptimized ? 0x30003 : 0x3);     // flags
-        zu::storeLE32(p + 44, 512);                                // numGTEsPerGT
-        // capacity, grainSize, (28, 36: no descriptor area), rgdOffset, gdOffset, overHead
-        for (auto [at, value] : {std::pair{12, grains * grainSize}, {20, grainSize}, {48, rgdOffset}, {56, gdOffset},
-                                 {64, overHead}})
-            zu::storeLE64(p + at, static_cast<std::uint64_t>(value));
-        std::memcpy(p + 73, "\n \r\n", 4);                         // line-end check
-        zu::storeLE16(p + 77, streamOptimized ? 1 : 0);            // compressAlgorithm; pad stays zero
+        storeHeader(sector(s), streamOptimized ? 3 : 1, streamOptimized ? 0x30003 : 0x3,
+                    {grains * grainSize, grainSize, 0, 0, rgdOffset, gdOffset, overHead}, streamOptimized ? 1 : 0);
     }
     // value (8), size 0 (4), type (4), zeros.
     void marker(long long s, std::uint32_t type, long long value)
@@ -122,11 +183,9 @@ TEST_P(EmptyLayoutTest, embeddedDescriptorAndKeyHashShiftTheMetadataAndFailedCre
     // rounded up to a grain), and encAlg 1, encKeyHashAlg 1, the hash's size
     // and the hash.
     ExpectedImage expected(1);
-    expected.header(0, false, 1, 8, 21, 26, 32);
     unsigned char* p = expected.sector(0);
+    storeHeader(p, 1, 0x3, {8, 8, 1, 20, 21, 26, 32}, 0);
     zu::storeLE32(p, 0x05644B45);
-    zu::storeLE64(p + 28, 1);
-    zu::storeLE64(p + 36, 20);
     p[79] = p[81] = 1;
     p[83] = 32;
     std::copy(keyHash.getData(), keyHash.getData() + 32, p + 85);
@@ -162,20 +221,70 @@ TEST_P(EmptyLayoutTest, embeddedDescriptorAndKeyHashShiftTheMetadataAndFailedCre
 
 KORD_INSTANTIATE_FS(EmptyLayoutTest);
 
-TEST(VMDKMarkerTest, markerRecognisedOnlyWithZeroSizeAndZeroTail)
+TEST(SparseExtentHeaderTest, fieldsAtWrongOffsetsLostPadKeyHashOrIgnoredFlagsBreakRoundTrip)
+{
+    // The stores are checked byte for byte in the layout tests, and each
+    // field's own offset by the hostile extents that patch it; here the pad
+    // and the sign bit come back as read.
+    CVMDKSparseExtentHeader header;
+    EXPECT_EQ(standardImage(0x3), roundTrip(header, standardImage(0x3)));
+
+    // Without bit 1 there is no redundant directory, whatever offset 48 holds.
+    load(header, standardImage(0x1));
+    EXPECT_EQ(0, header.rgdOffset);
+    EXPECT_EQ(0x1122334455, header.gdOffset);
+
+    // Without bit 0 any four line-end bytes pass, and the store writes the real ones.
+    Bytes mangled = standardImage(0x2);
+    std::copy_n("\r\n\r\n", 4, &mangled[73]);
+    EXPECT_EQ(standardImage(0x2), roundTrip(header, mangled));
+    // With bit 0 the same bytes are a transfer in text mode.
+    zu::storeLE32(&mangled[8], 0x3);
+    kordtest::expectError([&] { load(header, mangled); },
+                          "VMDK image is corrupted (probably by having been transferred in FTP ASCII mode).",
+                          zu::CIOError::codeInvalidData);
+
+    // An extended header: the key hash and the pad after it.
+    EXPECT_EQ(extendedImage(32), roundTrip(header, extendedImage(32)));
+    EXPECT_TRUE(header.extended);
+    EXPECT_EQ(32, header.encKeyHash.getUsed());
+    EXPECT_EQ(395, header.padding.getUsed());
+
+    // The longest hash that fits leaves no pad; one byte more is refused.
+    EXPECT_EQ(extendedImage(427), roundTrip(header, extendedImage(427)));
+    EXPECT_EQ(zu::CIOError::codeInvalidData, loadFails(extendedImage(428)).getCode());
+
+    // A standard header loaded after an extended one gets its full pad back.
+    EXPECT_EQ(standardImage(0x3), roundTrip(header, standardImage(0x3)));
+}
+
+TEST(SparseExtentHeaderTest, badMagicReportsNumberAndShortHeaderIsEndOfData)
+{
+    // Unsigned: a magic with the top bit set is not a negative number.
+    Bytes image = standardImage(0x3);
+    for (auto [magic, number] : {std::pair{0x564D4443u, "1447904323"}, {0xFFFFFFFEu, "4294967294"}}) {
+        zu::storeLE32(&image[0], magic);
+        EXPECT_EQ(number, loadFails(image).getProp("num").toUTF8());
+    }
+
+    // A header cut short, and an extended one whose key hash runs past the end.
+    const Bytes standard = standardImage(0x3), extended = extendedImage(32);
+    EXPECT_EQ(zu::CIOError::codeEndOfData, loadFails(Bytes(standard.begin(), standard.begin() + 511)).getCode());
+    EXPECT_EQ(zu::CIOError::codeEndOfData, loadFails(Bytes(extended.begin(), extended.begin() + 100)).getCode());
+}
+
+TEST(VMDKMarkerTest, markerRecognisedOnlyWithItsTypeZeroSizeAndZeroTail)
 {
     Bytes marker(512, 0);
     zu::storeLE64(&marker[0], static_cast<std::uint64_t>(-2));
     zu::storeLE32(&marker[12], kord::vmdkMarkerSlotSizeDirectory);
-    long long value = 99;
-    EXPECT_TRUE(kord::isVMDKMarker(marker.data(), kord::vmdkMarkerSlotSizeDirectory, &value));
-    EXPECT_EQ(-2, value);
-    // Another type, a data size at 8 (a compressed grain) or anything in the tail: not this marker.
-    for (size_t at : {12, 8, 300, 511}) {
+    // A bit flipped in the value, the type, a data size at 8 (a compressed
+    // grain) or the tail: only the first is still this marker.
+    for (auto [at, value] : {std::pair<size_t, long long>{0, -34}, {12, 0}, {8, 0}, {300, 0}, {511, 0}}) {
         Bytes other = marker;
         other[at] ^= 0x20;
-        value = 99;
-        EXPECT_FALSE(kord::isVMDKMarker(other.data(), kord::vmdkMarkerSlotSizeDirectory, &value)) << at;
-        EXPECT_EQ(0, value);
+        long long got = 99;
+        EXPECT_EQ(value != 0, kord::isVMDKMarker(other.data(), kord::vmdkMarkerSlotSizeDirectory, &got)) << at;
+        EXPECT_EQ(value, got);
     }
 }
