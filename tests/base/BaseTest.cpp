@@ -1,5 +1,4 @@
-// Reference counting, buffers, slices and the string type: the ground every other part of the libraries stands on.
-#include "base/CBase.h"
+// Buffers, slices and the string type: the ground every other part of the libraries stands on.
 #include "base/CError.h"
 #include "base/String.h"
 #include "base/TBuffer.h"
@@ -17,21 +16,6 @@ using namespace kordtest;
 using namespace zu;
 
 namespace {
-
-// Takes and drops a reference while dying, as an object does that hands
-// itself to a helper in its destructor.
-int destroyed = 0;
-std::uint32_t countWhileDying = 0;
-class HandsItselfOut : public zu::CBase {
-public:
-    ~HandsItselfOut() override
-    {
-        ++destroyed;
-        countWhileDying = getRefCount();
-        addRef();
-        release();
-    }
-};
 
 std::string bytesOf(const TBuffer<unsigned char>& b)
 {
@@ -60,15 +44,6 @@ private:
 };
 
 } // namespace
-
-TEST(RefCount, referenceTakenDuringDestructionDoesNotDeleteTwice)
-{
-    P<HandsItselfOut> p = zu::newObj<HandsItselfOut>();
-    p = nullptr;
-    // Under the address sanitizer a second deletion would abort here.
-    EXPECT_EQ(destroyed, 1);
-    EXPECT_EQ(countWhileDying, zu::CBase::destructionBias);
-}
 
 TEST(Buffer, alignmentKeptCorruptSizesRefusedAndEditsWithSourceInside)
 {

