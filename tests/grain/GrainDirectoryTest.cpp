@@ -71,12 +71,6 @@ TEST_P(GrainDirectoryTest, slotSizeDirectoryFoundOnlyBehindTheLastTableWithItsSi
                              "expected value (actual: 7, expected: 1, uri: '" + uriText() + "'). Ignoring the slot "
                              "directory."));
 
-    // Nor where the header's overHead puts it among grain data.
-    create(compressedKind, 1100);
-    patchFile(fs, file(), hdr::overHead, le64(static_cast<unsigned long long>(markerAt)));
-    expectError<zu::CError>([&] { open(); }, "Slot size directory not found in compressed VMDK.", -1);
-    EXPECT_TRUE(log.contains("Found VMDK marker for zuSlotDirectory outside the metadata area"));
-
     // A plain extent whose only grain table is moved into the grain area,
     // followed by a well-formed slot-size directory and table.
     create(plainKind, 100);
