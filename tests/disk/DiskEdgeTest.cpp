@@ -500,11 +500,11 @@ TEST_F(DiskEdgeTest, creationRefusesAndCleansUp)
     putFile(path("stale-s002.vmdk"), "stale");
     const auto before = snapshot(temp.path());
 
-    for (const auto& [name, type] : {std::pair{"taken", "monolithicSparse"}, {"stale", "twoGbMaxExtentSparse"}}) {
-        zu::CFileSystemError e = expectError<zu::CFileSystemError>(
-            [&] { create(name + std::string(".vmdk"), type, splitSectors + 1); }, "VMDK disk file already exists.", 2);
-        EXPECT_NE(std::string::npos, prop(e, "uri").find(name)) << name;
-    }
+    // A split disk's extent file left behind counts as the disk (a main file
+    // that exists, the tool and Python tests).
+    zu::CFileSystemError e = expectError<zu::CFileSystemError>(
+        [&] { create("stale.vmdk", "twoGbMaxExtentSparse", splitSectors + 1); }, "VMDK disk file already exists.", 2);
+    EXPECT_NE(std::string::npos, prop(e, "uri").find("stale-s002.vmdk"));
     const std::vector<std::function<void(CVMDKDisk::CCreateParams&)>> refusals = {
         [](auto& p) { p.createType = "monolithicFlat"; },
         [](auto& p) { p.adapterType = "scsi"; },

@@ -112,25 +112,15 @@ TEST_F(DiskInteropTest, kordReadsAndWritesQemuDisks)
     Mirror mirror(32 << 20);
     Mirror splitMirror(3LL << 30);
 
-    // A new qemu split disk's descriptor file is exactly as long as its
-    // text: kord's content-ID renewal, which adds the "encoding" line, has
-    // the file replaced by a longer one, and nothing is left beside it.
-    std::filesystem::create_directory(path("split"));
-    sh("qemu-img create -f vmdk -o subformat=twoGbMaxExtentSparse split/qs.vmdk 3G");
-    const std::string descriptorBefore = fileText(path("split/qs.vmdk"));
-    const unsigned contentIDBefore = contentID(path("split/qs.vmdk"));
-    writeAt(*openDisk(fs, fileURI(path("split/qs.vmdk")), RW), 0, Bytes(10, 1));
-    splitMirror.write(0, Bytes(10, 1));
-    EXPECT_GT(fileText(path("split/qs.vmdk")).size(), descriptorBefore.size());
-    EXPECT_NE(contentIDBefore, contentID(path("split/qs.vmdk")));
-    EXPECT_FALSE(std::filesystem::exists(path("split/qs.vmdk.kord-new")));
+    // (A descriptor file with no room to grow, as qemu-img makes them, is
+    // replaced by a longer one: the foreign disk tests.)
     const long long twoGiB = 2LL << 30;
     const std::vector<std::tuple<std::string, std::string, Mirror*, QemuWrites>> disks = {
         {"q.vmdk", "-o subformat=monolithicSparse q.vmdk 32M", &mirror,
          {{0x11, 0, 100 << 10}, {0x22, 1 << 20, 4096}, {0x33, 20000 << 10, 64 << 10}, {0x44, (32 << 20) - 512, 512}}},
         {"qc.vmdk", "-b q.vmdk -F vmdk qc.vmdk", &mirror,
          {{0x55, 50 << 10, 100 << 10}, {0x66, 3 << 20, 512}, {0x77, (32 << 20) - 4096, 4096}}},
-        {"split/qs.vmdk", "", &splitMirror,
+        {"qs.vmdk", "-o subformat=twoGbMaxExtentSparse qs.vmdk 3G", &splitMirror,
          {{0x11, 0, 100 << 10}, {0x22, twoGiB - (64 << 10), 128 << 10}, {0x33, (3LL << 30) - 512, 512}}}};
     unsigned seed = 3;
     for (const auto& [name, createArgs, model, writes] : disks) {

@@ -1,9 +1,6 @@
 // Sparse extent files are untrusted input, and so are the positions they
 // hold, which the library later writes to. Each case patches a freshly made
-// file and expects the exact error, with the file left as it was. Files made
-// by our layout functions, in every variant, must still open (extents
-// without an embedded descriptor, as split disks have, are opened by the
-// disk tests).
+// file and expects the exact error, with the file left as it was.
 #include "common/ExtentTestUtil.h"
 
 #include "grain/CVMDKDataPreparer.h"
@@ -171,19 +168,6 @@ TEST_P(SparseExtentHostileTest, encryptionParametersAreChecked)
     create(plainKind, 4);
     expectRefused<zu::CInvalidArgError>([&] { open(encryptedKind); },
                                         invalidArg + "is NOT encrypted but a cipher object was specified..", -1);
-}
-
-TEST_P(SparseExtentHostileTest, filesOfOurLayoutsAllOpen)
-{
-    for (const ExtentKind& kind : allExtentKinds) {
-        for (auto [grains, grainSectors] : {std::pair{1, 1}, {513, 128}, {3, 2048}}) {
-            SCOPED_TRACE(std::string(kind.name) + " " + std::to_string(grains) + "x" + std::to_string(grainSectors));
-            create(kind, grains, grainSectors);
-            const long long last = grains * grainSectors * 512LL - 1;
-            writeAt(*open(kind), last, {0x5C});
-            EXPECT_EQ(Bytes{0x5C}, readAt(*open(kind, zu::IIOStream::accessRead), last, 1));
-        }
-    }
 }
 
 KORD_INSTANTIATE_FS(SparseExtentHostileTest);

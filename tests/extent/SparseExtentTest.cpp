@@ -182,27 +182,9 @@ TEST_P(SparseExtentTest, streamOptimizedTrailMovesBehindNewGrains)
     expectTrailAtEnd(bytes);
     EXPECT_EQ(static_cast<long long>(bytes.size()), (overHead + slot + slot7) * 512 + 1536);
 
-    // Bytes we did not write at the end are kept; grains and trail go after them.
-    const Bytes foreign(512, 0xAB);
-    bytes.insert(bytes.end(), foreign.begin(), foreign.end());
-    writeAll(fs, file(), bytes);
-    {
-        LogCapture log;
-        zu::P<kord::CVMDKSparseExtentFile> extent = open(compressedKind);
-        EXPECT_TRUE(log.contains("VMDK trail data is not what we expected. Assuming that it is not trail data - we "
-                                 "won't overwrite it."));
-        writeAt(*extent, 3 * grainBytes, compressible(grainBytes, 3));
-        extent->flushChanges();
-        EXPECT_EQ(static_cast<long long>(bytes.size()) / 512, grainPos(*extent, 3));
-    }
-    const Bytes after = image();
-    EXPECT_EQ(foreign, slice(after, static_cast<long long>(bytes.size()) - 512, 512));
-    expectTrailAtEnd(after);
-    LogCapture log;
-    zu::P<kord::CVMDKSparseExtentFile> extent = open(compressedKind, zu::IIOStream::accessRead);
-    EXPECT_TRUE(log.lines.empty()) << testing::PrintToString(log.lines);
-    EXPECT_EQ(compressible(grainBytes, 3), readAt(*extent, 3 * grainBytes, grainBytes));
-    EXPECT_EQ(compressible(grainBytes, 2), readAt(*extent, 7 * grainBytes, grainBytes));
+    // (Bytes after the trail that are not a trail are kept, and new grains
+    // go behind them: the durability tests' lost trail.)
+    EXPECT_EQ(compressible(grainBytes, 2), readAt(*open(compressedKind, zu::IIOStream::accessRead), 7 * grainBytes, grainBytes));
 }
 
 TEST_P(SparseExtentTest, shortPreparedDataFillsAnUncompressedGrainWithZeros)
