@@ -131,7 +131,6 @@ TEST_P(SparseExtentHostileTest, hostileValuesAreRefused)
         {"compressedGrainPastEnd", true, set(32, tableEntry(2), endPlus(0)),
          "VMDK grain table entry points past the end of the extent file.", corrupt, 2},
         {"compressedSizeZero", true, set(32, grain0(8), 0), badSize, corrupt, 0},
-        {"compressedSizeNegative", true, set(32, grain0(8), -1), badSize, corrupt, 0},
         {"compressedSizeOverTwoGrains", true, set(32, grain0(8), 2 * grainBytes - 11), badSize, corrupt, 0},
         {"compressedSizePastSlot", true, set(32, grain0(8), slotBytes - 11),
          "VMDK compressed grain runs past its slot.", corrupt, 0},
