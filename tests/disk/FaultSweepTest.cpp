@@ -184,8 +184,7 @@ private:
     {
         Bytes out;
         for (long long g : region) {
-            long long n = std::min(grainBytes, disk.getDiskSizeBytes() - g * grainBytes);
-            Bytes grain = readAt(disk, g * grainBytes, n);
+            Bytes grain = readAt(disk, g * grainBytes, std::min(grainBytes, disk.getDiskSizeBytes() - g * grainBytes));
             grain.resize(grainBytes, 0);
             out.insert(out.end(), grain.begin(), grain.end());
         }
@@ -199,19 +198,17 @@ private:
             ADD_FAILURE() << CFigures::tally(figures.dataLost, where) << ": a write to the copy changed the original";
         zu::P<CFaultFileSystem> fs = zu::newObj<CFaultFileSystem>(after);
         Bytes now;
-        try {
-            now = readRegion(*openDisk(fs, diskURI, R, scenario.pass));
-        } catch (const zu::CError& e) {
-            ADD_FAILURE() << CFigures::tally(figures.unopenable, where) << ": the disk does not open: " << e.toString().toUTF8();
+        const std::string unopenable = outcome([&] { now = readRegion(*openDisk(fs, diskURI, R, scenario.pass)); });
+        if (!unopenable.empty()) {
+            ADD_FAILURE() << CFigures::tally(figures.unopenable, where) << ": the disk does not open: " << unopenable;
             return;
         }
-        for (size_t i = 0; i < now.size(); ++i) {
-            // (Outside the written ranges, old and new are the same.)
-            if (now[i] == oldBytes[i] || now[i] == newBytes[i]) continue;
+        // (Outside the written ranges, old and new are the same.)
+        size_t i = 0;
+        while (i < now.size() && (now[i] == oldBytes[i] || now[i] == newBytes[i])) ++i;
+        if (i < now.size())
             ADD_FAILURE() << CFigures::tally(figures.dataLost, where) << ": byte "
                           << region[i / grainBytes] * grainBytes + static_cast<long long>(i) % grainBytes << " is neither old nor new";
-            break;
-        }
         for (const CVMDKChecker::CFinding& f : CVMDKChecker(fs, diskURI, zuText(scenario.pass)).check())
             if (!allowedAfterFault(f.kind))
                 ADD_FAILURE() << CFigures::tally(figures.unexpectedFindings, where) << ": the checker found "

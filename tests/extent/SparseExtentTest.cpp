@@ -4,10 +4,10 @@
 // and encrypted grains that move and slots reused, zero writes that
 // allocate nothing, the trail of stream-optimized files, and the refusals
 // of misused extents. (Random I/O and parent data are covered through
-// whole disks.)
+// whole disks, partial reads of encrypted grains by the disk's password
+// cases, and what small reads cost by the read benchmark.)
 #include "common/ExtentTestUtil.h"
 
-#include "base/COptimizingIOStream.h"
 #include "format/VMDKMarker.h"
 #include "grain/CVMDKGrain.h"
 
@@ -130,37 +130,6 @@ TEST_P(SparseExtentTest, rewritesMoveWhereATornWriteWouldLoseTheGrainAndFreedSlo
         zu::P<kord::CVMDKSparseExtentFile> extent = open(kind, zu::IIOStream::accessRead);
         EXPECT_EQ(random, readAt(*extent, 2 * grainBytes, grainBytes));
         EXPECT_EQ(compressible(grainBytes, 3), readAt(*extent, 9 * grainBytes, grainBytes));
-    }
-}
-
-// A first read of part of an uncompressed grain reaches the file as one
-// read of its bytes (plus a cipher block or two), not through a read-ahead
-// block; the bytes must still be exact where a read starts or ends inside
-// a cipher block.
-TEST_P(SparseExtentTest, partialReadsOfAGrainReadOnlyTheirBytes)
-{
-    const std::pair<long long, long long> reads[] = {{0, 1},     {1, 15},       {15, 2},          {16, 16},
-                                                     {17, 4096}, {4096, 4096}, {grainBytes - 1, 1}, {100, grainBytes - 100}};
-    for (const ExtentKind& kind : allExtentKinds) {
-        SCOPED_TRACE(kind.name);
-        create(kind, 16);
-        const Bytes data = pattern(16 * grainBytes, 9);
-        writeAt(*open(kind), 0, data);
-        zu::P<kord::CVMDKSparseExtentFile> extent = open(kind, zu::IIOStream::accessRead);
-        auto* stream = dynamic_cast<zu::COptimizingIOStream*>(extent->getStream());
-        ASSERT_NE(nullptr, stream);
-        long long grain = 0;
-        for (const auto& [offset, bytes] : reads) {
-            SCOPED_TRACE(offset);
-            const long long at = ++grain * grainBytes + offset;
-            readAt(*extent, at - grainBytes, 1); // the grain before: its table is loaded
-            const zu::COptimizingIOStream::Stats before = stream->getStats();
-            EXPECT_EQ(slice(data, at, bytes), readAt(*extent, at, bytes));
-            const zu::COptimizingIOStream::Stats after = stream->getStats();
-            EXPECT_TRUE(kind.streamOptimized ||
-                        (before.innerReads + 1 == after.innerReads && before.directReads + 1 == after.directReads));
-            EXPECT_EQ(slice(data, at - offset, grainBytes), readAt(*extent, at - offset, grainBytes));
-        }
     }
 }
 
