@@ -257,10 +257,8 @@ std::vector<CScenario> scenarios()
          {{0, kordtest::pattern(6 * grainBytes, 7)}}}};
     // A part of a stored grain across into the next, a whole stored grain,
     // a new grain, the same stored grain twice (moved, then in place).
-    const std::vector<CWrite> writes = {{grainBytes + 1000, kordtest::pattern(grainBytes, 4)},
-                                        {3 * grainBytes, text},
-                                        {10 * grainBytes, random},
-                                        {grainBytes + 5, Bytes(700, 0x55)}};
+    const std::vector<CWrite> writes = {{grainBytes + 1000, kordtest::pattern(grainBytes, 4)}, {3 * grainBytes, text},
+                                        {10 * grainBytes, random}, {grainBytes + 5, Bytes(700, 0x55)}};
     for (CScenario& s : out) s.writes.insert(s.writes.begin(), writes.begin(), writes.end());
     return out;
 }

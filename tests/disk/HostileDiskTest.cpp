@@ -133,10 +133,7 @@ TEST_F(HostileDiskTest, refusedWhereDamagedAndCheckAgrees)
         {"grainsOverlap", [&] { make(sparse), patchGrainEntry(fs, uri(d), 1, kordtest::grainPos(*extent(d), 0) + 1); },
          "VMDK grains overlap in the extent file.", "grainsOverlap"},
         {"compressedSlotZero",
-         [&] {
-             make(stream);
-             patch(d, extent(d)->getGrainDirectory()->getSlotSizeDirectory()[0] * sector + 2, {0, 0});
-         },
+         [&] { make(stream), patch(d, extent(d)->getGrainDirectory()->getSlotSizeDirectory()[0] * sector + 2, {0, 0}); },
          "VMDK grain table entry has a slot too small for its grain.", "slotTooSmall"},
         {"compressedDataGarbage", [&] { make(stream), patch(d, grainSector(1) * sector + 20, Bytes(64, 0xFF)); },
          "Error reading compressed data from VMDK. The data cannot be decompressed.", "", {}, true, 1},
@@ -152,16 +149,11 @@ TEST_F(HostileDiskTest, refusedWhereDamagedAndCheckAgrees)
         {"parentChanged",
          [&] {
              create("p.vmdk", sparse, capacitySectors);
-             make(sparse, 0, "p.vmdk");
-             writeAt(*open("p.vmdk", RW), 0, Bytes(10, 9));
+             make(sparse, 0, "p.vmdk"), writeAt(*open("p.vmdk", RW), 0, Bytes(10, 9));
          },
          "VMDK parent disk has changed, but a child disk depended on it.", "parentChanged"},
         {"symlinkedExtent",
-         [&] {
-             make(split, splitCapacity);
-             std::filesystem::remove(path(s2));
-             std::filesystem::create_symlink(path("d-s001.vmdk"), path(s2));
-         },
+         [&] { make(split, splitCapacity), std::filesystem::remove(path(s2)), std::filesystem::create_symlink(path("d-s001.vmdk"), path(s2)); },
          "VMDK disk names the same extent file twice."},
         {"otherGrainSize", [&] { make(split, splitCapacity), patch(s2, kordtest::hdr::grainSize, le64(64)); },
          "VMDK extent file has another grain size than the disk's first extent."},
@@ -177,11 +169,8 @@ TEST_F(HostileDiskTest, refusedWhereDamagedAndCheckAgrees)
         {"fifoExtent", [&] { make(split, splitCapacity), std::filesystem::remove(path(s2)), ::mkfifo(path(s2).c_str(), 0600); },
          "Cannot open the file: it is a FIFO, not a regular file."},
         {"descriptorBadBoolean",
-         [&] {
-             make(split, splitCapacity);
-             const std::string text = fileText(path(d));
-             putFile(path(d), text.substr(0, text.find('\0')) + "zuCreateExtentFilesOnDemand=\"maybe\"\n");
-         },
+         [&] { make(split, splitCapacity), putFile(path(d), fileText(path(d)).substr(0, fileText(path(d)).find('\0')) +
+                                                             "zuCreateExtentFilesOnDemand=\"maybe\"\n"); },
          "VMDK descriptor value 'zuCreateExtentFilesOnDemand' is not a boolean: 'maybe'."},
         // A full descriptor area without the encoding line that every
         // store writes: the first write's descriptor cannot fit.
@@ -204,8 +193,7 @@ TEST_F(HostileDiskTest, refusedWhereDamagedAndCheckAgrees)
          "directoriesDisagree", {{"grainIndex", "700"}, {"differingEntries", "1"}}, true},
         {"unclean", [&] { make(sparse), patch(d, kordtest::hdr::uncleanShutdown, {1}); }, "", "uncleanShutdown", {}, true},
         // The end-of-stream marker's type.
-        {"trail", [&] { make(stream), patch(d, fs->getFileSize(uri(d)) - 512 + 12, le32(5)); }, "", "damagedTrail", {},
-         true},
+        {"trail", [&] { make(stream), patch(d, fs->getFileSize(uri(d)) - 512 + 12, le32(5)); }, "", "damagedTrail", {}, true},
         {"grainLBA", [&] { make(stream), patch(d, grainSector(1) * sector, le64(12345)); }, "", "grainLBAMismatch",
          {{"expectedLBA", std::to_string(grainSectors)}}, true},
     };
