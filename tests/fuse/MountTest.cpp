@@ -84,7 +84,7 @@ TEST_F(MountTest, mountShowsWhatKordCatReadsAndTakesWrites)
         const std::string raw = "mnt/" + std::filesystem::path(disk.file).stem().string() + ".raw";
         expectOk("$K mount " + disk.file + " mnt && $K cat " + disk.file + " >kord.raw && [ \"$(ls mnt)\" = " +
                  raw.substr(4) + " ]");
-        expectOk("dd if=" + raw + " of=dd.raw bs=1M status=none && cmp dd.raw kord.raw && cmp " + raw + " kord.raw");
+        expectOk("cmp " + raw + " kord.raw");
         std::string map, seeks;
         ASSERT_EQ(0, sh("/usr/bin/python3 -c 'import os, sys\n"
                         "fd = os.open(sys.argv[1], os.O_RDONLY); end = os.fstat(fd).st_size; at = 0\n"
@@ -109,35 +109,29 @@ TEST_F(MountTest, mountShowsWhatKordCatReadsAndTakesWrites)
     }
 }
 
-TEST_F(MountTest, signalAndFusermountReleaseTheDisk)
+// SIGTERM to a mount in the foreground and fusermount3 -u to a detached
+// one: unmounted, flushed, unlocked. While a disk is mounted for writing,
+// a second mount of it is refused, as are mount points and unmounts that
+// are not ours.
+TEST_F(MountTest, signalAndFusermountReleaseTheDiskAndRefusals)
 {
     const std::string waitMounted = "for i in $(seq 200); do [ -e mnt/monolithic.raw ] && break; sleep 0.05; done";
     kordtest::makeSampleDisks(temp.path());
+    std::filesystem::create_directory(file("plain"));
     expectOk("head -c 100000 /dev/urandom >one.bin && head -c 100000 /dev/urandom >two.bin");
-    // SIGTERM to a mount in the foreground: unmounted, flushed, unlocked.
     expectOk("($K mount -f -w monolithic.vmdk mnt >/dev/null 2>&1 & echo $! >pid) && " + waitMounted +
              " && dd if=one.bin of=mnt/monolithic.raw seek=10 conv=notrunc status=none && kill -TERM $(cat pid) && "
              "while kill -0 $(cat pid) 2>/dev/null; do sleep 0.05; done");
     EXPECT_FALSE(isMounted());
     expectOk("$K cat monolithic.vmdk | cmp -n 100000 -i 5120:0 - one.bin");
-    // fusermount3 -u: the detached process flushes and lets go by itself.
-    expectOk("$K mount -w monolithic.vmdk mnt && dd if=two.bin of=mnt/monolithic.raw seek=20 conv=notrunc status=none && "
-             "fusermount3 -u mnt && for i in $(seq 200); do $K write monolithic.vmdk --offset 0 /dev/null 2>/dev/null && "
-             "break; sleep 0.05; done && $K cat monolithic.vmdk | cmp -n 100000 -i 10240:0 - two.bin");
-}
-
-TEST_F(MountTest, refusals)
-{
-    kordtest::makeSampleDisks(temp.path());
-    std::filesystem::create_directory(file("plain"));
-    expectOk("$K mount -w stream.vmdk mnt");
+    expectOk("$K mount -w monolithic.vmdk mnt && dd if=two.bin of=mnt/monolithic.raw seek=20 conv=notrunc status=none");
     for (const auto& [command, message] : std::vector<std::pair<std::string, std::string>>{
-             {"$K mount stream.vmdk plain", "The lock file is held by another process."},
-             {"$K mount monolithic.vmdk missing", "The mount point is not a folder."},
-             {"$K mount missing.vmdk plain", "Cannot open the file: No such file or directory."},
+             {"$K mount monolithic.vmdk plain", "The lock file is held by another process."},
+             {"$K mount stream.vmdk missing", "The mount point is not a folder."},
              {"$K umount plain", "No kord mount at this folder."}})
         expectFails(command, "kord: " + message, 2);
-    expectOk("$K umount mnt");
+    expectOk("fusermount3 -u mnt && for i in $(seq 200); do $K write monolithic.vmdk --offset 0 /dev/null 2>/dev/null && "
+             "break; sleep 0.05; done && $K cat monolithic.vmdk | cmp -n 100000 -i 10240:0 - two.bin");
 }
 
 } // namespace

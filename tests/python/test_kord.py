@@ -123,8 +123,6 @@ def test_failures_raise_kord_error(tmp_path):
 
     with kord.create(tmp_path / "secret.vmdk", MiB, password=PASSWORD):
         pass
-    error_of(lambda: kord.open(tmp_path / "secret.vmdk", password="wrong"),
-             "Specified VMDK encryption password is not correct.")
     error_of(lambda: kord.create(tmp_path / "secret.vmdk", MiB), "VMDK disk file already exists. fileSysProblem",
              errno.EEXIST)
 
@@ -132,16 +130,6 @@ def test_failures_raise_kord_error(tmp_path):
         error_of(lambda: kord.open(tmp_path / "secret.vmdk", password=PASSWORD),
                  "The lock file is held by another process.", errno.EBUSY)
         held.seek(MiB - 2)
-        assert error_of(lambda: held.write(b"abc"), "Write exceeds VMDK disk size.", errno.EIO).code == 3
+        exceeds = error_of(lambda: held.write(b"abc"), "Write exceeds VMDK disk size.", errno.EIO)
+        assert (exceeds.code, exceeds.source) == (3, "IO")
         assert error_of(lambda: held.seek(-1), "", errno.EINVAL).props["diskSize"] == str(MiB)
-
-    # A grain the tables point to, cut off the file.
-    with kord.create(tmp_path / "cut.vmdk", MiB) as created:
-        created.seek(MiB - 65536)
-        created.write(pattern(65536, 8))
-    os.truncate(tmp_path / "cut.vmdk", os.path.getsize(tmp_path / "cut.vmdk") - 32768)
-    with kord.open(tmp_path / "cut.vmdk") as cut:
-        cut.seek(MiB - 65536)
-        damaged = error_of(lambda: cut.read(1), "VMDK grain table entry points past the end of the extent file.",
-                           errno.EIO)
-        assert (damaged.code, damaged.source) == (5, "IO")
