@@ -32,45 +32,36 @@ struct CFaultFileSystem::CModel {
         long long truncateTo = -1; // a setLength instead of a write
     };
     struct Inode {
-        Bytes current, durable;
+        Bytes durable;
         std::vector<Op> pending;
     };
 
     int newInode() { return inodes.emplace_back(), static_cast<int>(inodes.size()) - 1; }
-    // Applies op to file where keep() says so: a truncation whole, a write
-    // sector by sector, as a disk tears it.
+    // The file's durable bytes with the pending operations that keep() picks
+    // applied: a truncation whole, a write sector by sector, as a disk tears it.
     template <class Keep>
-    static void applyTo(Bytes& file, const Op& op, Keep keep)
+    static Bytes replay(const Inode& node, Keep keep)
     {
-        if (op.truncateTo >= 0) {
-            if (keep()) file.resize(static_cast<size_t>(op.truncateTo), 0);
-            return;
+        Bytes file = node.durable;
+        for (const Op& op : node.pending) {
+            if (op.truncateTo >= 0) {
+                if (keep()) file.resize(static_cast<size_t>(op.truncateTo), 0);
+                continue;
+            }
+            const long long end = op.offset + static_cast<long long>(op.data.size());
+            for (long long at = op.offset, next; at < end; at = next) {
+                next = std::min(end, (at / 512 + 1) * 512);
+                if (keep()) writeInto(file, at, op.data.data() + (at - op.offset), next - at);
+            }
         }
-        const long long end = op.offset + static_cast<long long>(op.data.size());
-        for (long long at = op.offset, next; at < end; at = next) {
-            next = std::min(end, (at / 512 + 1) * 512);
-            if (keep()) writeInto(file, at, op.data.data() + (at - op.offset), next - at);
-        }
+        return file;
     }
-    void apply(int inode, Op op)
-    {
-        Inode& node = inodes[static_cast<size_t>(inode)];
-        applyTo(node.current, op, [] { return true; });
-        node.pending.push_back(std::move(op));
-    }
+    Bytes current(int inode) const { return replay(inodes[static_cast<size_t>(inode)], [] { return true; }); }
+    void apply(int inode, Op op) { inodes[static_cast<size_t>(inode)].pending.push_back(std::move(op)); }
     void sync(int inode)
     {
-        Inode& node = inodes[static_cast<size_t>(inode)];
-        node.durable = node.current;
-        node.pending.clear();
-    }
-    // A power loss: the durable bytes and some of the pending operations.
-    Bytes afterPowerLoss(const Inode& node, std::mt19937& rng, unsigned seed) const
-    {
-        Bytes out = node.durable;
-        if (seed != 0)
-            for (const Op& op : node.pending) applyTo(out, op, [&] { return seed == 1 || rng() % 2 == 0; });
-        return out;
+        inodes[static_cast<size_t>(inode)].durable = current(inode);
+        inodes[static_cast<size_t>(inode)].pending.clear();
     }
 
     std::vector<Inode> inodes;
@@ -146,8 +137,7 @@ CFaultFileSystem::CFaultFileSystem(const Files& files) : model(std::make_unique<
         zu::CURI uri{zu::String(file.first)};
         zu::P<zu::IIOStream> stream = CMemoryFileSystem::openStream(uri, zu::IIOStream::accessCreateNew, zu::CProps());
         if (!file.second.empty()) stream->write(file.second.data(), static_cast<int>(file.second.size()));
-        const int inode = model->names[keyOf(uri)] = model->newInode();
-        model->inodes[static_cast<size_t>(inode)].current = model->inodes[static_cast<size_t>(inode)].durable = file.second;
+        model->inodes[static_cast<size_t>(model->names[keyOf(uri)] = model->newInode())].durable = file.second;
     }
     model->durableNames = model->names;
 }
@@ -225,7 +215,7 @@ zu::P<zu::IBase> CFaultFileSystem::lockFile(const zu::CURI& uri, zu::IStreamBase
 CFaultFileSystem::Files CFaultFileSystem::getFiles() const
 {
     Files out;
-    for (const auto& name : model->names) out[name.first] = model->inodes[static_cast<size_t>(name.second)].current;
+    for (const auto& name : model->names) out[name.first] = model->current(name.second);
     return out;
 }
 
@@ -234,7 +224,8 @@ CFaultFileSystem::Files CFaultFileSystem::getFilesAfterPowerLoss(unsigned seed) 
     std::mt19937 rng(seed);
     Files out;
     for (const auto& name : model->durableNames)
-        out[name.first] = model->afterPowerLoss(model->inodes[static_cast<size_t>(name.second)], rng, seed);
+        out[name.first] = CModel::replay(model->inodes[static_cast<size_t>(name.second)],
+                                         [&] { return seed == 1 || (seed != 0 && rng() % 2 == 0); });
     return out;
 }
 

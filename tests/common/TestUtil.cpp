@@ -11,11 +11,8 @@ namespace kordtest {
 
 TempDir::TempDir()
 {
-    std::string templ = (std::filesystem::temp_directory_path() / "kord-test-XXXXXX").string();
-    std::vector<char> buf(templ.begin(), templ.end());
-    buf.push_back('\0');
-    if (!mkdtemp(buf.data())) throw std::runtime_error("mkdtemp failed");
-    dirPath = buf.data();
+    dirPath = (std::filesystem::temp_directory_path() / "kord-test-XXXXXX").string();
+    if (!mkdtemp(dirPath.data())) throw std::runtime_error("mkdtemp failed");
 }
 
 TempDir::~TempDir()
@@ -26,17 +23,19 @@ TempDir::~TempDir()
 
 std::string msg(const zu::CError& e) { return e.getMessage().toUTF8(); }
 
-std::vector<unsigned char> le32(unsigned v)
-{
-    std::vector<unsigned char> out(4);
-    zu::storeLE32(out.data(), v);
-    return out;
-}
 
 std::vector<unsigned char> le64(unsigned long long v)
 {
     std::vector<unsigned char> out(8);
     zu::storeLE64(out.data(), v);
+    return out;
+}
+
+// Little-endian: the low four bytes of the 64-bit value come first.
+std::vector<unsigned char> le32(unsigned v)
+{
+    std::vector<unsigned char> out = le64(v);
+    out.resize(4);
     return out;
 }
 
@@ -83,8 +82,8 @@ void QemuTest::SetUp()
 void FileSystemTest::SetUp()
 {
     temp = std::make_unique<TempDir>();
-    if (GetParam()) fs = zu::newObj<zu::CLocalFileSystem>();
-    else fs = zu::newObj<zu::CMemoryFileSystem>();
+    fs = GetParam() ? zu::P<zu::IFileSystem>(zu::newObj<zu::CLocalFileSystem>())
+                    : zu::P<zu::IFileSystem>(zu::newObj<zu::CMemoryFileSystem>());
 }
 
 zu::CURI FileSystemTest::uri(const std::string& name) const
@@ -103,10 +102,8 @@ std::vector<unsigned char> readAll(zu::IFileSystem* fs, const zu::CURI& uri)
 
 void writeAll(zu::IFileSystem* fs, const zu::CURI& uri, const std::vector<unsigned char>& data)
 {
-    zu::P<zu::IIOStream> s = fs->openStream(uri, zu::IIOStream::accessOpenOrCreate, zu::CProps());
-    s->setLength(0);
-    if (!data.empty()) s->write(data.data(), static_cast<int>(data.size()));
-    s->close();
+    zu::P<zu::IIOStream>(fs->openStream(uri, zu::IIOStream::accessOpenOrCreate, zu::CProps()))->setLength(0);
+    if (!data.empty()) patchFile(fs, uri, 0, data);
 }
 
 void patchFile(zu::IFileSystem* fs, const zu::CURI& uri, long long offset, const std::vector<unsigned char>& bytes)

@@ -1,8 +1,8 @@
 // Disks in the variants other tools make. Built here byte by byte: flat,
-// ZERO, RDONLY and NOACCESS extents in one disk; zeroed-grain entries;
-// stream-optimized files without our slot-size directory or with the
-// directory at the end; and text descriptors that must grow. openAny opens them all, and the
-// constructor keeps refusing what it refuses. And made by qemu-img and
+// ZERO, RDONLY and NOACCESS extents in one disk; zeroed-grain entries; a
+// stream-optimized file with its directory at the end; and text
+// descriptors that must grow. openAny opens them all, and the constructor
+// keeps refusing what it refuses. And made by qemu-img and
 // vmdk-convert (black boxes; those cases skip where they are missing): kord
 // reads them as qemu-img does, writes them where it can, and stacks its
 // delta disks on them (vmdk-convert's file is its own extent, whatever its
@@ -79,9 +79,8 @@ TEST_F(ForeignDiskTest, flatZeroAndRestrictedExtentsInOneDisk)
     EXPECT_TRUE(fileText(path("f1.bin")).substr(100, 300) == std::string(300, '\xAA') &&
                 fileText(path("f3.bin")).substr((2 << 20) + 512 * sector - 200, 200) == std::string(200, '\xBB') &&
                 fileText(path("f2.bin")) == std::string(f2.begin(), f2.end()));
-    // The content ID was renewed; the descriptor grew for its "encoding"
-    // line and kept every extent line as written.
-    EXPECT_NE(0x12345678u, contentID(path("c.vmdk")));
+    // The descriptor, stored again with a new content ID, kept every extent
+    // line as written.
     EXPECT_NE(std::string::npos, fileText(path("c.vmdk")).find(lines));
     EXPECT_EQ(std::vector<std::string>(), findingKinds(fs, uri("c.vmdk")));
 
@@ -89,9 +88,7 @@ TEST_F(ForeignDiskTest, flatZeroAndRestrictedExtentsInOneDisk)
     expectError([&] { openDisk(fs, uri("c.vmdk"), R); }, "VMDK disk has an unsupported create type: 'custom'.", 5);
     const std::vector<std::pair<std::string, std::string>> bad = {
         {"WO 1 FLAT \"f1.bin\" 0", "VMDK disk has an unsupported extent access: 'WO'."},
-        {"RW 1 VMFSSPARSE \"f1.bin\"", "VMDK disk has an unsupported extent type: 'VMFSSPARSE'."},
         {"RW 1 SPARSE \"f1.bin\"", "VMDK disk names the same extent file twice."},
-        {"RW 1 FLAT \"f1.bin\" 4000", "VMDK disk names the same extent file twice."},
         {"RW 1 FLAT \"c.vmdk\"", "VMDK disk names the same extent file twice."}};
     for (const auto& [line, message] : bad) {
         putFile(path("c.vmdk"), text + line + "\n");
@@ -161,41 +158,31 @@ TEST_F(ForeignDiskTest, zeroedGrainsReadAsZerosAndTakeWrites)
         EXPECT_GT(zu::loadLE32(reinterpret_cast<const unsigned char*>(file.data()) + table * sector + 3 * 4), 1u);
 }
 
-// Our stream file turned into the two layouts other tools write: without
-// the slot-size directory, and with the grain directory found through the
-// footer (our trail ends with one).
+// Our stream file turned into a layout other tools write, with the grain
+// directory found through the footer (our trail ends with one): openAny
+// reads it and refuses to write it, changing nothing. (The constructor's
+// refusals of such files are the extent tests'; other tools' real files
+// are read in the interop test and the corpus.)
 TEST_F(ForeignDiskTest, otherToolsStreamLayoutsReadOnly)
 {
     const Bytes data = kordtest::pattern(3 * grainBytes + 5000, 4);
     writeAt(*CVMDKDisk::create(fs, uri("s.vmdk"), params("streamOptimized", 20 * grainSectors)), grainBytes, data);
-    const std::string original = fileText(path("s.vmdk"));
-    const long long slotMarker =
-        (inspectExtent(fs, uri("s.vmdk"))->getGrainDirectory()->getSlotSizeDirectoryPosSectors() - 1) * sector;
-    const std::vector<std::tuple<std::string, std::function<void()>, std::string>> layouts = {
-        {"no slot-size directory", [&] { patch("s.vmdk", slotMarker + 12, kordtest::le32(0)); },
-         "Slot size directory not found in compressed VMDK."},
-        {"directory in the footer", [&] { patch("s.vmdk", 56, kordtest::le64(~0ULL)); },
-         "VMDK file uses an unsupported variant of the 'stream optimized' format."}};
-    for (const auto& [name, edit, refusal] : layouts) {
-        SCOPED_TRACE(name);
-        putFile(path("s.vmdk"), original);
-        edit();
-        EXPECT_EQ(refusal, msg(expectThrows([&] { readAt(*openDisk(fs, uri("s.vmdk"), R), 0, 1); })));
+    patch("s.vmdk", 56, kordtest::le64(~0ULL));
+    const std::string before = fileText(path("s.vmdk"));
+    {
         zu::P<CVMDKDisk> disk = any("s.vmdk", RW);
         EXPECT_TRUE(readAt(*disk, grainBytes, data.size()) == data);
-        const std::string before = fileText(path("s.vmdk"));
         expectError([&] { writeAt(*disk, 0, Bytes(1, 1)); },
                     "VMDK stream-optimized file made by another tool can only be read, not written.", 3);
-        disk = nullptr;
-        EXPECT_EQ(before, fileText(path("s.vmdk")));
-        EXPECT_EQ(std::vector<std::string>(), findingKinds(fs, uri("s.vmdk")));
     }
+    EXPECT_EQ(before, fileText(path("s.vmdk")));
+    EXPECT_EQ(std::vector<std::string>(), findingKinds(fs, uri("s.vmdk")));
     // Without its last sector the footer is gone.
-    putFile(path("s.vmdk"), fileText(path("s.vmdk")).substr(0, original.size() - sector));
+    putFile(path("s.vmdk"), before.substr(0, before.size() - sector));
     zu::CError e = expectThrows([&] { any("s.vmdk"); });
     EXPECT_EQ("VMDK stream-optimized file does not end with its footer: the file is truncated or was never finished.",
               msg(e));
-    EXPECT_EQ(std::to_string(original.size() - sector), e.getProp("fileSize").toUTF8());
+    EXPECT_EQ(std::to_string(before.size() - sector), e.getProp("fileSize").toUTF8());
 }
 
 // The in-memory file system, whose renames fail while `failRenames` is set.
@@ -271,7 +258,7 @@ protected:
 
 // Every variant qemu-img and vmdk-convert make, and kord's delta disks over
 // them (which copy a grain up from the parent), read as qemu-img reads them
-// and check clean; where kord can write one it does (into zeroed grains and
+// and check clean (and vmdkinfo and vmdk-convert see the size of kord's); where kord can write one it does (into zeroed grains and
 // unwritten ones, across grains, at the end) and qemu-img reads it back the
 // same. A flat parent that kord changed is noticed by kord's child of it.
 TEST_F(ForeignInteropTest, kordReadsWritesAndStacksOnWhatOthersMake)
@@ -304,12 +291,21 @@ TEST_F(ForeignInteropTest, kordReadsWritesAndStacksOnWhatOthersMake)
     } else {
         std::cout << "vmdk-convert is not there (../shared/oracles): its stream files not read\n";
     }
+    // Every reader sees the size of kord's disks, no whole number of grains
+    // but over vmdk-convert's file (which ends a last grain cut short).
+    const bool vmdkinfo = kordtest::haveTool("vmdkinfo");
+    if (!vmdkinfo) std::cout << "vmdkinfo is not installed (package libvmdk-utils): sizes not asked\n";
     for (const std::string& parent : parents) {
         const std::string type = any(parent)->getCompressed() ? "streamOptimized" : "monolithicSparse";
         zu::P<CVMDKDisk> disk = CVMDKDisk::create(fs, fileURI(path("k-" + parent)), params(type, 0, "", fileURI(path(parent))));
         writeAt(*disk, 300000, Bytes(100000, 0x3C));
         disk->makeGrainIndependentOfParent(10);
+        const std::string size = std::to_string(disk->getDiskSizeBytes());
+        disk = nullptr;
         disks.insert(disks.begin(), {"k-" + parent, true});
+        EXPECT_TRUE(!vmdkinfo || sh("vmdkinfo k-" + parent).find("(" + size + " bytes)") != std::string::npos);
+        EXPECT_TRUE(vmdkConvert.empty() ||
+                    sh("timeout 60 " + vmdkConvert + " -i k-" + parent).find("\"capacity\": " + size) != std::string::npos);
     }
     for (const auto& [name, writable] : disks) {
         expectReadsAsQemu(name);
@@ -323,33 +319,6 @@ TEST_F(ForeignInteropTest, kordReadsWritesAndStacksOnWhatOthersMake)
     }
     EXPECT_EQ("VMDK parent disk has changed, but a child disk depended on it.",
               msg(expectThrows([&] { readAt(*any("k-q-monolithicFlat.vmdk"), 0, 1); })));
-}
-
-// Every reader sees the virtual size kord gives a disk that is no whole
-// number of grains, and qemu-img reads kord's bytes. (Disks of whole grains,
-// big split ones among them, are read by every reader in the tool and disk
-// interop tests.)
-TEST_F(ForeignInteropTest, everyReaderSeesAVirtualSizeOfPartGrains)
-{
-    const std::string vmdkConvert = kordtest::sharedPath("oracles/vmdk-convert"), size = std::to_string(1000 * sector);
-    const bool vmdkinfo = kordtest::haveTool("vmdkinfo");
-    if (vmdkConvert.empty()) std::cout << "vmdk-convert is not there (../shared/oracles): not asked\n";
-    if (!vmdkinfo) std::cout << "vmdkinfo is not installed (package libvmdk-utils): not asked\n";
-    // Data everywhere but in the last grain, where vmdk-convert -i does not
-    // finish (on its own files too) when the capacity ends inside it.
-    Bytes expected = kordtest::pattern(1000 * sector, 6);
-    std::fill(expected.end() - 2 * grainBytes, expected.end(), 0);
-    for (const std::string type : {"monolithicSparse", "streamOptimized"}) {
-        SCOPED_TRACE(type);
-        const std::string name = type + ".vmdk";
-        writeAt(*CVMDKDisk::create(fs, fileURI(path(name)), params(type, 1000)), 0,
-                Bytes(expected.begin(), expected.end() - 2 * grainBytes));
-        EXPECT_NE(std::string::npos, sh("qemu-img info --output=json " + name).find("\"virtual-size\": " + size));
-        EXPECT_TRUE(!vmdkinfo || sh("vmdkinfo " + name).find("(" + size + " bytes)") != std::string::npos);
-        EXPECT_TRUE(qemuReads(name) == expected);
-        EXPECT_TRUE(vmdkConvert.empty() ||
-                    sh("timeout 60 " + vmdkConvert + " -i " + name).find("\"capacity\": " + size) != std::string::npos);
-    }
 }
 
 } // namespace

@@ -80,24 +80,16 @@ def test_whole_disk_hash_info_and_writes_are_what_kord_says(disk):
     run_kord("check", str(path))
 
 
-def test_readinto_fills_the_callers_memory_and_threads_take_turns(tmp_path):
+def test_threads_take_turns_on_one_opened_disk(tmp_path):
     with kord.create(tmp_path / "d.vmdk", MiB, type="streamOptimized") as created:
         created.write(pattern(MiB, 5))
+    counts = []
     with kord.open(tmp_path / "d.vmdk") as opened:
-        target = bytearray(b"x" * 300)
-        opened.seek(1000)
-        assert opened.readinto(memoryview(target)[100:200]) == 100
-        assert target == b"x" * 100 + pattern(MiB, 5)[1000:1100] + b"x" * 100
-        assert opened.seek(-10, io.SEEK_END) == MiB - 10 and opened.read() == pattern(MiB, 5)[-10:]
-        assert opened.seek(5 * MiB) == 5 * MiB and opened.readinto(target) == 0
-
-        counts = []
         def drain():
             buffer, total = bytearray(4096), 0
             while (n := opened.readinto(buffer)) > 0:
                 total += n
             counts.append(total)
-        opened.seek(0)
         threads = [threading.Thread(target=drain) for _ in range(4)]
         for thread in threads:
             thread.start()

@@ -105,17 +105,16 @@ TEST(InteropTest, mapsAndChecksAsQemuImgSays)
 }
 
 // Every stream file kord writes, the default (packed, with its slot-size
-// directory) and the plain one, on one thread and on two, is taken by the
-// strictest readers and reads back as the source, also after kord rewrote
+// directory) and the plain one, on one thread and on two, is taken by
+// qemu-img and vmdk-convert (vmdkinfo reads kord's stream files in the
+// foreign interop test) and reads back as the source, also after kord rewrote
 // grains of a packed one (the plain one is read-only to kord); a packed
 // file takes about the room its apparent size says.
 TEST(InteropTest, kordsStreamFilesAreTakenByEveryReader)
 {
     const std::string vmdkConvert = kordtest::sharedPath("oracles/vmdk-convert");
-    const bool vmdkinfo = kordtest::haveTool("vmdkinfo");
     if (!kordtest::haveTool("qemu-img")) GTEST_SKIP() << "qemu-img is not installed: stream files not checked";
     if (vmdkConvert.empty()) std::cout << "vmdk-convert is not there (../shared/oracles): not asked\n";
-    if (!vmdkinfo) std::cout << "vmdkinfo is not installed (package libvmdk-utils): not asked\n";
     kordtest::TempDir temp;
     const std::string dir = temp.path();
     // 4 MiB, whole grains (vmdk-convert does not finish a last grain cut
@@ -145,8 +144,6 @@ TEST(InteropTest, kordsStreamFilesAreTakenByEveryReader)
         const std::string& expected = plain ? data : changed;
         EXPECT_TRUE(kordtest::runIn(dir, "qemu-img convert -O raw " + name + " qemu.raw && cat qemu.raw") == expected);
         expectMapLikeQemu(dir, name);
-        EXPECT_TRUE(!vmdkinfo || kordtest::runIn(dir, "vmdkinfo " + name).find("(" + std::to_string(data.size()) + " bytes)") !=
-                                     std::string::npos);
         if (vmdkConvert.empty()) continue;
         kordtest::runCommand("cd '" + dir + "' && timeout 60 " + vmdkConvert + " -i " + name, &out);
         EXPECT_NE(std::string::npos, out.find("\"capacity\": " + std::to_string(data.size()))) << out;
