@@ -88,6 +88,7 @@ TEST_F(ForeignDiskTest, flatZeroAndRestrictedExtentsInOneDisk)
     expectError([&] { openDisk(fs, uri("c.vmdk"), R); }, "VMDK disk has an unsupported create type: 'custom'.", 5);
     const std::vector<std::pair<std::string, std::string>> bad = {
         {"WO 1 FLAT \"f1.bin\" 0", "VMDK disk has an unsupported extent access: 'WO'."},
+        {"RW 1 VMFSSPARSE \"f1.bin\"", "VMDK disk has an unsupported extent type: 'VMFSSPARSE'."},
         {"RW 1 SPARSE \"f1.bin\"", "VMDK disk names the same extent file twice."},
         {"RW 1 FLAT \"c.vmdk\"", "VMDK disk names the same extent file twice."}};
     for (const auto& [line, message] : bad) {
