@@ -25,15 +25,9 @@ struct Num {
 // The file's size in sectors, plus d.
 FileValue endPlus(long long d) { return [d](const Bytes& f) { return static_cast<long long>(f.size()) / 512 + d; }; }
 // Byte offset of entry i of the grain directory whose position is in header field `field`.
-FileValue dirEntry(long long field, long long i)
-{
-    return [=](const Bytes& f) { return fileLE64(f, field) * 512 + 4 * i; };
-}
+FileValue dirEntry(long long field, long long i) { return [=](const Bytes& f) { return fileLE64(f, field) * 512 + 4 * i; }; }
 // Byte offset of entry i of the first grain table.
-FileValue tableEntry(long long i)
-{
-    return [i](const Bytes& f) { return fileLE32(f, dirEntry(hdr::gdOffset, 0)(f)) * 512 + 4 * i; };
-}
+FileValue tableEntry(long long i) { return [i](const Bytes& f) { return fileLE32(f, dirEntry(hdr::gdOffset, 0)(f)) * 512 + 4 * i; }; }
 // Byte offset of grain 0's data, plus d.
 FileValue grain0(long long d) { return [d](const Bytes& f) { return fileLE32(f, tableEntry(0)(f)) * 512 + d; }; }
 // The 32-bit value at a byte offset.
