@@ -30,8 +30,7 @@ class DiskEdgeTest : public DiskFolderTest {};
 
 TEST_F(DiskEdgeTest, transfersAcrossExtentsAndAtTheEnd)
 {
-    const long long size = (2 * splitSectors + 256) * sector;
-    const long long boundary1 = splitSectors * sector;
+    const long long size = (2 * splitSectors + 256) * sector, boundary1 = splitSectors * sector;
     const Bytes a = kordtest::pattern(3 * grainBytes, 1);
     writeAt(*create("split.vmdk", "twoGbMaxExtentSparse", size / sector), boundary1 - grainBytes - 5, a);
     zu::P<CVMDKDisk> disk = open("split.vmdk", RW);
@@ -275,8 +274,7 @@ TEST_F(DiskEdgeTest, onDemandExtentsAppearOnFirstWriteAtTheRightPlace)
 {
     // Encrypted, so that a file made later must carry the disk's key hash.
     const long long extent2 = splitSectors * sector;
-    const long long end = (2 * splitSectors + 1000) * sector;
-    CVMDKDisk::CCreateParams p = params("twoGbMaxExtentSparse", end / sector, password);
+    CVMDKDisk::CCreateParams p = params("twoGbMaxExtentSparse", 2 * splitSectors + 1000, password);
     p.createExtentFilesOnDemand = true;
     CVMDKDisk::create(fs, uri("od.vmdk"), p);
     EXPECT_TRUE(std::filesystem::exists(path("od-s001.vmdk")));
