@@ -98,6 +98,10 @@ TEST_F(HostileDiskTest, refusedWhereDamagedAndCheckAgrees)
     const std::string sparse = "monolithicSparse", stream = "streamOptimized", split = "twoGbMaxExtentSparse";
     const long long splitCapacity = splitSectors + 4 * grainSectors;
     const std::string overlap = "VMDK metadata overlaps in the extent file: ";
+    auto descriptorLines = [&](const std::string& lines) {
+        make(split, splitCapacity);
+        putFile(path(d), fileText(path(d)).substr(0, fileText(path(d)).find('\0')) + lines);
+    };
     auto header = [&] { return extent(d)->getHeader(); };
     auto table0 = [&] { return extent(d)->getGrainDirectory()->getEntries()[0]; };
     auto grainSector = [&](long long grain) { return kordtest::grainPos(*extent(d), grain); };
@@ -168,10 +172,10 @@ TEST_F(HostileDiskTest, refusedWhereDamagedAndCheckAgrees)
          "VMDK extent file to be created on demand lies outside the disk's folder."},
         {"fifoExtent", [&] { make(split, splitCapacity), std::filesystem::remove(path(s2)), ::mkfifo(path(s2).c_str(), 0600); },
          "Cannot open the file: it is a FIFO, not a regular file."},
-        {"descriptorBadBoolean",
-         [&] { make(split, splitCapacity), putFile(path(d), fileText(path(d)).substr(0, fileText(path(d)).find('\0')) +
-                                                             "zuCreateExtentFilesOnDemand=\"maybe\"\n"); },
+        {"descriptorBadBoolean", [&] { descriptorLines("zuCreateExtentFilesOnDemand=\"maybe\"\n"); },
          "VMDK descriptor value 'zuCreateExtentFilesOnDemand' is not a boolean: 'maybe'."},
+        {"descriptorTooBig", [&] { descriptorLines("#" + std::string(1 << 20, '-') + "\n"); },
+         "VMDK descriptor text is too big (more than 1048576 bytes)."},
         // A full descriptor area without the encoding line that every
         // store writes: the first write's descriptor cannot fit.
         {"embeddedDescriptorFull",
