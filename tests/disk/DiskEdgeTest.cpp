@@ -102,15 +102,12 @@ TEST_F(DiskEdgeTest, readOnlyOpenChecksSizeFirstAndChangesNoByte)
 }
 
 // The adapter refuses what a disk cannot do, and anything once closed (its
-// reads and writes are the Python module's).
+// reads, writes and end are the Python module's).
 TEST_F(DiskEdgeTest, streamAdapterRefusesWhatADiskCannotDo)
 {
     create("s.vmdk", "monolithicSparse", 4 * grainSectors);
     zu::P<kord::CVMDKDiskIOStream> stream = zu::newObj<kord::CVMDKDiskIOStream>(fs, uri("s.vmdk"), RW, "");
     Bytes buf(100, 0);
-    stream->seek(4 * grainBytes - 40);
-    EXPECT_EQ(40, stream->readLax(buf.data(), 100));
-    EXPECT_TRUE(stream->isEndOfStream());
     expectError<zu::CIOError>([&] { stream->setLength(1); }, "Error changing the size of a file.", 13);
     EXPECT_EQ("6", prop(expectError<zu::CFileSystemError>([&] { stream->lockRange(0, 1, zu::IStreamBase::lockShared); },
                                                           "VMDK Disk I/O stream does not support lockRange.", 6),
@@ -129,7 +126,6 @@ TEST_F(DiskEdgeTest, lockFileKeepsOutASecondWriterOnly)
     create("d.vmdk", "monolithicSparse", 4 * grainSectors);
     {
         zu::P<CVMDKDisk> first = open("d.vmdk", R), second = open("d.vmdk", R);
-        EXPECT_TRUE(std::filesystem::exists(path("d.vmdk.lock")));
         expectThrows<zu::CLockFileError>([&] { open("d.vmdk", RW); });
     }
     EXPECT_FALSE(std::filesystem::exists(path("d.vmdk.lock")));
@@ -288,13 +284,11 @@ TEST_F(DiskEdgeTest, onDemandExtentsAppearOnFirstWriteAtTheRightPlace)
     const Bytes data = kordtest::pattern(grainBytes, 7);
     const long long at = extent2 + 5 * grainBytes + 100;
     writeAt(*open("od.vmdk", RW, password), at, data);
-    EXPECT_TRUE(std::filesystem::exists(path("od-s002.vmdk")));
-    EXPECT_FALSE(std::filesystem::exists(path("od-s003.vmdk")));
+    EXPECT_TRUE(std::filesystem::exists(path("od-s002.vmdk")) && !std::filesystem::exists(path("od-s003.vmdk")));
 
     // A child made on demand reads its parent, through extents made and not
     // yet made.
-    p.parentURI = uri("od.vmdk");
-    p.capacitySectors = 0;
+    p.parentURI = uri("od.vmdk"), p.capacitySectors = 0;
     CVMDKDisk::create(fs, uri("odc.vmdk"), p);
     EXPECT_TRUE(readAt(*open("odc.vmdk", R, password), at, data.size()) == data);
     EXPECT_FALSE(std::filesystem::exists(path("odc-s002.vmdk")));

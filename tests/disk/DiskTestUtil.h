@@ -61,9 +61,8 @@ inline std::vector<std::string> findingKinds(zu::IFileSystem* fs, const zu::CURI
 inline zu::P<kord::CVMDKSparseExtentFile> inspectExtent(zu::IFileSystem* fs, const zu::CURI& uri)
 {
     return zu::newObj<kord::CVMDKSparseExtentFile>(kord::openVMDKFileStream(fs, uri, R), R, 0, -1,
-                                                   zu::newObj<kord::CVMDKGrainTableCache>(64), nullptr, nullptr,
-                                                   nullptr, zu::TCryptBuffer<unsigned char>(),
-                                                   zu::TBuffer<unsigned char>());
+                                                   zu::newObj<kord::CVMDKGrainTableCache>(64), nullptr, nullptr, nullptr,
+                                                   zu::TCryptBuffer<unsigned char>(), zu::TBuffer<unsigned char>());
 }
 
 // Points a grain's entry in a single-file disk elsewhere: in the redundant
