@@ -55,7 +55,6 @@ TEST_F(ForeignDiskTest, flatZeroAndRestrictedExtentsInOneDisk)
     {
         zu::P<CVMDKDisk> disk = any("c.vmdk", RW);
         EXPECT_EQ(noAccess + 64 * sector, disk->getDiskSizeBytes());
-        EXPECT_EQ(CVMDKDisk::flatGrainSizeSectors, disk->getGrainSizeSectors());
         EXPECT_TRUE(readAt(*disk, 0, noAccess) == expected);
         // Writes land in the flat files at their lines' offsets.
         writeAt(*disk, 100, Bytes(300, 0xAA));

@@ -62,7 +62,7 @@ protected:
 // Its holes become zero requests, which zero written grains, whole or in
 // part, and leave unwritten ones unallocated; qemu-img's quick zeroing of
 // the whole disk first is refused over data (ENOTSUP) and changes nothing.
-TEST_F(NbdkitPluginTest, servesEveryKindAsKordReadsItAndTakesWrites)
+TEST_F(NbdkitPluginTest, servesReadsAndWritesOfEveryKindAndReportsFailures)
 {
     // Data over grains 1 to 12 and in the last one.
     kordtest::runIn(temp.path(), "head -c 700000 /dev/urandom >data.bin && truncate -s 8M source.raw && "
@@ -75,6 +75,7 @@ TEST_F(NbdkitPluginTest, servesEveryKindAsKordReadsItAndTakesWrites)
     std::reverse(disks.begin(), disks.end());
     kordtest::kordIn(temp.path(), "create fresh.vmdk 8M");
     disks.push_back({"fresh.vmdk", ""});
+    std::string out;
     for (const kordtest::CSampleDisk& disk : disks) {
         SCOPED_TRACE(disk.file);
         const std::string expected = kordCat(disk.file);
@@ -82,7 +83,6 @@ TEST_F(NbdkitPluginTest, servesEveryKindAsKordReadsItAndTakesWrites)
         const std::string qemu = haveQemu ? "qemu-img convert -f raw -O raw \"$uri\" qemu.raw && " : "";
         const std::string writer = haveQemu && !map.empty() ? "qemu-img convert -n -f raw -O raw source.raw \"$uri\""
                                                             : "nbdcopy source.raw \"$uri\"";
-        std::string out;
         ASSERT_EQ(0, serve(disk.file, disk.password.empty() ? "" : "password-file=password.txt",
                            "nbdinfo --map --json \"$uri\" >map.json && nbdcopy \"$uri\" nbd.raw && " + qemu + writer,
                            &out))
@@ -97,17 +97,10 @@ TEST_F(NbdkitPluginTest, servesEveryKindAsKordReadsItAndTakesWrites)
     // Only the grains that hold the source's data were stored.
     const long long grain = disktest::grainBytes;
     EXPECT_EQ(kordMap("fresh.vmdk"), (Ranges{{grain, 12 * grain}, {kordtest::sampleDiskBytes - grain, grain}}));
-}
 
-// Problems at start stop the server with kord's message, among them the
-// lock of a disk that a server in the background keeps (its parent process
-// left the disk alone when it exited) until it is gone; a damaged grain
-// fails the client's request with EIO and puts kord's message in nbdkit's
-// log.
-TEST_F(NbdkitPluginTest, failuresReachBothEnds)
-{
-    kordtest::makeSampleDisks(temp.path());
-    std::string out;
+    // Problems at start stop the server with kord's message, among them the
+    // lock of a disk that a server in the background keeps (its parent
+    // process left the disk alone when it exited) until it is gone.
     ASSERT_EQ(0, kordtest::runCommand("cd '" + temp.path() + "' && nbdkit -U \"$PWD/sock\" -P \"$PWD/pid\" " + plugin +
                                       " file=split.vmdk", &out))
         << out;
@@ -122,10 +115,12 @@ TEST_F(NbdkitPluginTest, failuresReachBothEnds)
                                       "while kill -0 $pid 2>/dev/null; do sleep 0.05; done"));
     EXPECT_EQ(0, serve("split.vmdk", "", "true", &out)) << out;
 
-    // Cuts off the last grain, which the disk's tables still point to.
-    std::filesystem::resize_file(file("monolithic.vmdk"), std::filesystem::file_size(file("monolithic.vmdk")) - 32768);
-    EXPECT_NE(0, serve("monolithic.vmdk", "readonly=true", "nbdcopy \"$uri\" copy.raw", &out));
-    // nbdcopy's connections run at once: any of them may meet the damage first.
+    // A damaged grain (the last one cut off; the tables still point to it)
+    // fails the client's request with EIO and puts kord's message in
+    // nbdkit's log. nbdcopy's connections run at once: any of them may meet
+    // the damage first.
+    std::filesystem::resize_file(file("fresh.vmdk"), std::filesystem::file_size(file("fresh.vmdk")) - 32768);
+    EXPECT_NE(0, serve("fresh.vmdk", "readonly=true", "nbdcopy \"$uri\" copy.raw", &out));
     EXPECT_NE(std::string::npos, out.find("]: error: VMDK grain table entry points past the end of the extent file."))
         << out;
     EXPECT_NE(std::string::npos, out.find("Input/output error")) << out;

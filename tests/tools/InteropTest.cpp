@@ -16,10 +16,6 @@ using Json = nlohmann::json;
 
 const std::string K = "'" KORD_BINARY_DIR "/tools/kord' ";
 
-int kord(const std::string& dir, const std::string& args, std::string* out = nullptr)
-{
-    return kordtest::runCommand("cd '" + dir + "' && " + K + args, out);
-}
 // Runs kord commands (K is the program) in `dir`; expects success and returns the output.
 std::string kordOk(const std::string& dir, const std::string& args) { return kordtest::runIn(dir, K + args); }
 
@@ -139,7 +135,8 @@ TEST(InteropTest, kordsStreamFilesAreTakenByEveryReader)
         EXPECT_TRUE(kordOk(dir, "cat " + name) == data);
         // kord rewrites grains of a packed file, which move to new slots; a
         // plain one it only reads.
-        EXPECT_EQ(plain ? 2 : 0, kord(dir, "write --offset 150000 " + name + " change.bin", &out)) << out;
+        EXPECT_EQ(plain ? 2 : 0, kordtest::runCommand("cd '" + dir + "' && " + K + "write --offset 150000 " + name +
+                                                      " change.bin", &out)) << out;
         const std::string& expected = plain ? data : changed;
         EXPECT_TRUE(kordtest::runIn(dir, "qemu-img convert -O raw " + name + " qemu.raw && cat qemu.raw") == expected);
         expectMapLikeQemu(dir, name);

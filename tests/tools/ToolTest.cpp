@@ -89,7 +89,6 @@ TEST_F(ToolTest, everyConversionPathGivesTheSameOutputWithAnyThreads)
         "convert -t streamOptimized -c 1 level9.vmdk level1.vmdk"});
     EXPECT_TRUE(grainArea("level9.vmdk") == grainArea("same.vmdk"));
     EXPECT_FALSE(grainArea("level9.vmdk") == grainArea("level1.vmdk"));
-    EXPECT_TRUE(kord("cat level1.vmdk").out == data);
     expectFailure(kord("convert -O raw -t streamOptimized source.raw x.raw"), "-t applies to VMDK output only.");
 }
 

@@ -49,10 +49,7 @@ protected:
     // Runs each command, expecting success.
     void ok(std::initializer_list<std::string> commands, const std::string& env = "")
     {
-        for (const std::string& args : commands) {
-            CRun run = kord(args, env);
-            EXPECT_EQ(0, run.status) << args << ": " << run.err;
-        }
+        for (const std::string& args : commands) expectSteps({{args, env, nullptr}});
     }
 
     std::string file(const std::string& name) const { return temp.file(name); }
