@@ -16,12 +16,6 @@ std::string keyOf(const zu::CURI& uri) { return uri.toNormalized().toString(fals
 
 std::string folderOf(const std::string& key) { return key.substr(0, key.find_last_of('/') + 1); }
 
-void writeInto(Bytes& file, long long offset, const unsigned char* data, long long bytes)
-{
-    if (static_cast<long long>(file.size()) < offset + bytes) file.resize(static_cast<size_t>(offset + bytes), 0);
-    std::memcpy(file.data() + offset, data, static_cast<size_t>(bytes));
-}
-
 } // namespace
 
 // What each file held at its last sync, and what happened to it since.
@@ -51,7 +45,9 @@ struct CFaultFileSystem::CModel {
             const long long end = op.offset + static_cast<long long>(op.data.size());
             for (long long at = op.offset, next; at < end; at = next) {
                 next = std::min(end, (at / 512 + 1) * 512);
-                if (keep()) writeInto(file, at, op.data.data() + (at - op.offset), next - at);
+                if (!keep()) continue;
+                if (static_cast<long long>(file.size()) < next) file.resize(static_cast<size_t>(next), 0);
+                std::memcpy(file.data() + at, op.data.data() + (at - op.offset), static_cast<size_t>(next - at));
             }
         }
         return file;

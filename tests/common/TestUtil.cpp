@@ -61,10 +61,7 @@ int runCommand(const std::string& command, std::string* output)
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-bool haveTool(const std::string& name)
-{
-    return runCommand("command -v " + name + " >/dev/null") == 0;
-}
+bool haveTool(const std::string& name) { return runCommand("command -v " + name + " >/dev/null") == 0; }
 
 std::string runIn(const std::string& dir, const std::string& command)
 {

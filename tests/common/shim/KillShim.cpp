@@ -33,8 +33,6 @@ F next(const char* name)
     return reinterpret_cast<F>(dlsym(RTLD_NEXT, name));
 }
 
-bool changes(int flags) { return (flags & (O_WRONLY | O_RDWR | O_CREAT | O_TRUNC)) != 0; }
-
 __attribute__((destructor)) void reportCount()
 {
     if (const char* path = getenv("KORD_KILL_COUNT")) {
@@ -56,7 +54,7 @@ __attribute__((destructor)) void reportCount()
         va_start(args, flags);                                                     \
         mode_t mode = static_cast<mode_t>(va_arg(args, int));                      \
         va_end(args);                                                              \
-        if (changes(flags)) countCall();                                           \
+        if (flags & (O_WRONLY | O_RDWR | O_CREAT | O_TRUNC)) countCall();          \
         return next<int (*)(const char*, int, ...)>(#name)(path, flags, mode);     \
     }
 #define KORD_COUNTED(result, name, params, args)                                   \
