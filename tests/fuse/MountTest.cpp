@@ -77,7 +77,8 @@ private:
 // Then a signal and fusermount3 release a disk, and refusals.
 TEST_F(MountTest, mountShowsWhatKordCatReadsTakesWritesAndLetsGo)
 {
-    expectOk("head -c 300000 /dev/urandom >patch.bin");
+    expectOk("head -c 300000 /dev/urandom >patch.bin && head -c 100000 /dev/urandom >one.bin && "
+             "head -c 100000 /dev/urandom >two.bin");
     std::vector<kordtest::CSampleDisk> disks = kordtest::makeSampleDisks(temp.path());
     std::reverse(disks.begin(), disks.end());
     for (const kordtest::CSampleDisk& disk : disks) {
@@ -112,11 +113,9 @@ TEST_F(MountTest, mountShowsWhatKordCatReadsTakesWritesAndLetsGo)
     // one: unmounted, flushed, unlocked. While a disk is mounted for
     // writing, a second mount of it is refused, as are mount points and
     // unmounts that are not ours.
-    const std::string waitMounted = "for i in $(seq 200); do [ -e mnt/monolithic.raw ] && break; sleep 0.05; done";
     std::filesystem::create_directory(file("plain"));
-    expectOk("head -c 100000 /dev/urandom >one.bin && head -c 100000 /dev/urandom >two.bin");
-    expectOk("($K mount -f -w monolithic.vmdk mnt >/dev/null 2>&1 & echo $! >pid) && " + waitMounted +
-             " && dd if=one.bin of=mnt/monolithic.raw seek=10 conv=notrunc status=none && kill -TERM $(cat pid) && "
+    expectOk("($K mount -f -w monolithic.vmdk mnt >/dev/null 2>&1 & echo $! >pid) && for i in $(seq 200); do "
+             "[ -e mnt/monolithic.raw ] && break; sleep 0.05; done && dd if=one.bin of=mnt/monolithic.raw seek=10 conv=notrunc status=none && kill -TERM $(cat pid) && "
              "while kill -0 $(cat pid) 2>/dev/null; do sleep 0.05; done");
     EXPECT_FALSE(isMounted());
     expectOk("$K cat monolithic.vmdk | cmp -n 100000 -i 5120:0 - one.bin");

@@ -87,7 +87,6 @@ TEST_F(NbdkitPluginTest, servesReadsAndWritesOfEveryKindAndReportsFailures)
                            "nbdinfo --map --json \"$uri\" >map.json && nbdcopy \"$uri\" nbd.raw && " + qemu + writer,
                            &out))
             << out;
-        ASSERT_EQ(static_cast<size_t>(kordtest::sampleDiskBytes), expected.size());
         EXPECT_TRUE(fileText(file("nbd.raw")) == expected);
         EXPECT_TRUE(!haveQemu || fileText(file("qemu.raw")) == expected);
         EXPECT_EQ(map, nbdMap(fileText(file("map.json"))));

@@ -117,8 +117,7 @@ def test_failures_raise_kord_error(tmp_path):
     assert isinstance(missing, OSError) and (missing.code, missing.source) == (1, "FileSystem")
     assert missing.props["uri"].endswith("/missing.vmdk")
 
-    with kord.create(tmp_path / "secret.vmdk", MiB, password=PASSWORD):
-        pass
+    kord.create(tmp_path / "secret.vmdk", MiB, password=PASSWORD).close()
     error_of(lambda: kord.create(tmp_path / "secret.vmdk", MiB), "VMDK disk file already exists. fileSysProblem",
              errno.EEXIST)
 
