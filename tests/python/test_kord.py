@@ -85,7 +85,8 @@ def test_reads_past_the_end_and_threads_take_turns(tmp_path):
         created.write(pattern(MiB, 5))
     counts = []
     with kord.open(tmp_path / "d.vmdk") as opened:
-        # Past the end, as io allows: nothing to read there.
+        # At the end, what is left; past it, as io allows, nothing.
+        assert opened.seek(-10, io.SEEK_END) == MiB - 10 and opened.read() == pattern(MiB, 5)[-10:]
         assert opened.seek(5 * MiB) == 5 * MiB and opened.readinto(bytearray(10)) == 0
         opened.seek(0)
 
