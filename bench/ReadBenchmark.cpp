@@ -1,21 +1,24 @@
 // Scattered reads through the library, next to the same pattern of pread()s
 // on a raw image of the same contents: the read side of bench/compare.sh.
 //
-//   kord_bench_read DISK [RAW] [--block BYTES] [--count N] [--seed S | --step BYTES]
+//   kord_bench_read DISK [RAW] [--block BYTES] [--count N] [--seed S | --step BYTES] [--rounds R]
 //
 // Reads N blocks at random block-aligned positions of the disk (or, with
 // --step, at 0, step, 2 step, ... modulo the disk size, the pattern of
 // qemu-img bench -S), on one thread, then the same positions of RAW with
-// pread(), and prints one
-// line per run: "kord <block> <reads> <seconds> <IOPS>" and "pread ...",
-// then the ratio. Warm the page cache first for numbers about the library
-// rather than the storage.
+// pread(). With RAW, the two take R turns (kord, pread, kord, ...), so that
+// a change in the machine's state between them (writeback of another
+// program's output, page cache reclaim) falls on both; the median turn of
+// each is printed: "kord <block> <reads> <seconds> <IOPS>" and
+// "pread ...", then the ratio. Warm the page cache first for numbers about
+// the library rather than the storage.
 #include "base/CLocalFileSystem.h"
 #include "disk/CVMDKDisk.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -33,6 +36,7 @@ struct Options {
     long long count = 200000;
     unsigned seed = 1;
     long long step = 0;
+    int rounds = 5;
 };
 
 Options parse(int argc, char** argv)
@@ -51,14 +55,17 @@ Options parse(int argc, char** argv)
             options.count = value();
         else if (arg == "--step")
             options.step = value();
+        else if (arg == "--rounds")
+            options.rounds = static_cast<int>(value());
         else if (arg == "--seed")
             options.seed = static_cast<unsigned>(value());
         else
             positional.push_back(arg);
     }
-    if (positional.empty() || positional.size() > 2 || options.block <= 0 || options.count <= 0 || options.step < 0)
+    if (positional.empty() || positional.size() > 2 || options.block <= 0 || options.count <= 0 || options.step < 0 ||
+        options.rounds <= 0)
         throw std::invalid_argument(
-            "usage: kord_bench_read DISK [RAW] [--block BYTES] [--count N] [--seed S | --step BYTES]");
+            "usage: kord_bench_read DISK [RAW] [--block BYTES] [--count N] [--seed S | --step BYTES] [--rounds R]");
     options.disk = positional[0];
     if (positional.size() == 2) options.raw = positional[1];
     return options;
@@ -91,6 +98,12 @@ double timeReads(const std::vector<long long>& at, Read read)
     return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
+double median(std::vector<double> seconds)
+{
+    std::sort(seconds.begin(), seconds.end());
+    return seconds[seconds.size() / 2];
+}
+
 double report(const char* what, const Options& options, double seconds)
 {
     double iops = static_cast<double>(options.count) / seconds;
@@ -110,19 +123,28 @@ int main(int argc, char** argv)
             zu::String(std::getenv("KORD_PASSWORD") ? std::getenv("KORD_PASSWORD") : ""));
         std::vector<long long> at = positions(options, disk->getDiskSizeBytes());
         std::vector<unsigned char> buffer(static_cast<size_t>(options.block));
-        double kordIOPS = report("kord", options, timeReads(at, [&](long long position) {
-                                     disk->seek(position);
-                                     disk->read(buffer.data(), static_cast<int>(options.block));
-                                 }));
-        if (options.raw.empty()) return 0;
+        auto kordRead = [&](long long position) {
+            disk->seek(position);
+            disk->read(buffer.data(), static_cast<int>(options.block));
+        };
+        if (options.raw.empty()) {
+            report("kord", options, timeReads(at, kordRead));
+            return 0;
+        }
         int fd = ::open(options.raw.c_str(), O_RDONLY);
         if (fd < 0) throw std::runtime_error("cannot open " + options.raw);
-        double preadIOPS = report("pread", options, timeReads(at, [&](long long position) {
-                                      if (::pread(fd, buffer.data(), buffer.size(), position) !=
-                                          static_cast<ssize_t>(buffer.size()))
-                                          throw std::runtime_error("short pread");
-                                  }));
+        auto rawRead = [&](long long position) {
+            if (::pread(fd, buffer.data(), buffer.size(), position) != static_cast<ssize_t>(buffer.size()))
+                throw std::runtime_error("short pread");
+        };
+        std::vector<double> kordSeconds, preadSeconds;
+        for (int round = 0; round < options.rounds; ++round) {
+            kordSeconds.push_back(timeReads(at, kordRead));
+            preadSeconds.push_back(timeReads(at, rawRead));
+        }
         ::close(fd);
+        double kordIOPS = report("kord", options, median(kordSeconds));
+        double preadIOPS = report("pread", options, median(preadSeconds));
         std::printf("ratio %.2f\n", kordIOPS / preadIOPS);
         return 0;
     } catch (const std::exception& e) {
