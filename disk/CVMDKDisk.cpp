@@ -720,16 +720,17 @@ void CVMDKDisk::readSpanningGrain(zu::TBuffer<unsigned char>& preparedData)
 
 void CVMDKDisk::writeSpanningGrain(const zu::TBuffer<unsigned char>& preparedData)
 {
-    if (!compressed && preparedData.getUsed() != grainSizeBytes)
-        throw zu::CInvalidArgError("CVMDKDisk::writePreparedGrainData", "uncompressed prepared data must be one grain",
-                                   preparedGrainProps().set("preparedDataSize", preparedData.getUsed()));
-    const unsigned char* plain = preparedData.getData();
-    if (compressed) {
-        spanningGrain.setUsed(grainSizeBytes);
-        spanningGrainPreparer().unprepareGrainData(preparedData.getData(), preparedData.getUsed(), spanningGrain.getData());
-        plain = spanningGrain.getData();
+    // Short uncompressed data is padded with zeros, as an extent pads it.
+    if (!compressed && preparedData.getUsed() == grainSizeBytes) {
+        write(preparedData.getData(), static_cast<int>(grainSizeBytes));
+        return;
     }
-    write(plain, static_cast<int>(grainSizeBytes));
+    if (!compressed && preparedData.getUsed() > grainSizeBytes)
+        throw zu::CInvalidArgError("CVMDKDisk::writePreparedGrainData", "prepared data is bigger than a prepared grain can be",
+                                   preparedGrainProps().set("preparedDataSize", preparedData.getUsed()));
+    spanningGrain.setUsed(grainSizeBytes);
+    spanningGrainPreparer().unprepareGrainData(preparedData.getData(), preparedData.getUsed(), spanningGrain.getData());
+    write(spanningGrain.getData(), static_cast<int>(grainSizeBytes));
 }
 
 zu::CProps CVMDKDisk::preparedGrainProps() const

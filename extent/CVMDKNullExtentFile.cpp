@@ -62,10 +62,7 @@ zu::P<CVMDKDataPreparer> CVMDKNullExtentFile::createDataPreparer()
 void CVMDKNullExtentFile::readPreparedGrainData(zu::TBuffer<unsigned char>& out)
 {
     long long grainBytes = grainSizeSectors * vmdkSectorSize;
-    if (position % grainBytes != 0 || position + grainBytes > sizeBytes)
-        throw zu::CIOError(zu::CIOError::codeMisalignedPosition,
-                           "Prepared grain read in VMDK extent file can only be done on a grain boundary.",
-                           uriProps().set("position", position).set("grainSize", grainBytes));
+    checkExtentWholeGrain(*this, false, position, sizeBytes, grainBytes);
     if (fallback) {
         fallback->getPreparedGrainData(diskPosition(), out, static_cast<int>(grainBytes), compressed);
     } else {

@@ -6,7 +6,6 @@
 #include "format/VMDKMarker.h"
 
 #include <climits>
-#include <cstring>
 
 namespace kord {
 
@@ -115,13 +114,7 @@ void CVMDKFlatExtentFile::writePreparedGrainData(const zu::TBuffer<unsigned char
                                    "prepared data is bigger than a prepared grain can be",
                                    uriProps().set("preparedDataSize", preparedData.getUsed()));
     plainGrain.setUsed(grainBytes);
-    if (compressed) {
-        preparer->unprepareGrainData(preparedData.getData(), preparedData.getUsed(), plainGrain.getData());
-    } else {
-        std::memcpy(plainGrain.getData(), preparedData.getData(), static_cast<size_t>(preparedData.getUsed()));
-        std::memset(plainGrain.getData() + preparedData.getUsed(), 0,
-                    static_cast<size_t>(grainBytes - preparedData.getUsed()));
-    }
+    preparer->unprepareGrainData(preparedData.getData(), preparedData.getUsed(), plainGrain.getData());
     write(plainGrain.getData(), static_cast<int>(grainBytes));
 }
 

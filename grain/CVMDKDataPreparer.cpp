@@ -63,6 +63,11 @@ void CVMDKDataPreparer::unprepareGrainData(zu::TBuffer<unsigned char>* prepared,
 void CVMDKDataPreparer::unprepareGrainData(const unsigned char* prepared, long long preparedBytes,
                                            unsigned char* target)
 {
+    if (!compressor) {
+        std::memcpy(target, prepared, static_cast<size_t>(preparedBytes));
+        std::memset(target + preparedBytes, 0, static_cast<size_t>(grainSizeBytes - preparedBytes));
+        return;
+    }
     long long deflateBytes = preparedBytes - grainHeaderBytes;
     if (deflateBytes < 0)
         throw zu::CIOError(zu::CIOError::codeInvalidData, "Prepared VMDK grain data is too short.",

@@ -39,7 +39,8 @@ public:
     // The plain grain into target (sized to one grain; a short stream is
     // zero-filled). Decompression errors pass on.
     void unprepareGrainData(zu::TBuffer<unsigned char>* prepared, zu::TBuffer<unsigned char>* target);
-    // The same into raw memory of one grain.
+    // The same into raw memory of one grain. Uncompressed data shorter
+    // than a grain is zero-filled too; the caller refuses longer data.
     void unprepareGrainData(const unsigned char* prepared, long long preparedBytes, unsigned char* target);
     // Rewrites the grain LBA of a prepared grain copied to another position.
     void patchGrainIndexInPreparedGrainData(zu::TBuffer<unsigned char>& prepared, long long grainIndex) const;
