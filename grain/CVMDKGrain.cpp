@@ -466,16 +466,12 @@ void CVMDKGrain::readPreparedGrainData(zu::TBuffer<unsigned char>& out)
             preparer->patchGrainIndexInPreparedGrainData(out, diskGrainIndex);
         }
     } else if (compressed) {
-        if (!preparedLoaded) {
-            try {
-                readCompressedGrain(prepared);
-            } catch (...) {
-                dropCachedBuffers();
-                throw;
-            }
-            preparedLoaded = true;
-        }
-        out.assign(prepared.getData(), prepared.getUsed());
+        // Prepared reads go through a disk in order, each grain once: the
+        // file's bytes go straight to the caller, not through the cache.
+        if (preparedLoaded)
+            out.assign(prepared.getData(), prepared.getUsed());
+        else
+            readCompressedGrain(out);
     } else if (dataLoaded) {
         out.assign(data.getData(), data.getUsed());
     } else {
