@@ -67,7 +67,7 @@ make_disk enc.vmdk "-t monolithicSparse --encrypt"
 # about moving data. qemu-img times its key derivation first, and that fails
 # now and then ("Unable to get accurate CPU usage"): a few tries, each of
 # which fails in milliseconds.
-qluks="for try in 1 2 3 4 5; do qemu-img convert -O luks ${qsecret[*]} -o key-secret=sec0,iter-time=10 image.raw"
+qluks="for try in {1..20}; do qemu-img convert -O luks ${qsecret[*]} -o key-secret=sec0,iter-time=10 image.raw"
 [ -f qenc.luks ] || bash -c "$qluks qenc.luks 2>/dev/null && break; done; [ -f qenc.luks ]"
 for f in image.raw sparse.vmdk stream.vmdk enc.vmdk qsparse.vmdk qstream.vmdk qenc.luks; do cat "$f" >/dev/null; done
 
