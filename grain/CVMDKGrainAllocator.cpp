@@ -229,7 +229,7 @@ void CVMDKGrainAllocator::commit()
 // one pass, however many there are.
 void CVMDKGrainAllocator::trimFreeEnd()
 {
-    using Slot = std::multimap<long long, long long>::iterator;
+    using Slot = decltype(freeSlots)::iterator;
     std::vector<std::pair<long long, Slot>> byEnd;
     byEnd.reserve(freeSlots.size());
     for (Slot it = freeSlots.begin(); it != freeSlots.end(); ++it) byEnd.emplace_back(it->second + it->first, it);

@@ -39,6 +39,7 @@
 #include "grain/IVMDKGrainAllocator.h"
 
 #include <map>
+#include <memory_resource>
 #include <vector>
 
 namespace kord {
@@ -107,8 +108,11 @@ private:
     bool trailNeedsWrite = false;
     bool referencedEndKnown = false;
     // Free slots by size (best fit), and slots released but maybe still
-    // pointed at by durable tables.
-    std::multimap<long long, long long> freeSlots;
+    // pointed at by durable tables. The free slots' nodes come from a pool
+    // that takes back what is erased: grains that move, slot after slot,
+    // allocate nothing once the pool has grown.
+    std::pmr::unsynchronized_pool_resource freeSlotNodes;
+    std::pmr::multimap<long long, long long> freeSlots{&freeSlotNodes};
     std::vector<CSlot> releasedSlots;
     // How many of releasedSlots the tables being written no longer point at.
     size_t committableSlots = 0;
