@@ -123,9 +123,7 @@ long long CVMDKGrainAllocator::allocNewGrainImpl(long long extentGrainIndex, con
     if (position >= 0) {
         // A freed slot holds an old version of some grain: no need to zero what the data leaves.
         writeAt(position, data, size, keep);
-        long long posSectors = position / vmdkSectorSize;
-        reusedSinceCommit.insert(std::lower_bound(reusedSinceCommit.begin(), reusedSinceCommit.end(), posSectors),
-                                 posSectors);
+        reusedSinceCommit.insert(position / vmdkSectorSize);
     } else {
         position = appendSlot(data, size, keep, slotBytes);
     }
@@ -187,14 +185,13 @@ bool CVMDKGrainAllocator::isSlotUncommitted(long long posSectors) const
 {
     long long position = posSectors * vmdkSectorSize;
     return (appendedSinceCommit && position >= uncommittedFrom && position < allocationPoint) ||
-           std::binary_search(reusedSinceCommit.begin(), reusedSinceCommit.end(), posSectors);
+           reusedSinceCommit.count(posSectors) > 0;
 }
 
 void CVMDKGrainAllocator::releaseSlot(long long posSectors, long long slotSizeSectors)
 {
     if (isSlotUncommitted(posSectors)) {
-        auto reused = std::lower_bound(reusedSinceCommit.begin(), reusedSinceCommit.end(), posSectors);
-        if (reused != reusedSinceCommit.end() && *reused == posSectors) reusedSinceCommit.erase(reused);
+        reusedSinceCommit.erase(posSectors);
         freeSlots.emplace(slotSizeSectors, posSectors);
     } else {
         releasedSlots.push_back(CSlot{posSectors, slotSizeSectors});

@@ -40,6 +40,7 @@
 
 #include <map>
 #include <memory_resource>
+#include <set>
 #include <vector>
 
 namespace kord {
@@ -107,22 +108,22 @@ private:
     bool trailCut = false;
     bool trailNeedsWrite = false;
     bool referencedEndKnown = false;
-    // Free slots by size (best fit), and slots released but maybe still
-    // pointed at by durable tables. The free slots' nodes come from a pool
-    // that takes back what is erased: grains that move, slot after slot,
+    // The nodes of the free and reused slots' trees come from a pool that
+    // takes back what is erased: grains that move, slot after slot,
     // allocate nothing once the pool has grown.
-    std::pmr::unsynchronized_pool_resource freeSlotNodes;
-    std::pmr::multimap<long long, long long> freeSlots{&freeSlotNodes};
+    std::pmr::unsynchronized_pool_resource slotNodes;
+    // Free slots by size (best fit), and slots released but maybe still
+    // pointed at by durable tables.
+    std::pmr::multimap<long long, long long> freeSlots{&slotNodes};
     std::vector<CSlot> releasedSlots;
     // How many of releasedSlots the tables being written no longer point at.
     size_t committableSlots = 0;
     // Since the tables were last written: slots appended from
     // uncommittedFrom (bytes) on, and free slots handed out again (their
-    // sectors, sorted; a vector keeps its room between commits, so rewrites
-    // allocate nothing once it has grown).
+    // sectors).
     bool appendedSinceCommit = false;
     long long uncommittedFrom = 0;
-    std::vector<long long> reusedSinceCommit;
+    std::pmr::set<long long> reusedSinceCommit{&slotNodes};
 };
 
 } // namespace kord
