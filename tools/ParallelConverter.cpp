@@ -9,12 +9,16 @@ namespace {
 
 // Slots per worker: enough that workers rarely wait for the reader or writer.
 constexpr int slotsPerWorker = 3;
-// Grains in the whole ring, whatever the number of workers, so that memory
-// stays bounded; runs get shorter as workers are added, down to one grain.
+// Grains in the whole ring, so that memory stays bounded; runs get shorter
+// as workers are added, down to one grain. Only with more workers than
+// that does the ring grow, by a grain a worker: each works on a run of
+// its own while the reader fills one and the writer drains another.
 constexpr int ringGrains = 24;
 constexpr int longestRun = 8;
 
 int runLength(int workers) { return std::max(1, std::min(longestRun, ringGrains / (slotsPerWorker * workers))); }
+
+int slotCount(int workers) { return std::max(workers + 2, ringGrains / runLength(workers)); }
 
 } // namespace
 
@@ -27,7 +31,7 @@ CParallelConverter::CParallelConverter(IConvertSource& source, CDiskSource* sour
       grainBytes(this->targetDisk ? this->targetDisk->getGrainSizeBytes() : this->sourceDisk->getGrainSizeBytes()),
       grainCount(source.getSizeBytes() / grainBytes), runGrains(runLength(workerCount)),
       runCount((grainCount + runGrains - 1) / runGrains), workers(static_cast<size_t>(workerCount)),
-      slots(static_cast<size_t>(workerCount * slotsPerWorker))
+      slots(static_cast<size_t>(slotCount(workerCount)))
 {
     for (CSlot& slot : slots) slot.grains.resize(static_cast<size_t>(runGrains));
     for (CWorker& worker : workers) {
