@@ -21,17 +21,18 @@ constexpr const char* samplePassword = "sample-secret";
 // monolithicSparse, twoGbMaxExtentSparse, streamOptimized, an encrypted
 // streamOptimized disk, and a delta disk of the first with changes of its
 // own, made by the kord program: data at the start, across grains, in one
-// whole grain and in the last sector.
+// whole grain and in the last sector, each from its own part of the random
+// bytes, so that a write or read at the wrong place shows.
 inline std::vector<CSampleDisk> makeSampleDisks(const std::string& dir)
 {
     disktest::putFile(dir + "/password.txt", std::string(samplePassword) + "\n");
     runIn(dir, "K='" KORD_BINARY_DIR "/tools/kord' && export KORD_PASSWORD=" + std::string(samplePassword) +
-                   " && head -c 300000 /dev/urandom >sample.bin && w() { head -c $3 sample.bin | $K write --offset $2 $1 -; }"
+                   " && head -c 700000 /dev/urandom >sample.bin && w() { tail -c +$4 sample.bin | head -c $3 | $K write --offset $2 $1 -; }"
                    " && for d in monolithicSparse:monolithic twoGbMaxExtentSparse:split streamOptimized:stream "
                    "'streamOptimized --encrypt --password-file password.txt:encrypted'; do f=${d##*:}.vmdk && "
-                   "$K create -t ${d%:*} $f 8M && w $f 0 100000 && w $f 1049810 300000 && w $f 5M 65536 && "
-                   "w $f 8388096 512; done && $K create -b monolithic.vmdk delta.vmdk && w delta.vmdk 50000 70000 && "
-                   "w delta.vmdk 3M 131072");
+                   "$K create -t ${d%:*} $f 8M && w $f 0 100000 1 && w $f 1049810 300000 100001 && "
+                   "w $f 5M 65536 400001 && w $f 8388096 512 465537; done && $K create -b monolithic.vmdk delta.vmdk && "
+                   "w delta.vmdk 50000 70000 466049 && w delta.vmdk 3M 131072 536049");
     return {{"monolithic.vmdk", ""}, {"split.vmdk", ""}, {"stream.vmdk", ""}, {"encrypted.vmdk", samplePassword},
             {"delta.vmdk", ""}};
 }

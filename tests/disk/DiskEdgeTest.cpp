@@ -351,6 +351,7 @@ TEST_F(DiskEdgeTest, passwordsAndEncryptionBounds)
         zu::CError e = expectError<CError>([&] { open("e.vmdk", R, "guess" + std::to_string(i)); }, wrong, -1);
         EXPECT_EQ(uri("e.vmdk").toNormalized().toString(true).toUTF8(), prop(e, "uri"));
     }
+    expectError<CError>([&] { open("e.vmdk", R, ""); }, "VMDK is encrypted but no password provided", -1);
 
     // A new password wraps the same key under a new salt: no byte outside
     // the descriptor changes.
