@@ -8,6 +8,7 @@
 #include "DiskTestUtil.h"
 
 #include "common/CFaultFileSystem.h"
+#include "common/ExtentTestUtil.h"
 
 #include <algorithm>
 #include <tuple>
@@ -127,8 +128,16 @@ TEST_F(DurabilityTest, trailAndRedundantTablesLeftBehindAreRepairedByTheNextFlus
         damage(files.at(key), trailAt);
         zu::P<CFaultFileSystem> fs = zu::newObj<CFaultFileSystem>(files);
         EXPECT_FALSE(findingKinds(fs, diskURI).empty());
+        kordtest::LogCapture log;
         writeAt(*openDisk(fs, diskURI, RW), 5 * grainBytes, data);
         expectIntact(fs, {{5 * grainBytes, data}, {0, kordtest::pattern(grainBytes, 1)}});
+        EXPECT_EQ(name == "cut trail", log.contains("VMDK trail data was cut short by an interrupted write"));
+        EXPECT_EQ(name == "lost trail", log.contains("VMDK trail data is not what we expected. Assuming that it is "
+                                                     "not trail data - we won't overwrite it."));
+        // What could not be told from someone's data is still there.
+        const Bytes& after = fs->getFiles().at(key);
+        EXPECT_TRUE(name != "lost trail" ||
+                    std::all_of(after.begin() + trailAt, after.begin() + trailAt + 3000, [](auto b) { return b == 0x3C; }));
         long long pos = 0, slot = 0;
         inspectExtent(fs, diskURI)->getGrainInfo(5, pos, slot);
         EXPECT_TRUE(newGrainAt < 0 || trailAt + newGrainAt == pos * sector) << pos;
