@@ -135,7 +135,7 @@ TEST_F(DurabilityTest, trailAndRedundantTablesLeftBehindAreRepairedByTheNextFlus
         EXPECT_EQ(name == "lost trail", log.contains("VMDK trail data is not what we expected. Assuming that it is "
                                                      "not trail data - we won't overwrite it."));
         // What could not be told from someone's data is still there.
-        const Bytes& after = fs->getFiles().at(key);
+        const Bytes after = fs->getFiles().at(key);
         EXPECT_TRUE(name != "lost trail" ||
                     std::all_of(after.begin() + trailAt, after.begin() + trailAt + 3000, [](auto b) { return b == 0x3C; }));
         long long pos = 0, slot = 0;
