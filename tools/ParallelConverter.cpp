@@ -9,16 +9,32 @@ namespace {
 
 // Slots per worker: enough that workers rarely wait for the reader or writer.
 constexpr int slotsPerWorker = 3;
-// Grains in the whole ring, so that memory stays bounded; runs get shorter
-// as workers are added, down to one grain. Only with more workers than
-// that does the ring grow, by a grain a worker: each works on a run of
-// its own while the reader fills one and the writer drains another.
-constexpr int ringGrains = 24;
+// The ring holds this many grain-sized buffers, at most longestRing grains,
+// so that memory stays bounded: fewer grains where each passes through more
+// forms. Runs get shorter as workers are added, down to one grain. Only
+// with more workers than grains does the ring grow, by a grain a worker:
+// each works on a run of its own while the reader fills one and the writer
+// drains another.
+constexpr int ringBuffers = 36;
+constexpr int longestRing = 24;
 constexpr int longestRun = 8;
 
-int runLength(int workers) { return std::max(1, std::min(longestRun, ringGrains / (slotsPerWorker * workers))); }
+// Grain-sized buffers a grain fills on its way: what is read, and each form
+// it is turned into.
+int buffersPerGrain(kord::CVMDKDisk* sourceDisk, kord::CVMDKDisk* targetDisk, bool storedInput, bool passPrepared)
+{
+    int buffers = 1;
+    if (storedInput && !passPrepared && sourceDisk->getCompressed()) ++buffers;
+    if (targetDisk && !passPrepared && targetDisk->getCompressed()) ++buffers;
+    if (targetDisk && targetDisk->isEncrypted()) ++buffers;
+    return buffers;
+}
 
-int slotCount(int workers) { return std::max(workers + 2, ringGrains / runLength(workers)); }
+int ringGrains(int buffers) { return std::min(longestRing, ringBuffers / buffers); }
+
+int runLength(int workers, int ring) { return std::max(1, std::min(longestRun, ring / (slotsPerWorker * workers))); }
+
+int slotCount(int workers, int ring) { return std::max(workers + 2, ring / runLength(workers, ring)); }
 
 } // namespace
 
@@ -29,9 +45,10 @@ CParallelConverter::CParallelConverter(IConvertSource& source, CDiskSource* sour
       targetDisk(targetDisk ? targetDisk->getDisk() : nullptr), passPrepared(passPrepared),
       storedInput(this->sourceDisk && (passPrepared || readsStoredGrains(this->sourceDisk))), progress(progress),
       grainBytes(this->targetDisk ? this->targetDisk->getGrainSizeBytes() : this->sourceDisk->getGrainSizeBytes()),
-      grainCount(source.getSizeBytes() / grainBytes), runGrains(runLength(workerCount)),
-      runCount((grainCount + runGrains - 1) / runGrains), workers(static_cast<size_t>(workerCount)),
-      slots(static_cast<size_t>(slotCount(workerCount)))
+      grainCount(source.getSizeBytes() / grainBytes),
+      ring(ringGrains(buffersPerGrain(this->sourceDisk, this->targetDisk, storedInput, passPrepared))),
+      runGrains(runLength(workerCount, ring)), runCount((grainCount + runGrains - 1) / runGrains),
+      workers(static_cast<size_t>(workerCount)), slots(static_cast<size_t>(slotCount(workerCount, ring)))
 {
     for (CSlot& slot : slots) slot.grains.resize(static_cast<size_t>(runGrains));
     for (CWorker& worker : workers) {

@@ -102,6 +102,8 @@ private:
     CProgress& progress;
     long long grainBytes;
     long long grainCount;
+    // Grains the ring holds (before it grows for many workers).
+    int ring;
     int runGrains;
     long long runCount;
     std::vector<CWorker> workers;
